@@ -1,0 +1,44 @@
+# Entry points for people: `make demo` runs the main job, `make test` the tests. Both set up
+# what the machine lacks first (scripts/deps.sh), then configure and build.
+BUILD_DIR ?= build
+CMAKE_FLAGS ?=
+JOBS ?= $(shell nproc)
+CTEST_FLAGS ?= --output-on-failure -j $(JOBS)
+
+.PHONY: all deps configure build test demo sanitize-test tsan-test format format-check install clean
+
+all: build
+
+deps:
+	@bash scripts/deps.sh
+
+configure: deps
+	@cmake -S . -B $(BUILD_DIR) -G Ninja $(CMAKE_FLAGS) >/dev/null
+
+build: configure
+	@cmake --build $(BUILD_DIR) -j $(JOBS)
+
+test: build
+	@cd $(BUILD_DIR) && ctest $(CTEST_FLAGS)
+
+demo: build
+	@bash scripts/demo.sh $(BUILD_DIR)
+
+# The same tests under AddressSanitizer/UBSan and under ThreadSanitizer, in their own trees.
+sanitize-test: deps
+	@$(MAKE) --no-print-directory test BUILD_DIR=build-asan CMAKE_FLAGS="$(CMAKE_FLAGS) -DSANITIZE=address,undefined -DBUILD_BENCHMARKS=OFF"
+
+tsan-test: deps
+	@$(MAKE) --no-print-directory test BUILD_DIR=build-tsan CMAKE_FLAGS="$(CMAKE_FLAGS) -DSANITIZE=thread -DBUILD_BENCHMARKS=OFF"
+
+format:
+	@git ls-files '*.cpp' '*.h' | xargs clang-format -i
+
+format-check:
+	@git ls-files '*.cpp' '*.h' | xargs clang-format --dry-run --Werror
+
+install: build
+	@cmake --install $(BUILD_DIR) --prefix $(or $(PREFIX),$(CURDIR)/install)
+
+clean:
+	@rm -rf build build-asan build-tsan install

@@ -1,0 +1,23 @@
+# Installation mirrors the build layout under the prefix (bin/, lib/, plugin/<kind>/) and
+# adds what a plug-in author builds against: headers, a CMake package and a pkg-config file.
+include(CMakePackageConfigHelpers)
+
+install(DIRECTORY ${CMAKE_SOURCE_DIR}/platform/include/
+        DESTINATION ${PM_INSTALL_INCLUDEDIR} FILES_MATCHING PATTERN "*.h")
+
+install(EXPORT BasicServiceTargets
+        NAMESPACE BasicService::
+        DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/BasicService)
+configure_package_config_file(${CMAKE_SOURCE_DIR}/cmake/BasicServiceConfig.cmake.in
+  ${CMAKE_BINARY_DIR}/BasicServiceConfig.cmake
+  INSTALL_DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/BasicService)
+write_basic_package_version_file(${CMAKE_BINARY_DIR}/BasicServiceConfigVersion.cmake
+  COMPATIBILITY SameMajorVersion)
+install(FILES ${CMAKE_BINARY_DIR}/BasicServiceConfig.cmake
+              ${CMAKE_BINARY_DIR}/BasicServiceConfigVersion.cmake
+        DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/BasicService)
+
+configure_file(${CMAKE_SOURCE_DIR}/cmake/basicservice.pc.in
+               ${CMAKE_BINARY_DIR}/basicservice.pc @ONLY)
+install(FILES ${CMAKE_BINARY_DIR}/basicservice.pc
+        DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

@@ -1,0 +1,30 @@
+# Warning and sanitizer flags shared by every target of the project.
+add_compile_options(-Wall -Wextra)
+if(WERROR)
+  add_compile_options(-Werror)
+endif()
+
+if(SANITIZE)
+  string(REPLACE "," ";" _pm_sanitizers "${SANITIZE}")
+  foreach(_s IN LISTS _pm_sanitizers)
+    if(NOT _s MATCHES "^(address|undefined|thread|leak)$")
+      message(FATAL_ERROR "SANITIZE: unknown sanitizer '${_s}'")
+    endif()
+  endforeach()
+  if("thread" IN_LIST _pm_sanitizers AND "address" IN_LIST _pm_sanitizers)
+    message(FATAL_ERROR "SANITIZE: thread cannot be combined with address")
+  endif()
+  add_compile_options(-fsanitize=${SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
+  add_link_options(-fsanitize=${SANITIZE})
+endif()
+
+# Plug-ins are built into plugin/<kind>/ and find the libraries two levels up.
+function(pm_add_plugin name kind)
+  add_library(${name} MODULE ${ARGN})
+  set_target_properties(${name} PROPERTIES
+    PREFIX "lib"
+    LIBRARY_OUTPUT_DIRECTORY ${PM_PLUGIN_OUTPUT_DIRECTORY}/${kind}
+    INSTALL_RPATH "$ORIGIN/../../lib"
+    CXX_VISIBILITY_PRESET hidden
+    VISIBILITY_INLINES_HIDDEN ON)
+endfunction()

@@ -1,0 +1,36 @@
+// Debug print of the recorder's common support library, desktop build.
+#ifndef PLATFORM_COMMON_LOG_H
+#define PLATFORM_COMMON_LOG_H
+
+#include <functional>
+#include <string>
+
+namespace Common {
+
+// One record per call. Printed when `level` <= the log level: PM_LOG_LEVEL from the
+// environment (default 1), or the value set with SetLogLevel. Records go to stderr, or are
+// appended to the file named by PM_LOG_FILE. Each printed line is the formatted text
+// unchanged behind a prefix "[HH:MM:SS.mmm L<level>] "; a text without a final newline
+// gets one. Records of several threads never interleave.
+void gclDebugPrintf(int level, const char* file, const char* func, int line, const char* fmt,
+                    ...) __attribute__((format(printf, 5, 6)));
+
+int GetLogLevel();
+void SetLogLevel(int level);
+
+// Test hook: while a sink is installed, every record, whatever its level, is also handed to
+// it, formatted, with its level. The sink runs on the logging thread with the log lock held;
+// it must not log itself. An empty function removes the sink.
+struct LogRecord {
+    int level;
+    const char* file;
+    const char* func;
+    int line;
+    std::string text;  // formatted text exactly as the caller formatted it
+};
+using LogSink = std::function<void(const LogRecord&)>;
+void SetLogSinkForTest(LogSink sink);
+
+}  // namespace Common
+
+#endif

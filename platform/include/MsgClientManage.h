@@ -1,0 +1,92 @@
+// Message-bus client of the recorder's common support library, desktop build (ZeroMQ).
+// The wire format is described in docs/bus.md; other programs speak it, keep it exact.
+#ifndef PLATFORM_MSG_CLIENT_MANAGE_H
+#define PLATFORM_MSG_CLIENT_MANAGE_H
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+
+namespace Common {
+
+// The 16-byte head in front of every message, little-endian words.
+struct SMessageHead {
+    uint32_t nEventId;      // word 0: event id
+    uint32_t nSenderId;     // word 1: sender's module id (ownId of MSGSendMessage); 0 in an answer
+    uint32_t nSeq;          // word 2: sequence number, copied into the answer
+    uint32_t length : 23;   // word 3 bits 0-22: payload length in bytes
+    uint32_t needAnswer : 1;  // bit 23: the sender asks for an answer
+    uint32_t isAnswer : 1;    // bit 24: made by MSGResponseMessage
+    uint32_t reserved : 7;    // bits 25-31: zero
+};
+static_assert(sizeof(SMessageHead) == 16, "the bus head is 16 bytes");
+
+constexpr uint32_t kMsgAnswerBit = 0x8000;         // answer id = request id | this
+constexpr uint32_t kMsgMaxPayload = 0x7FFFFF;      // what the 23-bit length can carry
+constexpr uint32_t kMsgWatchdogEvent = 0x00FFFF01;  // published by MSGFeedWatchDog
+constexpr unsigned kMsgMinHandlerBuffer = 4096;    // handlers' buffers are zero-padded to this
+
+}  // namespace Common
+
+// Base of every object that registers bus handlers: handlers are member functions
+// `int Handler(const char* data, int len)` of the registering class.
+class CMsgClientManage {
+public:
+    using HandlerFn = std::function<int(const char* data, int len)>;
+
+    // Connects to the bus named by RECORDER_BUS (see docs/bus.md). `name` may be null (the
+    // clients of independent peripherals have none); it is what the watchdog reports.
+    // `queueSize` is the recorder's message-queue size and is not used on the desktop.
+    // A client that cannot connect logs why and stays usable: sends fail, waits time out.
+    CMsgClientManage(const char* name, int queueSize);
+    ~CMsgClientManage();
+
+    // Routes every message `eventId` to object->handler, after the handlers registered for it
+    // before. Several ownIds may register the same event; one ownId registering the same event
+    // again replaces its handler. When this returns, the bus delivers the event to this client
+    // (a fresh subscription is confirmed through the broker first). Any thread. Returns 0.
+    template <class Object, class Owner>
+    int MSGEventRegister(int ownId, int eventId, const Object* object,
+                         int (Owner::*handler)(const char*, int)) {
+        Owner* target = const_cast<Object*>(object);
+        return RegisterHandler(ownId, eventId,
+                               [target, handler](const char* d, int l) { return (target->*handler)(d, l); });
+    }
+    // The same with any callable (tools and tests).
+    int RegisterHandler(int ownId, int eventId, HandlerFn fn);
+
+    // Removes ownId's handler of eventId; the subscription goes with the last handler.
+    // Unknown pairs are ignored. Any thread. Returns 0.
+    int MSGEventUnRegister(int ownId, int eventId);
+
+    // Publishes a message. `target` is reserved (always 0); `needAnswer` 1 sets bit 23. Any
+    // thread. Returns 0, or -1 when the message cannot be queued (logged).
+    int MSGSendMessage(int target, int eventId, int needAnswer, const char* data, int len,
+                       int ownId);
+
+    // Answers `request` (a message received by a handler): event id | 0x8000, the request's
+    // sequence number, sender 0, bit 24 set. Any thread. Returns 0 or -1.
+    int MSGResponseMessage(Common::SMessageHead* request, const char* data, int len);
+
+    // Waits up to `ms` for the first message, then runs the handlers of every message already
+    // received, on the calling thread. Call it from one thread per client. Returns the number of
+    // messages dispatched.
+    int MSGWaitForEvent(unsigned int ms);
+
+    // Remembers `now`; at most once a second publishes kMsgWatchdogEvent with the client's name
+    // (32 bytes, NUL-padded) and `now` (int64, little-endian).
+    void MSGFeedWatchDog(long long now);
+
+    const std::string& Name() const;
+    bool IsConnected() const;
+
+    CMsgClientManage(const CMsgClientManage&) = delete;
+    CMsgClientManage& operator=(const CMsgClientManage&) = delete;
+
+private:
+    struct Impl;
+    std::unique_ptr<Impl> m_pImpl;
+};
+
+#endif

@@ -1,0 +1,88 @@
+// Helpers shared by the tests: temporary folders, environment overrides, bounded waits,
+// log capture and a private bus.
+#ifndef TESTS_SUPPORT_TEST_SUPPORT_H
+#define TESTS_SUPPORT_TEST_SUPPORT_H
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "CommonLog.h"
+
+namespace Common {
+class CMsgBroker;
+}
+
+namespace pmtest {
+
+// A fresh folder below $TMPDIR (or /tmp), removed with everything in it on destruction.
+class TempDir {
+public:
+    TempDir();
+    ~TempDir();
+    const std::string& Path() const { return m_path; }
+    std::string File(const std::string& relative) const { return m_path + "/" + relative; }
+    // Writes `content` to `relative` (creating parent folders) and returns the full path.
+    std::string Write(const std::string& relative, const std::string& content) const;
+
+private:
+    std::string m_path;
+};
+
+// Sets (or, with nullopt, unsets) an environment variable for the scope's life.
+class ScopedEnv {
+public:
+    ScopedEnv(const std::string& name, std::optional<std::string> value);
+    ~ScopedEnv();
+
+private:
+    std::string m_name;
+    std::optional<std::string> m_old;
+};
+
+// Polls `pred` every few milliseconds until it holds or `timeout` passes; returns its last
+// value. Tests wait for events with this, never with bare sleeps.
+bool WaitUntil(const std::function<bool()>& pred,
+               std::chrono::milliseconds timeout = std::chrono::seconds(5));
+
+// Captures every log record (whatever its level) while alive.
+class LogCapture {
+public:
+    LogCapture();
+    ~LogCapture();
+    std::vector<Common::LogRecord> Records() const;
+    // Number of records whose text contains `needle`.
+    size_t Count(const std::string& needle) const;
+    bool Contains(const std::string& needle) const { return Count(needle) > 0; }
+    // Waits until a record containing `needle` has been seen.
+    bool WaitFor(const std::string& needle,
+                 std::chrono::milliseconds timeout = std::chrono::seconds(5)) const;
+    void Clear();
+
+private:
+    mutable std::mutex m_lock;
+    std::vector<Common::LogRecord> m_records;
+};
+
+// A broker of its own on ipc in a temporary folder, with RECORDER_BUS pointing at it for
+// the life of the object. Create it before any bus client of the test.
+class PrivateBus {
+public:
+    PrivateBus();
+    ~PrivateBus();
+    const std::string& Address() const { return m_address; }  // the RECORDER_BUS value
+
+private:
+    TempDir m_dir;
+    std::string m_address;
+    std::unique_ptr<ScopedEnv> m_env;
+    std::unique_ptr<Common::CMsgBroker> m_broker;
+};
+
+}  // namespace pmtest
+
+#endif
