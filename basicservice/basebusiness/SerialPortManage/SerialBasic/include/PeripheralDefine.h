@@ -1,0 +1,126 @@
+// Shared types and records of the peripheral-management service and its plug-ins.
+// The parameter records are wire formats: they travel byte for byte on the bus.
+#ifndef SERIALBASIC_PERIPHERAL_DEFINE_H
+#define SERIALBASIC_PERIPHERAL_DEFINE_H
+
+#include <cstdint>
+#include <string>
+
+#include "SerialDefine.h"
+
+class CPeripheralManage;
+class CPeripheralBase;
+class CMsgClientManage;
+
+// Kind of a peripheral; also the plug-in folder it is loaded from.
+enum ePeripheralType {
+    PERIPHERAL_TYPE_SERIAL = 0,    // ../plugin/serial/
+    PERIPHERAL_TYPE_CANPORT = 1,   // ../plugin/can/
+    PERIPHERAL_TYPE_ETHERNET = 2,  // ../plugin/ethernet/
+};
+
+// Built-in serial peripherals: main id 0 marks an empty port slot.
+enum : unsigned int {
+    PERIPHERAL_MAINID_NONE = 0,
+    PERIPHERAL_MAINID_EXTEND_BOX = 1,
+    PERIPHERAL_MAINID_EXTEND_HUB_BOX = 149,
+};
+
+// A protocol and its variant: main function id, then sub function id.
+struct PeripheralPair {
+    uint32_t mainId;
+    uint32_t subId;
+};
+
+// One configured protocol, as read from the peripheral configuration document.
+struct PeripheralProperty {
+    uint32_t mainId;
+    uint32_t subId;
+    uint32_t baud;      // SerialBaudRate
+    uint32_t dataBit;   // SerialDataBitMode
+    uint32_t stopBit;   // SerialStopBitMode
+    uint32_t parity;    // SerialParityMode
+    uint32_t flow;      // SerialFlowControlMode
+    int32_t protocolType;  // eSerialProtocolType; 2 when the document says nothing
+};
+static_assert(sizeof(PeripheralProperty) == 32, "eight 32-bit fields");
+
+#pragma pack(push, 1)
+
+// Sub-port behind an extension box; laid out like the head of a port entry.
+struct SerialExtendEntry_t {
+    uint8_t mainFun;
+    uint8_t baudrate;     // SerialBaudRate
+    uint8_t subFun;
+    uint8_t lineSetting[5];  // further line settings, not interpreted by the service
+};
+
+struct SerialPortEntry_t {
+    uint8_t mainFun;   // 0 = no peripheral on this port
+    uint8_t baudrate;  // SerialBaudRate
+    uint8_t subFun;
+    uint8_t lineSetting[5];
+    SerialExtendEntry_t extend[8];  // used only when mainFun is an extension box (1 or 149)
+};
+
+// The recorder's serial parameter setting. Ports 0-3 are MCU ports, 4-7 main-chip ports,
+// 8-11 main-chip ports of the second group.
+struct paramSerialSetting_t {
+    SerialPortEntry_t port[12];
+    uint8_t reserved[128];
+};
+
+// CAN entry: note the order differs from the serial entry (baud after the two ids).
+struct CanPortEntry_t {
+    uint8_t mainFun;
+    uint8_t subFun;
+    uint8_t baudrate;
+    uint8_t setting[17];
+};
+
+struct paramCanSetting_t {
+    CanPortEntry_t port[4];
+    uint8_t reserved[128];
+};
+
+struct EthernetEntry_t {
+    uint8_t mainFun;
+    uint8_t subFun;
+    uint8_t reserved0[2];
+    char ip[16];      // peer IPv4 address, NUL-terminated dotted text
+    uint16_t port;    // peer port, little-endian
+    uint8_t setting[30];
+};
+
+struct paramPeripheralEtherNet_t {
+    EthernetEntry_t entry[4];
+    uint8_t reserved[128];
+};
+
+// FTP setting as the recorder sends it; handed on whole.
+struct tag_MsgFtpSetting {
+    uint8_t data[416];
+};
+
+#pragma pack(pop)
+
+static_assert(sizeof(SerialPortEntry_t) == 72, "serial port entry is 72 bytes");
+static_assert(sizeof(paramSerialSetting_t) == 992, "serial setting is 992 bytes");
+static_assert(sizeof(paramCanSetting_t) == 208, "CAN setting is 208 bytes");
+static_assert(sizeof(EthernetEntry_t) == 52, "Ethernet entry is 52 bytes");
+static_assert(sizeof(paramPeripheralEtherNet_t) == 336, "Ethernet setting is 336 bytes");
+static_assert(sizeof(tag_MsgFtpSetting) == 416, "FTP setting is 416 bytes");
+
+// The manager's serial parameter block: the last serial setting, then the device path of
+// the main chip's serial port at each position 0 to 11 (empty when not configured).
+struct SerialParam_t {
+    paramSerialSetting_t stuSerialSetting;
+    std::string strSerialPath[12];
+};
+
+// Entry points of a protocol plug-in library (exported unmangled).
+typedef CPeripheralBase* (*PeripheralCreateFn)(CPeripheralManage* manage, CMsgClientManage* client,
+                                                unsigned int mainId, unsigned int subId);
+typedef void (*PeripheralReleaseFn)(CPeripheralBase* instance);
+
+#endif

@@ -1,0 +1,197 @@
+// The peripheral manager: the service object that the host creates through Create(). It owns
+// the bus client, the serial device layer, the configuration and every peripheral instance.
+// Plug-ins reach it through the getters below.
+#ifndef SERIALBASIC_PERIPHERAL_MANAGE_H
+#define SERIALBASIC_PERIPHERAL_MANAGE_H
+
+#include <pthread.h>
+
+#include <atomic>
+#include <cstdint>
+#include <list>
+#include <map>
+#include <string>
+#include <vector>
+
+#include <json/json.h>
+
+#include "BasicServiceExport.h"
+#include "CommonThread.h"
+#include "MsgClientManage.h"
+#include "PeripheralDefine.h"
+#include "ServiceBase.h"
+#include "SysConfig.h"
+
+class CSerialDevOperate;
+
+// The record of one live instance.
+struct PeripheralProperty_t {
+    void* pLibHandle;              // from dlopen; null for the built-in extension boxes
+    PeripheralCreateFn pCreate;    // PeripheralCreate, or the built-in factory
+    PeripheralReleaseFn pRelease;  // PeripheralRelease, or the built-in releaser
+    std::string strName;           // configured library name; empty for the built-ins
+    CPeripheralBase* pInstance;    // null after a release
+};
+
+// Bits of m_nParamState: set while the parameter has not arrived yet.
+enum : uint16_t {
+    PARAM_STATE_IPC = 0x0001,
+    PARAM_STATE_SERIAL = 0x0002,
+    PARAM_STATE_CAN = 0x0004,
+    PARAM_STATE_ETHERNET = 0x0008,
+    PARAM_STATE_FTP = 0x0010,
+};
+
+// Bits of m_nStatusState: set once the recorder state has been received.
+enum : uint32_t {
+    STATUS_STATE_DIGITAL_VLOSS = 0x01,
+    STATUS_STATE_VLOSS = 0x02,
+    STATUS_STATE_LED = 0x04,
+};
+
+// Bits of m_nCurPeripheral: which peripheral kinds the configuration holds.
+enum : uint8_t {
+    CUR_PERIPHERAL_SERIAL = 0x01,
+    CUR_PERIPHERAL_CAN = 0x02,
+    CUR_PERIPHERAL_ETHERNET = 0x04,
+};
+
+// Threads: bus handlers, reconciliation, the registry and the shared cycle run on the manager
+// thread. The getters marked "any thread" may be called from peripheral threads.
+class BASICSERVICE_API CPeripheralManage : public Common::CThread, public CServiceBase {
+public:
+    CPeripheralManage();
+    ~CPeripheralManage() override;
+
+    int Initialize();
+    int ThreadFuncImpl() override;
+    void PhmThreadCycle(long long now);
+    void GetPeripheralConfig(ePeripheralType type, std::vector<PeripheralProperty>& out);
+
+    // Bus registrations of the manager.
+    int PhmMessageRegister();
+    int PhmMessageUnRegister();
+
+    // Configuration document "DEVICE_SERIAL_EXTEND_CFG": 1 read, 0 missing.
+    int AnalysePeripheralConfig();
+
+    // Plug-in loader and instance registry (manager thread).
+    int CreatePeripheralInstance(ePeripheralType type, unsigned int mainId, unsigned int subId);
+    int OpenPeripheralLib(ePeripheralType type, unsigned int mainId, unsigned int subId);
+    int LoadPeripheralPlugin(ePeripheralType type, unsigned int oldMainId, unsigned int oldSubId,
+                             unsigned int newMainId, unsigned int newSubId);
+    int SwitchPeripheralInSameLib(unsigned int mainId, unsigned int oldSubId, unsigned int newSubId);
+    int RemovePeripheralInstance(ePeripheralType type, unsigned int mainId, unsigned int subId);
+    CPeripheralBase* GetPeripheralInstance(ePeripheralType type, unsigned int mainId,
+                                           unsigned int subId);
+    // Index of the peripheral's entry in the current parameter setting, or 255.
+    unsigned char GetPeripheralParamId(ePeripheralType type, unsigned int mainId,
+                                       unsigned int subId);
+    // User-visible port number 0-3 of a serial peripheral, or 0.
+    unsigned char GetPeripheralUiId(ePeripheralType type, unsigned int mainId, unsigned int subId);
+
+    // Parameter-change reconciliation.
+    int OnUpdateSerialParamSetting(const char* data, int length);
+    int OnUpdateCanParamSetting(const char* data, int length);
+    int OnUpdateEthernetParamSetting(const char* data, int length);
+    int UpdateSerialInstance(const paramSerialSetting_t& setting);
+    int UpdateCanInstance(const paramCanSetting_t& setting);
+    int UpdateEthernetInstance(const paramPeripheralEtherNet_t& setting);
+    void GetChangedPeripPair(ePeripheralType type, std::vector<PeripheralPair>& out);
+    // 1 when (mainId, subId) is among the changed serial peripherals. Valid only inside
+    // HandlePeripParamChange.
+    int CheckPeripPropertyChanged(ePeripheralType type, unsigned int mainId, unsigned int subId);
+    int PrintPeripheralParam(ePeripheralType type, void* record);
+
+    // Device status relay: bus handlers.
+    int OnSetDebugLevel(const char* data, int length);
+    int OnDeviceModuleComplete(const char* data, int length);
+    int OnDeviceModuleReleaseSerial(const char* data, int length);
+    int OnUpdataIPCSetting(const char* data, int length);
+    int OnUpdataDigitalVideoLossStatus(const char* data, int length);
+    int OnUpdataVideoLossStatus(const char* data, int length);
+    int OnUpdateLedState(const char* data, int length);
+    int OnUpdataStorageStatus(const char* data, int length);
+    int OnUpdateDeviceVehicleInfo(const char* data, int length);
+    int OnGetFtpParam(const char* data, int length);
+    int OnProcessPowerdown(const char* data, int length);
+    int OnDispatchProxyData(const char* data, int length);
+    int OnGetUpgradingPeripInfo(const char* data, int length);
+
+    // Getters for plug-ins (any thread).
+    unsigned int GetViChnNum() const { return m_nViChnNum; }
+    unsigned int GetDigitalChnNum() const { return m_nDigitalChnNum; }
+    unsigned int GetTotalChnNum() const { return m_nTotalChnNum; }
+    unsigned int GetCurVideoLossState() const;
+    // The last serial setting and the main-chip paths. Written on the manager thread only.
+    SerialParam_t* GetSystemSerialParam() { return &m_stuSystemSerialParam; }
+    // The last Ethernet and CAN settings. Written on the manager thread only.
+    const paramPeripheralEtherNet_t* GetEthernetParam() const { return &m_stuEthernetParam; }
+    const paramCanSetting_t* GetCanParam() const { return &m_stuCanParam; }
+    CSerialDevOperate* GetSerialDevOperatePtr() const { return m_pSerialDevOperate; }
+    // Copies the 12 LED panel bytes; nothing when out is null.
+    void GetCurSysLedState(unsigned char* out);
+    void GetFtpParam(tag_MsgFtpSetting& out);
+    unsigned int GetDebugLevel() const { return m_nDebugLevel; }
+
+    // The tty that the recorder's co-processor may hold: 1 while it is held.
+    unsigned char CheckCpxOccupancySerial(std::string path);
+    void BroadcastCpxSerialRelease(std::string path);
+
+    // Hex dump to standard output when the debug level is at least `level`.
+    void hex_dump(std::string title, const char* data, unsigned int length, int level);
+
+    CMsgClientManage* GetMsgClient() const { return m_pMsgClient; }
+    int GetMsgId() const { return m_nMsgId; }
+
+protected:
+    eProductType m_eServiceProductType;
+    CMsgClientManage* m_pMsgClient;
+    int m_nMsgId;
+    int m_nServiceState;
+    std::map<ePeripheralType, std::map<unsigned int, std::string>> m_mapPeripheralLibName;
+    std::list<PeripheralProperty_t> m_listPeripheralPlugin;
+    uint8_t m_nCurPeripheral;
+    Json::Value m_jsonPeripheralCfg;
+    uint16_t m_nParamState;
+    SerialParam_t m_stuSystemSerialParam;
+    paramCanSetting_t m_stuCanParam;
+    paramPeripheralEtherNet_t m_stuEthernetParam;
+    uint8_t m_stuIpcSetting[408];
+    uint32_t m_nViChnNum;
+    uint32_t m_nDigitalChnNum;
+    uint32_t m_nTotalChnNum;
+    pthread_mutex_t m_VideoLossLock;
+    std::atomic<uint32_t> m_nVideoLossState;  // written under m_VideoLossLock, read without
+    uint32_t m_nStatusState;
+    pthread_mutex_t m_LedLock;
+    uint8_t m_stuSysLedState[12];
+    uint8_t m_stuStorageStatus[32];
+    uint8_t m_stuVehicleInfo[56];
+    eProductType m_nProductType;
+    pthread_mutex_t m_FtpLock;
+    tag_MsgFtpSetting m_stuFtpSetting;
+    uint8_t m_ucDeviceModuleReady;
+    CSerialDevOperate* m_pSerialDevOperate;
+    std::map<ePeripheralType, std::vector<PeripheralProperty>> m_mapPeripheralConfig;
+    uint8_t m_ucCpxOccupy;
+    uint8_t m_ucTestEnable;
+    uint8_t m_ucisPlugIn;
+    std::atomic<unsigned int> m_nDebugLevel;
+    std::map<ePeripheralType, std::vector<PeripheralPair>> m_mapChangedPeripPair;
+};
+
+// The service library's entry for the host.
+extern "C" BASICSERVICE_API CServiceBase* Create();
+
+// Built-in extension boxes (serial main ids 1 and 149, sub id 0).
+BASICSERVICE_API CPeripheralBase* ExtendBoxCreate(CPeripheralManage* manage,
+                                                  CMsgClientManage* client, unsigned int mainId,
+                                                  unsigned int subId);
+BASICSERVICE_API void ExtendBoxRelease(CPeripheralBase* instance);
+BASICSERVICE_API CPeripheralBase* ExtendBoxHubCreate(CPeripheralManage* manage,
+                                                     CMsgClientManage* client,
+                                                     unsigned int mainId, unsigned int subId);
+BASICSERVICE_API void ExtendBoxHubRelease(CPeripheralBase* instance);
+
+#endif

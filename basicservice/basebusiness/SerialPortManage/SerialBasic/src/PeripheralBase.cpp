@@ -1,0 +1,124 @@
+#include "PeripheralBase.h"
+
+#include <stdlib.h>
+#include <unistd.h>
+
+#include "CommonLog.h"
+#include "CommonTime.h"
+
+#define PBASE_LOG(level, ...) \
+    Common::gclDebugPrintf(level, __FILE__, __FUNCTION__, __LINE__, __VA_ARGS__)
+
+CPeripheralBase::CPeripheralBase(CPeripheralManage* manage, CMsgClientManage* client,
+                                 ePeripheralType type, unsigned int mainId, unsigned int subId)
+    : m_pPeripheralManage(manage),
+      m_pMsgClient(client),
+      m_ePeripheralType(type),
+      m_nMainId(mainId),
+      m_nSubId(subId),
+      m_nMsgId(0),
+      m_bSharedThread(false),
+      m_nThreadCircleTime(200),
+      m_llLastTime(0),
+      m_bPeripheralStatus(false),
+      m_bPeripOpenStatus(false),
+      m_bUpgrading(false) {
+    if (manage == nullptr) {
+        // An instance without its manager is a programming error the service does not survive.
+        PBASE_LOG(0, "P_BASE: ####Cerate peripheral instance failed, manage ptr is NULL!!!###\n");
+        exit(1);
+    }
+    if (client != nullptr) {
+        m_bSharedThread = true;
+        m_nMsgId = (static_cast<unsigned int>(type) + 1) * 10000 + mainId * 100 + subId;
+    } else {
+        m_bSharedThread = false;
+        m_pMsgClient = new CMsgClientManage(nullptr, 300000);
+        m_nMsgId = 0;
+    }
+}
+
+CPeripheralBase::~CPeripheralBase() {
+    if (!m_bSharedThread) {
+        Stop();
+        delete m_pMsgClient;
+        m_pMsgClient = nullptr;
+    }
+    // A shared instance's client belongs to the manager. Events are unregistered by the
+    // subclasses and StopPeripheralThread, not here.
+}
+
+int CPeripheralBase::PeripheralInitialize() { return 0; }
+int CPeripheralBase::PeripheralThreadCycle(long long) { return 0; }
+int CPeripheralBase::MessageRegister() { return 0; }
+int CPeripheralBase::MessageUnRegister() { return 0; }
+int CPeripheralBase::HandlePeripParamChange() { return 0; }
+
+int CPeripheralBase::Initialize() {
+    if (PeripheralInitialize() < 0) {
+        PBASE_LOG(0, "P_BASE: This Peripheral init falied, type = %d, mainId = %d, subId = %d\n",
+                  m_ePeripheralType, m_nMainId, m_nSubId);
+        return -1;
+    }
+    MessageRegister();
+    if (!m_bSharedThread) {
+        Start(0);
+    }
+    return 0;
+}
+
+namespace {
+// Distance between two clock values; a clock that steps backwards counts as well.
+bool CycleDue(long long now, long long last, unsigned int circle) {
+    long long diff = now - last;
+    if (diff < 0) {
+        diff = -diff;
+    }
+    return diff >= static_cast<long long>(circle);
+}
+}  // namespace
+
+int CPeripheralBase::ThreadFuncImpl() {
+    if (m_bSharedThread) {
+        usleep(10000);
+        return 0;
+    }
+    m_pMsgClient->MSGWaitForEvent(20);
+    long long now = Common::Q7R_TMGetSystemMicroSecond();
+    m_pMsgClient->MSGFeedWatchDog(now);
+    if (!GetCurPeripOpenStatus()) {
+        return 0;
+    }
+    if (CycleDue(now, m_llLastTime, GetThreadCircleTime())) {
+        PBASE_LOG(3, "P_BASE: [%d:%d-%d], Independent Thread running......, curTime = %llu\n",
+                  m_ePeripheralType, m_nMainId, m_nSubId, static_cast<unsigned long long>(now));
+        m_llLastTime = now;
+        PeripheralThreadCycle(now);
+    }
+    return 0;
+}
+
+int CPeripheralBase::SharedThreadCycle(long long now) {
+    if (!GetCurPeripOpenStatus() || !m_bSharedThread) {
+        return 0;
+    }
+    if (!CycleDue(now, m_llLastTime, GetThreadCircleTime())) {
+        return 0;
+    }
+    PBASE_LOG(3, "P_BASE: [%d:%d-%d], Shared Thread running, msgId = %d, last_time = %llu\n",
+              m_ePeripheralType, m_nMainId, m_nSubId, m_nMsgId,
+              static_cast<unsigned long long>(m_llLastTime));
+    m_llLastTime = now;
+    return PeripheralThreadCycle(now);
+}
+
+int CPeripheralBase::StopPeripheralThread() {
+    if (!m_bSharedThread) {
+        Stop();
+        usleep(10000);
+    }
+    SetCurPeripOpenStatus(false);
+    MessageUnRegister();
+    PBASE_LOG(1, "CPeripheralBase StopPeripheralThread\n");
+    return 0;
+}

@@ -1,0 +1,8 @@
+#include "SerialDevExtendBoxHub.h"
+
+CPeripheralBase* ExtendBoxHubCreate(CPeripheralManage*, CMsgClientManage*, unsigned int,
+                                    unsigned int) {
+    return nullptr;
+}
+
+void ExtendBoxHubRelease(CPeripheralBase* instance) { delete instance; }

@@ -1,0 +1,8 @@
+// The extension hub box: the second built-in extension peripheral. Until it is built, its
+// factory creates nothing.
+#ifndef SERIALBASIC_SERIAL_DEV_EXTEND_BOX_HUB_H
+#define SERIALBASIC_SERIAL_DEV_EXTEND_BOX_HUB_H
+
+#include "PeripheralManage.h"
+
+#endif
