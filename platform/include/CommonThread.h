@@ -32,8 +32,8 @@ public:
     // ignored on the desktop. Returns 0, or -1 when the thread runs already or cannot start.
     int Start(int policy = 0);
     // Ends the loop after the current pass and joins the thread. Harmless when the thread is
-    // not running or was stopped before. Called from the thread itself it only ends the loop
-    // (the thread is detached instead of joined), so it never deadlocks.
+    // not running or was stopped before. Called from the thread itself it only ends the loop,
+    // so it never deadlocks; the next Start()/Stop() from outside, or the destructor, joins it.
     int Stop();
     bool IsRunning() const { return m_bRunning.load(); }
 

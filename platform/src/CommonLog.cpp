@@ -1,11 +1,14 @@
 #include "CommonLog.h"
 
+#include <errno.h>
+#include <fcntl.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/time.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <mutex>
@@ -30,7 +33,7 @@ struct LogState {
     std::atomic<int> level{LevelFromEnv()};
     std::atomic<bool> hasSink{false};
     LogSink sink;
-    FILE* file = nullptr;  // PM_LOG_FILE, opened on first use
+    int fd = -1;  // PM_LOG_FILE, opened on first use
     bool fileTried = false;
 };
 
@@ -56,31 +59,51 @@ std::string Format(const char* fmt, va_list ap) {
     return std::string(big.data(), static_cast<size_t>(n));
 }
 
-FILE* Output(LogState& s) {
+int Output(LogState& s) {
     if (!s.fileTried) {
         s.fileTried = true;
         const char* path = getenv("PM_LOG_FILE");
         if (path != nullptr && *path != '\0') {
-            s.file = fopen(path, "a");
-            if (s.file == nullptr) {
+            s.fd = open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
+            if (s.fd < 0) {
                 fprintf(stderr, "log: cannot open PM_LOG_FILE %s: %s; logging to stderr\n", path,
                         strerror(errno));
             }
         }
     }
-    return s.file != nullptr ? s.file : stderr;
+    return s.fd >= 0 ? s.fd : STDERR_FILENO;
 }
 
+void WriteAll(int fd, const std::string& bytes) {
+    size_t done = 0;
+    while (done < bytes.size()) {
+        ssize_t n = write(fd, bytes.data() + done, bytes.size() - done);
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n <= 0) {
+            return;  // nowhere left to report a failing log
+        }
+        done += static_cast<size_t>(n);
+    }
+}
+
+// The whole record goes out in one write(): with O_APPEND, records of other processes
+// sharing the file land between records, never inside one; stdio would split long ones.
 void Print(LogState& s, int level, const std::string& text) {
     struct timeval tv;
     gettimeofday(&tv, nullptr);
     struct tm tmv;
     localtime_r(&tv.tv_sec, &tmv);
-    FILE* out = Output(s);
-    bool newline = !text.empty() && text.back() == '\n';
-    fprintf(out, "[%02d:%02d:%02d.%03ld L%d] %s%s", tmv.tm_hour, tmv.tm_min, tmv.tm_sec,
-            static_cast<long>(tv.tv_usec / 1000), level, text.c_str(), newline ? "" : "\n");
-    fflush(out);
+    char prefix[48];
+    snprintf(prefix, sizeof prefix, "[%02d:%02d:%02d.%03ld L%d] ", tmv.tm_hour, tmv.tm_min,
+             tmv.tm_sec, static_cast<long>(tv.tv_usec / 1000), level);
+    std::string record(prefix);
+    record += text;  // as formatted, embedded NULs included
+    if (text.empty() || text.back() != '\n') {
+        record += '\n';
+    }
+    WriteAll(Output(s), record);
 }
 
 }  // namespace
@@ -106,9 +129,13 @@ void gclDebugPrintf(int level, const char* file, const char* func, int line, con
     }
 }
 
-int GetLogLevel() { return State().level.load(); }
+int GetLogLevel() {
+    return State().level.load();
+}
 
-void SetLogLevel(int level) { State().level.store(level); }
+void SetLogLevel(int level) {
+    State().level.store(level);
+}
 
 void SetLogSinkForTest(LogSink sink) {
     LogState& s = State();

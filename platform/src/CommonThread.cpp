@@ -2,53 +2,82 @@
 
 #include <string.h>
 
+#include <system_error>
+
 #include "CommonLog.h"
 
 namespace Common {
 
 CThread::CThread() = default;
 
-CThread::~CThread() { Stop(); }
+namespace {
+// The CThread whose loop runs on this thread. Stop() and Start() from inside the loop must
+// neither take the life lock (an outside Stop() may hold it while joining us) nor join.
+thread_local const CThread* t_ownLoop = nullptr;
+}  // namespace
 
-int CThread::ThreadFuncImpl() { return 0; }
-int CThread::PreBeginThread() { return 0; }
-int CThread::PostExitThread() { return 0; }
+CThread::~CThread() {
+    Stop();
+    if (m_thread.joinable()) {
+        m_thread.detach();  // destroyed from inside its own loop: nobody is left to join it
+    }
+}
+
+int CThread::ThreadFuncImpl() {
+    return 0;
+}
+int CThread::PreBeginThread() {
+    return 0;
+}
+int CThread::PostExitThread() {
+    return 0;
+}
 
 int CThread::Start(int /*policy*/) {
+    if (t_ownLoop == this) {
+        return -1;
+    }
     std::lock_guard<std::mutex> guard(m_lifeLock);
-    if (m_bRunning.load()) {
+    if (m_bRunning.load() && !m_bStopRequested.load()) {
         return -1;
     }
     if (m_thread.joinable()) {
-        m_thread.join();  // a previous run that ended by itself
+        m_thread.join();  // a run that stopped itself and may still be ending
     }
     m_bStopRequested.store(false);
     m_bRunning.store(true);
-    m_thread = std::thread(&CThread::Loop, this);
+    try {
+        m_thread = std::thread(&CThread::Loop, this);
+    } catch (const std::system_error& e) {
+        m_bRunning.store(false);
+        gclDebugPrintf(0, __FILE__, __FUNCTION__, __LINE__, "thread: cannot start: %s\n", e.what());
+        return -1;
+    }
     return 0;
 }
 
 int CThread::Stop() {
+    if (t_ownLoop == this) {
+        // The loop ends after this pass; the next Start(), Stop() or the destructor joins.
+        m_bStopRequested.store(true);
+        return 0;
+    }
     std::lock_guard<std::mutex> guard(m_lifeLock);
     m_bStopRequested.store(true);
-    if (!m_thread.joinable()) {
-        return 0;
+    if (m_thread.joinable()) {
+        m_thread.join();
     }
-    if (m_thread.get_id() == std::this_thread::get_id()) {
-        // Stopping from inside the loop: the loop ends after this pass; nobody can join us.
-        m_thread.detach();
-        return 0;
-    }
-    m_thread.join();
     return 0;
 }
 
 void CThread::Loop() {
+    t_ownLoop = this;
     PreBeginThread();
     while (!m_bStopRequested.load(std::memory_order_acquire)) {
         ThreadFuncImpl();
     }
     PostExitThread();
+    t_ownLoop = nullptr;
     m_bRunning.store(false);
 }
 
