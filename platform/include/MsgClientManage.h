@@ -12,20 +12,20 @@ namespace Common {
 
 // The 16-byte head in front of every message, little-endian words.
 struct SMessageHead {
-    uint32_t nEventId;      // word 0: event id
-    uint32_t nSenderId;     // word 1: sender's module id (ownId of MSGSendMessage); 0 in an answer
-    uint32_t nSeq;          // word 2: sequence number, copied into the answer
-    uint32_t length : 23;   // word 3 bits 0-22: payload length in bytes
+    uint32_t nEventId;     // word 0: event id
+    uint32_t nSenderId;    // word 1: sender's module id (ownId of MSGSendMessage); 0 in an answer
+    uint32_t nSeq;         // word 2: sequence number, copied into the answer
+    uint32_t length : 23;  // word 3 bits 0-22: payload length in bytes
     uint32_t needAnswer : 1;  // bit 23: the sender asks for an answer
     uint32_t isAnswer : 1;    // bit 24: made by MSGResponseMessage
     uint32_t reserved : 7;    // bits 25-31: zero
 };
 static_assert(sizeof(SMessageHead) == 16, "the bus head is 16 bytes");
 
-constexpr uint32_t kMsgAnswerBit = 0x8000;         // answer id = request id | this
-constexpr uint32_t kMsgMaxPayload = 0x7FFFFF;      // what the 23-bit length can carry
+constexpr uint32_t kMsgAnswerBit = 0x8000;          // answer id = request id | this
+constexpr uint32_t kMsgMaxPayload = 0x7FFFFF;       // what the 23-bit length can carry
 constexpr uint32_t kMsgWatchdogEvent = 0x00FFFF01;  // published by MSGFeedWatchDog
-constexpr unsigned kMsgMinHandlerBuffer = 4096;    // handlers' buffers are zero-padded to this
+constexpr unsigned kMsgMinHandlerBuffer = 4096;     // handlers' buffers are zero-padded to this
 
 }  // namespace Common
 
@@ -50,10 +50,11 @@ public:
     int MSGEventRegister(int ownId, int eventId, const Object* object,
                          int (Owner::*handler)(const char*, int)) {
         Owner* target = const_cast<Object*>(object);
-        return RegisterHandler(ownId, eventId,
-                               [target, handler](const char* d, int l) { return (target->*handler)(d, l); });
+        return RegisterHandler(ownId, eventId, [target, handler](const char* d, int l) {
+            return (target->*handler)(d, l);
+        });
     }
-    // The same with any callable (tools and tests).
+    // The same with any callable (tools and tests). Returns 0, or -1 for an empty function.
     int RegisterHandler(int ownId, int eventId, HandlerFn fn);
 
     // Removes ownId's handler of eventId; the subscription goes with the last handler.
@@ -70,8 +71,9 @@ public:
     int MSGResponseMessage(Common::SMessageHead* request, const char* data, int len);
 
     // Waits up to `ms` for the first message, then runs the handlers of every message already
-    // received, on the calling thread. Call it from one thread per client. Returns the number of
-    // messages dispatched.
+    // received, on the calling thread. Call it from one thread per client; it is not re-entrant
+    // (a nested call from a handler logs and returns 0). Returns the number of messages
+    // dispatched.
     int MSGWaitForEvent(unsigned int ms);
 
     // Remembers `now`; at most once a second publishes kMsgWatchdogEvent with the client's name
@@ -79,6 +81,8 @@ public:
     void MSGFeedWatchDog(long long now);
 
     const std::string& Name() const;
+    // True once a probe of this client came back through the broker; false again after the
+    // broker failed to confirm a registration.
     bool IsConnected() const;
 
     CMsgClientManage(const CMsgClientManage&) = delete;

@@ -1,1 +1,353 @@
-// placeholder
+#include "MsgBroker.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/file.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+#include <zmq.h>
+
+#include <atomic>
+#include <mutex>
+#include <thread>
+
+#include "CommonLog.h"
+
+#define BUS_LOG(level, ...) Common::gclDebugPrintf(level, __FILE__, __func__, __LINE__, __VA_ARGS__)
+
+namespace Common {
+
+namespace {
+
+constexpr const char* kDefaultBus = "/tmp/recorder-bus";
+constexpr const char* kIpc = "ipc://";
+constexpr const char* kTcp = "tcp://";
+constexpr size_t kMaxIpcPath = sizeof(sockaddr_un::sun_path) - 1;
+constexpr int kListenBacklog = 128;
+
+bool StartsWith(const std::string& s, const char* prefix) {
+    return s.rfind(prefix, 0) == 0;
+}
+
+// PORT must leave room for PORT+1.
+bool ParsePort(const std::string& text, unsigned& port) {
+    if (text.empty() || text.size() > 5 ||
+        text.find_first_not_of("0123456789") != std::string::npos) {
+        return false;
+    }
+    unsigned long v = strtoul(text.c_str(), nullptr, 10);
+    if (v == 0 || v >= 65535) {
+        return false;
+    }
+    port = static_cast<unsigned>(v);
+    return true;
+}
+
+std::string IpcPath(const std::string& endpoint) {
+    return StartsWith(endpoint, kIpc) ? endpoint.substr(strlen(kIpc)) : std::string();
+}
+
+void CloseSocket(void*& socket) {
+    if (socket != nullptr) {
+        zmq_close(socket);
+        socket = nullptr;
+    }
+}
+
+}  // namespace
+
+bool ParseBusAddress(const std::string& value, BusEndpoints& out) {
+    if (StartsWith(value, kTcp)) {
+        std::string rest = value.substr(strlen(kTcp));
+        size_t colon = rest.rfind(':');
+        unsigned port = 0;
+        if (colon == std::string::npos || colon == 0 || !ParsePort(rest.substr(colon + 1), port)) {
+            return false;
+        }
+        std::string host = rest.substr(0, colon);
+        out.in = kTcp + host + ":" + std::to_string(port);
+        out.out = kTcp + host + ":" + std::to_string(port + 1);
+        out.lock.clear();
+        return true;
+    }
+    std::string prefix = StartsWith(value, kIpc) ? value.substr(strlen(kIpc)) : value;
+    // ".out" is the longest socket suffix; the lock file is not a socket and may be longer.
+    if (prefix.empty() || prefix.find("://") != std::string::npos ||
+        prefix.size() + strlen(".out") > kMaxIpcPath) {
+        return false;
+    }
+    out.in = kIpc + prefix + ".in";
+    out.out = kIpc + prefix + ".out";
+    out.lock = prefix + ".lock";
+    return true;
+}
+
+BusEndpoints BusEndpointsFromEnv() {
+    const char* env = getenv("RECORDER_BUS");
+    std::string value = (env != nullptr && *env != '\0') ? env : kDefaultBus;
+    BusEndpoints endpoints;
+    if (!ParseBusAddress(value, endpoints)) {
+        BUS_LOG(0,
+                "MSG_BUS: RECORDER_BUS \"%s\" is neither a path prefix (of at most %zu bytes) nor "
+                "tcp://HOST:PORT\n",
+                value.c_str(), kMaxIpcPath - strlen(".out"));
+        return BusEndpoints{};
+    }
+    return endpoints;
+}
+
+struct CMsgBroker::Impl {
+    explicit Impl(BusEndpoints ep) : endpoints(std::move(ep)) {}
+
+    int StartLocked();
+    void StopLocked();
+    int AcquireLock();
+    void ReleaseLock();
+    int Bind(void* socket, const std::string& endpoint);
+    int BindIpc(void* socket, const std::string& endpoint);
+    void Cleanup();
+    void Run();
+
+    BusEndpoints endpoints;
+    std::mutex life;  // serialises Start and Stop
+    std::atomic<bool> running{false};
+    void* ctx = nullptr;
+    void* xsub = nullptr;
+    void* xpub = nullptr;
+    std::thread proxy;
+    int lockFd = -1;
+    bool boundIn = false;
+    bool boundOut = false;
+};
+
+// An exclusive flock held for the broker's life marks the endpoints as served: a ZeroMQ ipc
+// bind would silently take the socket path over from a running broker.
+int CMsgBroker::Impl::AcquireLock() {
+    const std::string& path = endpoints.lock;
+    for (int attempt = 0; attempt < 8; ++attempt) {
+        int fd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
+        if (fd < 0) {
+            BUS_LOG(0, "MSG_BROKER: cannot open lock file %s: %s\n", path.c_str(), strerror(errno));
+            return -1;
+        }
+        if (flock(fd, LOCK_EX | LOCK_NB) != 0) {
+            int err = errno;
+            close(fd);
+            if (err == EWOULDBLOCK) {
+                return 1;
+            }
+            BUS_LOG(0, "MSG_BROKER: cannot lock %s: %s\n", path.c_str(), strerror(err));
+            return -1;
+        }
+        // A broker that stops removes the file while it still holds the lock: when we locked
+        // a removed file, somebody may have created and locked a new one meanwhile.
+        struct stat held;
+        struct stat named;
+        if (fstat(fd, &held) == 0 && stat(path.c_str(), &named) == 0 &&
+            held.st_dev == named.st_dev && held.st_ino == named.st_ino) {
+            char pid[32];
+            int n = snprintf(pid, sizeof pid, "%ld\n", static_cast<long>(getpid()));
+            if (ftruncate(fd, 0) != 0 || write(fd, pid, static_cast<size_t>(n)) != n) {
+                BUS_LOG(2, "MSG_BROKER: cannot write the pid to %s\n", path.c_str());
+            }
+            lockFd = fd;
+            return 0;
+        }
+        close(fd);
+    }
+    BUS_LOG(0, "MSG_BROKER: lock file %s keeps changing; giving up\n", path.c_str());
+    return -1;
+}
+
+void CMsgBroker::Impl::ReleaseLock() {
+    if (lockFd >= 0) {
+        unlink(endpoints.lock.c_str());  // still locked here, see AcquireLock
+        close(lockFd);
+        lockFd = -1;
+    }
+}
+
+// The listening socket is made by hand so that its file is born with mode 0600: on Linux the
+// mode of a socket inode set before bind() becomes the mode of the file bind() creates.
+int CMsgBroker::Impl::BindIpc(void* socket, const std::string& endpoint) {
+    std::string path = IpcPath(endpoint);
+    int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    if (fd < 0) {
+        BUS_LOG(0, "MSG_BROKER: socket for %s: %s\n", endpoint.c_str(), strerror(errno));
+        return -1;
+    }
+    struct sockaddr_un addr;
+    memset(&addr, 0, sizeof addr);
+    addr.sun_family = AF_UNIX;
+    memcpy(addr.sun_path, path.c_str(), path.size());
+    unlink(path.c_str());  // left behind by a broker that died; we hold the lock
+    if (fchmod(fd, 0600) != 0 || bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
+        chmod(path.c_str(), 0600) != 0 || listen(fd, kListenBacklog) != 0) {
+        BUS_LOG(0, "MSG_BROKER: cannot listen at %s: %s\n", path.c_str(), strerror(errno));
+        close(fd);
+        return -1;
+    }
+    if (zmq_setsockopt(socket, ZMQ_USE_FD, &fd, sizeof fd) != 0 ||
+        zmq_bind(socket, endpoint.c_str()) != 0) {
+        BUS_LOG(0, "MSG_BROKER: cannot bind %s: %s\n", endpoint.c_str(), zmq_strerror(errno));
+        close(fd);
+        unlink(path.c_str());
+        return -1;
+    }
+    return 0;
+}
+
+// 0 bound, 1 the address is taken (a running broker), -1 failure.
+int CMsgBroker::Impl::Bind(void* socket, const std::string& endpoint) {
+    if (StartsWith(endpoint, kIpc)) {
+        return BindIpc(socket, endpoint);
+    }
+    if (zmq_bind(socket, endpoint.c_str()) == 0) {
+        return 0;
+    }
+    int err = zmq_errno();
+    if (err == EADDRINUSE) {
+        return 1;
+    }
+    BUS_LOG(0, "MSG_BROKER: cannot bind %s: %s\n", endpoint.c_str(), zmq_strerror(err));
+    return -1;
+}
+
+void CMsgBroker::Impl::Cleanup() {
+    CloseSocket(xsub);
+    CloseSocket(xpub);
+    if (ctx != nullptr) {
+        while (zmq_ctx_term(ctx) != 0 && zmq_errno() == EINTR) {
+        }
+        ctx = nullptr;
+    }
+    // ZeroMQ leaves the files of a socket it did not create itself.
+    if (boundIn) {
+        unlink(IpcPath(endpoints.in).c_str());
+    }
+    if (boundOut) {
+        unlink(IpcPath(endpoints.out).c_str());
+    }
+    boundIn = boundOut = false;
+    ReleaseLock();
+}
+
+int CMsgBroker::Impl::StartLocked() {
+    if (endpoints.in.empty() || endpoints.out.empty()) {
+        BUS_LOG(0, "MSG_BROKER: no bus address to serve\n");
+        return -1;
+    }
+    bool ipc = StartsWith(endpoints.in, kIpc);
+    if (ipc) {
+        int rc = AcquireLock();
+        if (rc != 0) {
+            return rc;
+        }
+    }
+    ctx = zmq_ctx_new();
+    if (ctx == nullptr) {
+        BUS_LOG(0, "MSG_BROKER: zmq_ctx_new: %s\n", zmq_strerror(zmq_errno()));
+        ReleaseLock();
+        return -1;
+    }
+    xsub = zmq_socket(ctx, ZMQ_XSUB);
+    xpub = zmq_socket(ctx, ZMQ_XPUB);
+    int unlimited = 0;
+    int linger = 0;
+    if (xsub == nullptr || xpub == nullptr ||
+        zmq_setsockopt(xsub, ZMQ_RCVHWM, &unlimited, sizeof unlimited) != 0 ||
+        zmq_setsockopt(xpub, ZMQ_SNDHWM, &unlimited, sizeof unlimited) != 0 ||
+        zmq_setsockopt(xsub, ZMQ_LINGER, &linger, sizeof linger) != 0 ||
+        zmq_setsockopt(xpub, ZMQ_LINGER, &linger, sizeof linger) != 0) {
+        BUS_LOG(0, "MSG_BROKER: cannot make sockets: %s\n", zmq_strerror(zmq_errno()));
+        Cleanup();
+        return -1;
+    }
+    int rc = Bind(xsub, endpoints.in);
+    boundIn = ipc && rc == 0;
+    if (rc == 0) {
+        rc = Bind(xpub, endpoints.out);
+        boundOut = ipc && rc == 0;
+        if (rc == 1) {
+            // A broker would hold "in" too: something else took this port.
+            BUS_LOG(0, "MSG_BROKER: %s is taken by another program\n", endpoints.out.c_str());
+            rc = -1;
+        }
+    }
+    if (rc != 0) {
+        Cleanup();
+        return rc;
+    }
+    // Publishers send everything to the broker and the broker's XPUB does all the filtering.
+    // Then a subscription is in force as soon as the XPUB has it, which the clients' probes
+    // can confirm; filtering at each publisher would need each publisher to have it too.
+    const char subscribeAll = 1;
+    if (zmq_send(xsub, &subscribeAll, 1, 0) != 1) {
+        BUS_LOG(0, "MSG_BROKER: cannot subscribe upstream: %s\n", zmq_strerror(zmq_errno()));
+        Cleanup();
+        return -1;
+    }
+    proxy = std::thread([this] { Run(); });
+    running = true;
+    BUS_LOG(1, "MSG_BROKER: serving %s -> %s\n", endpoints.in.c_str(), endpoints.out.c_str());
+    return 0;
+}
+
+void CMsgBroker::Impl::Run() {
+    // Returns when Stop() shuts the context down.
+    if (zmq_proxy(xsub, xpub, nullptr) != 0 && zmq_errno() != ETERM) {
+        BUS_LOG(0, "MSG_BROKER: proxy ended: %s\n", zmq_strerror(zmq_errno()));
+    }
+    CloseSocket(xsub);
+    CloseSocket(xpub);
+}
+
+void CMsgBroker::Impl::StopLocked() {
+    if (!running) {
+        return;
+    }
+    zmq_ctx_shutdown(ctx);
+    proxy.join();
+    Cleanup();
+    running = false;
+    BUS_LOG(1, "MSG_BROKER: stopped serving %s\n", endpoints.in.c_str());
+}
+
+CMsgBroker::CMsgBroker(BusEndpoints endpoints)
+    : m_pImpl(std::make_unique<Impl>(std::move(endpoints))) {}
+
+CMsgBroker::~CMsgBroker() {
+    Stop();
+}
+
+int CMsgBroker::Start() {
+    std::lock_guard<std::mutex> guard(m_pImpl->life);
+    if (m_pImpl->running) {
+        return 0;
+    }
+    int rc = m_pImpl->StartLocked();
+    if (rc == 1) {
+        BUS_LOG(1, "MSG_BROKER: another broker already serves %s\n", m_pImpl->endpoints.in.c_str());
+    }
+    return rc;
+}
+
+void CMsgBroker::Stop() {
+    std::lock_guard<std::mutex> guard(m_pImpl->life);
+    m_pImpl->StopLocked();
+}
+
+bool CMsgBroker::IsRunning() const {
+    return m_pImpl->running;
+}
+
+const BusEndpoints& CMsgBroker::Endpoints() const {
+    return m_pImpl->endpoints;
+}
+
+}  // namespace Common

@@ -1,0 +1,308 @@
+// Bus cost against bare ZeroMQ, measured in the same run over the same topology: a broker
+// of our own on ipc, client A sending a request, client B answering it.
+//
+//   bench_bus [round trips per block, default 50; 200 blocks of each alternate]
+//
+// Prints the median and 99th percentile round trip of both and the ratio of the medians,
+// then the same for the rate of a one-way burst.
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
+#include <zmq.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "CommonLog.h"
+#include "MsgBroker.h"
+#include "MsgClientManage.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// The two pairs share the broker, not their event ids.
+constexpr int kRequest = 1000;
+constexpr int kAnswer = kRequest | Common::kMsgAnswerBit;
+constexpr int kBurstEvent = 1001;
+constexpr uint32_t kRawRequest = 2000;
+constexpr uint32_t kRawAnswer = kRawRequest | Common::kMsgAnswerBit;
+constexpr uint32_t kRawBurstEvent = 2001;
+constexpr int kPayload = 64;
+constexpr int kBlocks = 200;
+constexpr int kBurst = 100000;
+
+double Micros(Clock::duration d) {
+    return std::chrono::duration<double, std::micro>(d).count();
+}
+
+double Percentile(std::vector<double> v, double p) {
+    std::sort(v.begin(), v.end());
+    return v[static_cast<size_t>(p * static_cast<double>(v.size() - 1))];
+}
+
+// ---- the bus ------------------------------------------------------------------------------
+
+class BusPair {
+public:
+    BusPair() : m_a("bench.A", 300000), m_b("bench.B", 300000) {
+        m_b.RegisterHandler(2, kRequest, [this](const char* data, int len) {
+            auto* head = reinterpret_cast<Common::SMessageHead*>(const_cast<char*>(data));
+            return m_b.MSGResponseMessage(head, data + 16, len - 16);
+        });
+        m_b.RegisterHandler(2, kBurstEvent, [this](const char*, int) {
+            m_burstSeen.fetch_add(1, std::memory_order_relaxed);
+            return 0;
+        });
+        m_a.RegisterHandler(1, kAnswer, [this](const char* data, int) {
+            auto* head = reinterpret_cast<const Common::SMessageHead*>(data);
+            m_answered = m_answered || head->nSeq == m_expectedSeq;
+            return 0;
+        });
+        m_server = std::thread([this] {
+            while (!m_stop) {
+                m_b.MSGWaitForEvent(100);
+            }
+        });
+    }
+    ~BusPair() {
+        m_stop = true;
+        m_server.join();
+    }
+    Clock::duration RoundTrip(const char* payload) {
+        Clock::time_point t0 = Clock::now();
+        m_answered = false;
+        ++m_expectedSeq;  // A sends nothing else, so its sequence numbers count requests
+        m_a.MSGSendMessage(0, kRequest, 1, payload, kPayload, 1);
+        while (!m_answered) {
+            m_a.MSGWaitForEvent(1000);
+        }
+        return Clock::now() - t0;
+    }
+    Clock::duration Burst(const char* payload) {
+        m_burstSeen = 0;
+        Clock::time_point t0 = Clock::now();
+        for (int i = 0; i < kBurst; ++i) {
+            m_a.MSGSendMessage(0, kBurstEvent, 0, payload, kPayload, 1);
+        }
+        while (m_burstSeen.load() < kBurst) {
+            std::this_thread::sleep_for(std::chrono::microseconds(200));
+        }
+        return Clock::now() - t0;
+    }
+
+private:
+    CMsgClientManage m_a;
+    CMsgClientManage m_b;
+    bool m_answered = false;
+    uint32_t m_expectedSeq = 0;
+    std::atomic<int> m_burstSeen{0};
+    std::atomic<bool> m_stop{false};
+    std::thread m_server;
+};
+
+// ---- bare ZeroMQ: the same sockets and frames, nothing else -------------------------------
+
+void PutWord(char* p, uint32_t v) {
+    memcpy(p, &v, 4);
+}  // the bench runs little-endian
+
+uint32_t GetWord(const char* p) {
+    uint32_t v;
+    memcpy(&v, p, 4);
+    return v;
+}
+
+class RawPair {
+public:
+    explicit RawPair(const Common::BusEndpoints& ep) {
+        m_ctx = zmq_ctx_new();
+        m_aPub = Socket(ZMQ_PUB, ep.in);
+        m_aSub = Socket(ZMQ_SUB, ep.out);
+        m_bPub = Socket(ZMQ_PUB, ep.in);
+        m_bSub = Socket(ZMQ_SUB, ep.out);
+        Subscribe(m_aSub, kRawAnswer);
+        Subscribe(m_bSub, kRawRequest);
+        Subscribe(m_bSub, kRawBurstEvent);
+        int timeout = 100;
+        zmq_setsockopt(m_bSub, ZMQ_RCVTIMEO, &timeout, sizeof timeout);
+        m_server = std::thread([this] { Serve(); });
+        // No confirmation protocol here: repeat until the path is up both ways.
+        zmq_setsockopt(m_aSub, ZMQ_RCVTIMEO, &timeout, sizeof timeout);
+        char frame[16 + kPayload] = {};
+        char answer[16 + kPayload];
+        for (;;) {
+            Request(frame);
+            if (zmq_recv(m_aSub, answer, sizeof answer, 0) > 0) {
+                break;
+            }
+        }
+        int forever = -1;
+        zmq_setsockopt(m_aSub, ZMQ_RCVTIMEO, &forever, sizeof forever);
+    }
+    ~RawPair() {
+        m_stop = true;
+        m_server.join();
+        for (void* s : {m_aPub, m_aSub, m_bPub, m_bSub}) {
+            zmq_close(s);
+        }
+        zmq_ctx_term(m_ctx);
+    }
+    Clock::duration RoundTrip(const char* payload) {
+        char frame[16 + kPayload];
+        memcpy(frame + 16, payload, kPayload);
+        char answer[16 + kPayload];
+        Clock::time_point t0 = Clock::now();
+        uint32_t seq = Request(frame);
+        while (zmq_recv(m_aSub, answer, sizeof answer, 0) < 16 || GetWord(answer + 8) != seq) {
+        }
+        return Clock::now() - t0;
+    }
+    Clock::duration Burst(const char* payload) {
+        m_burstSeen = 0;
+        char frame[16 + kPayload];
+        memcpy(frame + 16, payload, kPayload);
+        Clock::time_point t0 = Clock::now();
+        for (int i = 0; i < kBurst; ++i) {
+            PutWord(frame, kRawBurstEvent);
+            PutWord(frame + 4, 1);
+            PutWord(frame + 8, ++m_seq);
+            PutWord(frame + 12, kPayload);
+            zmq_send(m_aPub, frame, sizeof frame, 0);
+        }
+        while (m_burstSeen.load() < kBurst) {
+            std::this_thread::sleep_for(std::chrono::microseconds(200));
+        }
+        return Clock::now() - t0;
+    }
+
+private:
+    void* Socket(int type, const std::string& endpoint) {
+        void* s = zmq_socket(m_ctx, type);
+        int unlimited = 0;
+        zmq_setsockopt(s, type == ZMQ_PUB ? ZMQ_SNDHWM : ZMQ_RCVHWM, &unlimited, sizeof unlimited);
+        zmq_connect(s, endpoint.c_str());
+        return s;
+    }
+    static void Subscribe(void* s, uint32_t id) { zmq_setsockopt(s, ZMQ_SUBSCRIBE, &id, 4); }
+    uint32_t Request(char* frame) {
+        PutWord(frame, kRawRequest);
+        PutWord(frame + 4, 1);
+        PutWord(frame + 8, ++m_seq);
+        PutWord(frame + 12, kPayload | (1u << 23));
+        zmq_send(m_aPub, frame, 16 + kPayload, 0);
+        return m_seq;
+    }
+    void Serve() {
+        zmq_msg_t msg;
+        zmq_msg_init(&msg);
+        while (!m_stop) {
+            if (zmq_msg_recv(&msg, m_bSub, 0) < 16) {
+                continue;
+            }
+            const char* in = static_cast<const char*>(zmq_msg_data(&msg));
+            if (GetWord(in) == kRawBurstEvent) {
+                m_burstSeen.fetch_add(1, std::memory_order_relaxed);
+                continue;
+            }
+            size_t payload = zmq_msg_size(&msg) - 16;
+            zmq_msg_t out;
+            zmq_msg_init_size(&out, 16 + payload);
+            char* o = static_cast<char*>(zmq_msg_data(&out));
+            PutWord(o, GetWord(in) | Common::kMsgAnswerBit);
+            PutWord(o + 4, 0);
+            PutWord(o + 8, GetWord(in + 8));
+            PutWord(o + 12, static_cast<uint32_t>(payload) | (1u << 24));
+            memcpy(o + 16, in + 16, payload);
+            zmq_msg_send(&out, m_bPub, 0);
+        }
+        zmq_msg_close(&msg);
+    }
+
+    void* m_ctx;
+    void* m_aPub;
+    void* m_aSub;
+    void* m_bPub;
+    void* m_bSub;
+    uint32_t m_seq = 0;
+    std::atomic<int> m_burstSeen{0};
+    std::atomic<bool> m_stop{false};
+    std::thread m_server;
+};
+
+void Report(const char* what, const std::vector<double>& bus, const std::vector<double>& raw) {
+    double busMedian = Percentile(bus, 0.5);
+    double rawMedian = Percentile(raw, 0.5);
+    printf("%-22s bus median %8.1f  p99 %8.1f | bare median %8.1f  p99 %8.1f | ratio %.3f\n", what,
+           busMedian, Percentile(bus, 0.99), rawMedian, Percentile(raw, 0.99),
+           busMedian / rawMedian);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    int perBlock = argc > 1 ? atoi(argv[1]) : 50;
+    if (perBlock <= 0) {
+        fprintf(stderr, "usage: %s [round trips per block]\n", argv[0]);
+        return 2;
+    }
+    char dir[] = "/tmp/bench-bus-XXXXXX";
+    if (mkdtemp(dir) == nullptr) {
+        perror("mkdtemp");
+        return 1;
+    }
+    std::string address = std::string(dir) + "/bus";
+    setenv("RECORDER_BUS", address.c_str(), 1);
+    Common::SetLogLevel(0);
+    int rc = 1;
+    {
+        Common::CMsgBroker broker(Common::BusEndpointsFromEnv());
+        if (broker.Start() != 0) {
+            fprintf(stderr, "broker did not start at %s\n", address.c_str());
+        } else {
+            BusPair bus;
+            RawPair raw(broker.Endpoints());
+            char payload[kPayload];
+            memset(payload, 'x', sizeof payload);
+            for (int i = 0; i < 1000; ++i) {  // warm up both paths
+                bus.RoundTrip(payload);
+                raw.RoundTrip(payload);
+            }
+            std::vector<double> busTimes;
+            std::vector<double> rawTimes;
+            // Short blocks alternate so that the machine's changing load hits both sides alike.
+            for (int block = 0; block < kBlocks; ++block) {
+                for (int i = 0; i < perBlock; ++i) {
+                    busTimes.push_back(Micros(bus.RoundTrip(payload)));
+                }
+                for (int i = 0; i < perBlock; ++i) {
+                    rawTimes.push_back(Micros(raw.RoundTrip(payload)));
+                }
+            }
+            printf("bus benchmark: %d round trips each, %d-byte payload, broker on ipc\n",
+                   kBlocks * perBlock, kPayload);
+            Report("round trip (us)", busTimes, rawTimes);
+
+            std::vector<double> busRates;
+            std::vector<double> rawRates;
+            for (int block = 0; block < 3; ++block) {
+                busRates.push_back(kBurst /
+                                   std::chrono::duration<double>(bus.Burst(payload)).count());
+                rawRates.push_back(kBurst /
+                                   std::chrono::duration<double>(raw.Burst(payload)).count());
+            }
+            double busRate = Percentile(busRates, 0.5);
+            double rawRate = Percentile(rawRates, 0.5);
+            printf("%-22s bus median %8.0f | bare median %8.0f | time ratio %.3f\n",
+                   "burst of 100000 (msg/s)", busRate, rawRate, rawRate / busRate);
+            rc = 0;
+        }
+    }
+    rmdir(dir);
+    return rc;
+}
