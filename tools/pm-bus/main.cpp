@@ -1,0 +1,181 @@
+// pm-bus: the desktop bus from a shell: broker, monitor, send, wait, call.
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "Commands.h"
+#include "EventNames.h"
+#include "MessageText.h"
+#include "MsgClientManage.h"
+#include "Signals.h"
+
+namespace {
+
+const char kUsage[] =
+    "usage: pm-bus broker\n"
+    "       pm-bus monitor [--ids LIST] [--hex]\n"
+    "       pm-bus send ID [HEX] [--request] [--from N]\n"
+    "       pm-bus wait ID [--timeout S] [--hex]\n"
+    "       pm-bus call ID [HEX] [--timeout S] [--from N] [--hex]\n"
+    "       pm-bus names\n"
+    "ID: decimal, 0x hex, or a name from `pm-bus names`; LIST: IDs separated by commas.\n"
+    "HEX: payload bytes, e.g. \"01 02 ff\" (spaces allowed, may span several arguments).\n"
+    "The bus is the one named by RECORDER_BUS (default /tmp/recorder-bus).\n";
+
+int Usage(const std::string& problem) {
+    fprintf(stderr, "pm-bus: %s\n%s", problem.c_str(), kUsage);
+    return 2;
+}
+
+bool ParseTimeout(const std::string& text, double& seconds) {
+    char* end = nullptr;
+    seconds = strtod(text.c_str(), &end);
+    return !text.empty() && *end == '\0' && std::isfinite(seconds) && seconds >= 0 &&
+           seconds <= 1e6;
+}
+
+struct CommandSpec {
+    const char* name;
+    std::set<std::string> options;
+    bool takesId;  // ID, and for send and call an optional payload
+};
+
+const CommandSpec* FindCommand(const std::string& name) {
+    static const CommandSpec commands[] = {
+        {"broker", {}, false},
+        {"monitor", {"--ids", "--hex"}, false},
+        {"send", {"--request", "--from"}, true},
+        {"wait", {"--timeout", "--hex"}, true},
+        {"call", {"--timeout", "--from", "--hex"}, true},
+        {"names", {}, false},
+    };
+    for (const CommandSpec& c : commands) {
+        if (name == c.name) {
+            return &c;
+        }
+    }
+    return nullptr;
+}
+
+// Options may stand anywhere after the command; what is left are the positional words.
+int ParseOptions(const CommandSpec& command, int argc, char** argv, pmbus::Arguments& args,
+                 std::vector<std::string>& words) {
+    const std::set<std::string>* options = &command.options;
+    for (int i = 2; i < argc; ++i) {
+        std::string arg = argv[i];
+        if (arg.size() < 3 || arg.compare(0, 2, "--") != 0) {
+            words.push_back(arg);
+            continue;
+        }
+        if (options->count(arg) == 0) {
+            return Usage("unknown option " + arg + " for " + command.name);
+        }
+        if (arg == "--hex" || arg == "--request") {
+            (arg == "--hex" ? args.hex : args.request) = true;
+            continue;
+        }
+        if (i + 1 >= argc) {
+            return Usage("missing value for " + arg);
+        }
+        std::string value = argv[++i];
+        std::string bad;
+        uint64_t number = 0;
+        if (arg == "--ids" && !pmtools::ParseEventIdList(value, args.ids, bad)) {
+            return Usage("unknown event id '" + bad + "'");
+        }
+        if (arg == "--from") {
+            if (!pmtools::ParseNumber(value, INT32_MAX, number)) {
+                return Usage("bad module id " + value);
+            }
+            args.from = static_cast<uint32_t>(number);
+        }
+        if (arg == "--timeout" && !ParseTimeout(value, args.timeoutS)) {
+            return Usage("bad time-out " + value + " (seconds)");
+        }
+    }
+    return 0;
+}
+
+// ID and optional HEX words of send, wait and call.
+int ParseIdAndPayload(const std::string& command, const std::vector<std::string>& words,
+                      pmbus::Arguments& args) {
+    if (words.empty()) {
+        return Usage(command + " needs an event id");
+    }
+    if (!pmtools::ParseEventId(words[0], args.id)) {
+        return Usage("unknown event id '" + words[0] + "'");
+    }
+    if (command == "wait" && words.size() > 1) {
+        return Usage("wait takes no payload");
+    }
+    std::string hex;
+    for (size_t i = 1; i < words.size(); ++i) {
+        hex += words[i] + " ";
+    }
+    std::string error;
+    if (!pmtools::ParseHexBytes(hex, args.payload, error)) {
+        return Usage("payload: " + error);
+    }
+    if (args.payload.size() > Common::kMsgMaxPayload) {
+        return Usage("payload larger than the bus carries");
+    }
+    return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (argc < 2) {
+        return Usage("no command");
+    }
+    std::string command = argv[1];
+    if (command == "-h" || command == "--help" || command == "help") {
+        fputs(kUsage, stdout);
+        return 0;
+    }
+    const CommandSpec* spec = FindCommand(command);
+    if (spec == nullptr) {
+        return Usage("unknown command " + command);
+    }
+    pmbus::Arguments args;
+    args.from = pmbus::kDefaultFrom;
+    std::vector<std::string> words;
+    if (int rc = ParseOptions(*spec, argc, argv, args, words)) {
+        return rc;
+    }
+    if (spec->takesId) {
+        if (int rc = ParseIdAndPayload(command, words, args)) {
+            return rc;
+        }
+        if (command == "call" && (args.id & Common::kMsgAnswerBit) != 0) {
+            return Usage("call needs a request id, without the answer bit 0x8000");
+        }
+    } else if (!words.empty()) {
+        return Usage("unexpected argument " + words[0]);
+    }
+    // Commands that run until stopped take SIGINT/SIGTERM themselves; the mask is set before
+    // any thread exists, so that all of them inherit it. A send stays interruptible.
+    if (command != "send" && command != "names") {
+        pmtools::BlockStopSignals();
+    }
+    if (command == "broker") {
+        return pmbus::RunBroker();
+    }
+    if (command == "monitor") {
+        return pmbus::RunMonitor(args);
+    }
+    if (command == "send") {
+        return pmbus::RunSend(args);
+    }
+    if (command == "wait") {
+        return pmbus::RunWait(args);
+    }
+    if (command == "call") {
+        return pmbus::RunCall(args);
+    }
+    return pmbus::RunNames();
+}
