@@ -1,0 +1,109 @@
+// The records the recorder sends to the service, built from a scenario: byte-exact payloads
+// (without the 16-byte bus head). Pure functions; the bus side is Simulator.
+#ifndef TOOLS_PM_RECORDER_RECORDS_H
+#define TOOLS_PM_RECORDER_RECORDS_H
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "Scenario.h"
+
+namespace pmrecorder {
+
+// Event ids of the recorder side of the bus.
+enum : uint32_t {
+    kEvPowerDown8 = 8,
+    kEvPowerDown9 = 9,
+    kEvDebugLevel = 10,
+    kEvGetFtp = 283,
+    kEvFtpChanged = 284,
+    kEvGetSerial = 315,
+    kEvSerialChanged = 316,
+    kEvGetIpc = 319,
+    kEvIpcChanged = 320,
+    kEvGetCan = 359,
+    kEvCanChanged = 360,
+    kEvGetEthernet = 361,
+    kEvEthernetChanged = 362,
+    kEvPowerDown1035 = 1035,
+    kEvGetVideoLoss = 1051,
+    kEvVideoLoss = 1052,
+    kEvVehicleInfo = 1081,
+    kEvCanSend = 1087,
+    kEvMcuSend = 1088,
+    kEvCanReceive = 1089,
+    kEvMcuReceive = 1090,
+    kEvGetUDisk = 1119,
+    kEvGetLed = 1121,
+    kEvLed = 1122,
+    kEvCanFilterState = 1136,
+    kEvCanFilter = 1137,
+    kEvGetDeviceModule = 1149,
+    kEvDeviceModule = 1150,
+    kEvCpxRelease = 1151,
+    kEvDigitalVideoLoss = 1284,
+    kEvGetDigitalVideoLoss = 1285,
+    kEvStorage = 2053,
+    kEvMcuSettings = 6735,
+};
+
+constexpr size_t kSerialRecordSize = 992;
+constexpr size_t kCanRecordSize = 208;
+constexpr size_t kEthernetRecordSize = 336;
+constexpr size_t kIpcRecordSize = 408;
+constexpr size_t kFtpRecordSize = 416;
+constexpr size_t kVehicleRecordSize = 56;
+constexpr size_t kStorageRecordSize = 32;
+constexpr size_t kLedPayloadSize = 16;  // the service wants a 16-byte head length, uses 10
+constexpr size_t kVideoLossSize = 4;
+constexpr size_t kDigitalVideoLossSize = 6;
+constexpr size_t kUDiskInfoSize = 352;  // 32 bytes, then 4 disk entries of 80
+constexpr size_t kDeviceModuleStateSize = 4;
+
+// Parameter settings. The serial entry's bytes 3-6 carry data bits, stop bits, parity and flow
+// codes: the service does not read them, a real recorder keeps its line settings there.
+Bytes EncodeSerialSetting(const Scenario& s);
+Bytes EncodeCanSetting(const Scenario& s);
+Bytes EncodeEthernetSetting(const Scenario& s);
+Bytes EncodeFtpSetting(const Scenario& s);
+
+// State messages.
+Bytes EncodeIpcSetting(const Scenario& s);
+Bytes EncodeVideoLoss(const Scenario& s);
+// Protocols of channels 0-3 at bytes 0-3, the state of channel n at byte 4 + n: the six bytes
+// that travel carry states for channels 0 and 1 only.
+Bytes EncodeDigitalVideoLoss(const Scenario& s);
+Bytes EncodeLedState(const Scenario& s);
+Bytes EncodeStorageState(const Scenario& s);
+Bytes EncodeVehicleInfo(const Scenario& s);
+Bytes EncodeDeviceModuleState(bool ready);
+// `mount` as the service will open it (already resolved against the recorder root).
+Bytes EncodeUDiskInfo(const UDisk& disk, const std::string& mount);
+// NUL-terminated, padded to 32 bytes (longer paths keep their full length).
+Bytes EncodeCpxRelease(const std::string& path);
+Bytes EncodeDebugLevel(uint16_t level);
+
+// A notification to publish.
+struct Notice {
+    uint32_t eventId = 0;
+    Bytes payload;
+    std::string what;  // "serial parameter setting", for the log
+};
+// The change events for everything that differs between two scenarios, in a fixed order:
+// 316, 360, 362, 320, 284, then the states 1052, 1284, 1122, 2053, 1081.
+std::vector<Notice> ChangedNotices(const Scenario& before, const Scenario& after);
+// 2053 and 1081: states that have no request, sent when the service shows up.
+std::vector<Notice> UnaskedStates(const Scenario& s);
+
+// The serial index that carries (mainId, subId) as a port entry or as a sub-port behind one;
+// -1 when none.
+int SerialIndexOf(const Scenario& s, unsigned mainId, unsigned subId);
+const SerialSlot* SerialSlotAt(const Scenario& s, int index);
+const CanSlot* CanSlotAt(const Scenario& s, int index);
+int CanIndexOf(const Scenario& s, unsigned mainId, unsigned subId);
+
+}  // namespace pmrecorder
+
+#endif
