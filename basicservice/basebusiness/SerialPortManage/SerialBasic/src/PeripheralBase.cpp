@@ -48,11 +48,21 @@ CPeripheralBase::~CPeripheralBase() {
     // subclasses and StopPeripheralThread, not here.
 }
 
-int CPeripheralBase::PeripheralInitialize() { return 0; }
-int CPeripheralBase::PeripheralThreadCycle(long long) { return 0; }
-int CPeripheralBase::MessageRegister() { return 0; }
-int CPeripheralBase::MessageUnRegister() { return 0; }
-int CPeripheralBase::HandlePeripParamChange() { return 0; }
+int CPeripheralBase::PeripheralInitialize() {
+    return 0;
+}
+int CPeripheralBase::PeripheralThreadCycle(long long) {
+    return 0;
+}
+int CPeripheralBase::MessageRegister() {
+    return 0;
+}
+int CPeripheralBase::MessageUnRegister() {
+    return 0;
+}
+int CPeripheralBase::HandlePeripParamChange() {
+    return 0;
+}
 
 int CPeripheralBase::Initialize() {
     if (PeripheralInitialize() < 0) {
@@ -68,13 +78,13 @@ int CPeripheralBase::Initialize() {
 }
 
 namespace {
-// Distance between two clock values; a clock that steps backwards counts as well.
+// Distance between two clock values; a clock that steps backwards counts as well. Taken in
+// unsigned arithmetic: a signed difference of far-apart values overflows.
 bool CycleDue(long long now, long long last, unsigned int circle) {
-    long long diff = now - last;
-    if (diff < 0) {
-        diff = -diff;
-    }
-    return diff >= static_cast<long long>(circle);
+    unsigned long long distance =
+        now >= last ? static_cast<unsigned long long>(now) - static_cast<unsigned long long>(last)
+                    : static_cast<unsigned long long>(last) - static_cast<unsigned long long>(now);
+    return distance >= circle;
 }
 }  // namespace
 

@@ -1,1 +1,699 @@
-// placeholder: implemented by its issue
+#include "SerialDevOperate.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/ioctl.h>
+#include <sys/select.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <vector>
+
+#include <json/json.h>
+
+#include "CommonLog.h"
+#include "CommonThread.h"
+#include "SerialBase.h"
+#include "SysConfig.h"
+
+#define SERIAL_LOG(level, ...) \
+    Common::gclDebugPrintf(level, __FILE__, __FUNCTION__, __LINE__, __VA_ARGS__)
+
+namespace {
+
+constexpr int kSelectTimeoutMs = 1000;
+constexpr int kIdleSleepMs = 1000;
+// How long a port whose read failed (hang-up, unplugged adapter) stays out of select.
+constexpr int kFailedReadRetryMs = 200;
+constexpr size_t kReadChunk = 1024;
+
+struct WordValue {
+    const char* word;
+    int value;
+};
+
+constexpr WordValue kBaudWords[] = {
+    {"B4800", SERIAL_BAUD_4800},     {"B9600", SERIAL_BAUD_9600},   {"B19200", SERIAL_BAUD_19200},
+    {"B38400", SERIAL_BAUD_38400},   {"B56000", SERIAL_BAUD_56000}, {"B57600", SERIAL_BAUD_57600},
+    {"B115200", SERIAL_BAUD_115200}, {"B2400", SERIAL_BAUD_2400},   {"B28800", SERIAL_BAUD_28800},
+};
+constexpr WordValue kDataBitWords[] = {
+    {"CS8", SERIAL_DATA_BIT_8},
+    {"CS7", SERIAL_DATA_BIT_7},
+    {"CS6", SERIAL_DATA_BIT_6},
+    {"CS5", SERIAL_DATA_BIT_5},
+};
+constexpr WordValue kStopBitWords[] = {
+    {"1bit", SERIAL_STOP_BIT_1},
+    {"2bit", SERIAL_STOP_BIT_2},
+};
+constexpr WordValue kParityWords[] = {
+    {"NONE", SERIAL_PARITY_NONE},
+    {"ODD", SERIAL_PARITY_ODD},
+    {"EVEN", SERIAL_PARITY_EVEN},
+};
+
+// Indexed by SerialBaudRate.
+constexpr unsigned int kBaudSpeeds[] = {4800,  9600,   19200, 38400, 56000,
+                                        57600, 115200, 2400,  28800};
+
+struct SpeedConstant {
+    unsigned int baud;
+    speed_t constant;
+};
+// 28800 and 56000 have no termios constant: a main-chip port refuses them.
+constexpr SpeedConstant kSpeedConstants[] = {
+    {2400, B2400},   {4800, B4800},   {9600, B9600},     {19200, B19200},
+    {38400, B38400}, {57600, B57600}, {115200, B115200},
+};
+
+template <size_t N>
+int LookUpWord(const WordValue (&table)[N], const std::string& word, int fallback) {
+    for (const WordValue& entry : table) {
+        if (word == entry.word) {
+            return entry.value;
+        }
+    }
+    return fallback;
+}
+
+// The table lock is a plain pthread mutex; this holds it for a scope.
+class TableGuard {
+public:
+    explicit TableGuard(pthread_mutex_t& lock) : m_lock(lock) { pthread_mutex_lock(&m_lock); }
+    ~TableGuard() { pthread_mutex_unlock(&m_lock); }
+    TableGuard(const TableGuard&) = delete;
+    TableGuard& operator=(const TableGuard&) = delete;
+
+private:
+    pthread_mutex_t& m_lock;
+};
+
+long long SteadyMs() {
+    using namespace std::chrono;
+    return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
+}
+
+// Fills the zeroed name field; false when the path had to be cut to keep the final NUL.
+bool CopySerialName(char (&name)[64], const std::string& path) {
+    memset(name, 0, sizeof name);
+    size_t n = std::min(path.size(), sizeof name - 1);
+    memcpy(name, path.data(), n);
+    return n == path.size();
+}
+
+}  // namespace
+
+SerialBaudRate serial_baud_switch(const std::string& word) {
+    return static_cast<SerialBaudRate>(LookUpWord(kBaudWords, word, SERIAL_BAUD_4800));
+}
+
+SerialDataBitMode serial_data_bit_switch(const std::string& word) {
+    return static_cast<SerialDataBitMode>(LookUpWord(kDataBitWords, word, SERIAL_DATA_BIT_8));
+}
+
+SerialStopBitMode serial_stop_bit_switch(const std::string& word) {
+    return static_cast<SerialStopBitMode>(LookUpWord(kStopBitWords, word, SERIAL_STOP_BIT_1));
+}
+
+SerialParityMode serial_parity_switch(const std::string& word) {
+    return static_cast<SerialParityMode>(LookUpWord(kParityWords, word, SERIAL_PARITY_NONE));
+}
+
+SerialFlowControlMode serial_flow_control_switch(const std::string& /*word*/) {
+    return SERIAL_FLOW_NONE;  // flow control is never applied to a port
+}
+
+unsigned int serial_baud_rate_speed(SerialBaudRate baud) {
+    int index = static_cast<int>(baud);
+    if (index < 1 || index > SERIAL_BAUD_28800) {
+        return 4800;
+    }
+    return kBaudSpeeds[index];
+}
+
+int serial_get_baud_speed(unsigned int baud, unsigned int& speed) {
+    for (const SpeedConstant& entry : kSpeedConstants) {
+        if (entry.baud == baud) {
+            speed = static_cast<unsigned int>(entry.constant);
+            return 1;
+        }
+    }
+    return 0;
+}
+
+int serial_port_id(const std::string& path) {
+    static const char* const kPrefixes[] = {"/dev/ttyAMA", "/dev/ttyACM"};
+    for (const char* prefix : kPrefixes) {
+        size_t pos = path.find(prefix);
+        if (pos == std::string::npos) {
+            continue;
+        }
+        size_t digit = pos + strlen(prefix);
+        // Only one character counts: "/dev/ttyACM12" is port 1.
+        if (digit < path.size() && path[digit] >= '0' && path[digit] <= '9') {
+            return path[digit] - '0';
+        }
+        return -1;
+    }
+    return -1;
+}
+
+void serial_termios_make_raw(struct termios& tio) {
+    tio.c_cflag &= ~CSIZE;
+    tio.c_cflag |= CLOCAL | CREAD;
+    tio.c_lflag &= ~(ICANON | ECHO | ECHOE | ISIG);
+    tio.c_iflag &= ~(IXON | IXOFF | IXANY | ISTRIP | INLCR | IGNCR | ICRNL);
+    tio.c_oflag &= ~(OPOST | ONLCR | OCRNL);
+}
+
+void serial_termios_set_line(struct termios& tio, unsigned char mask, SerialDataBitMode dataBit,
+                             SerialStopBitMode stopBit, SerialParityMode parity) {
+    if ((mask & SERIAL_PROPERTY_DATA_BIT) && dataBit != SERIAL_DATA_BIT_5) {
+        tio.c_cflag &= ~CSIZE;
+        if (dataBit == SERIAL_DATA_BIT_6) {
+            tio.c_cflag |= CS6;
+        } else if (dataBit == SERIAL_DATA_BIT_7) {
+            tio.c_cflag |= CS7;
+        } else {
+            tio.c_cflag |= CS8;
+        }
+    }
+    if (mask & SERIAL_PROPERTY_STOP_BIT) {
+        if (stopBit == SERIAL_STOP_BIT_2) {
+            tio.c_cflag |= CSTOPB;
+        } else {
+            tio.c_cflag &= ~CSTOPB;
+        }
+    }
+    if (mask & SERIAL_PROPERTY_PARITY) {
+        // EVEN gives odd parity as well: the recorder's peripherals expect it that way.
+        if (parity == SERIAL_PARITY_ODD || parity == SERIAL_PARITY_EVEN) {
+            tio.c_cflag |= PARENB | PARODD;
+            tio.c_iflag |= INPCK;
+        } else {
+            tio.c_cflag &= ~PARENB;
+            tio.c_iflag &= ~INPCK;
+        }
+    }
+    tio.c_cc[VTIME] = 10;
+    tio.c_cc[VMIN] = 0;
+}
+
+CSerialDevOperate::CSerialDevOperate()
+    : m_nMaxFd(-1), m_bSelectFailed(false), m_bReaderStop(false), m_nReaderCount(0) {
+    pthread_mutex_init(&m_TableLock, nullptr);
+    if (pipe2(m_nWakePipe, O_CLOEXEC | O_NONBLOCK) != 0) {
+        SERIAL_LOG(1, "SERIAL_OPERATE: no wake pipe (%s), teardown waits for the reader's select\n",
+                   strerror(errno));
+        m_nWakePipe[0] = m_nWakePipe[1] = -1;
+    }
+}
+
+CSerialDevOperate::~CSerialDevOperate() {
+    // The reader works on this object: it has to be gone before anything is freed.
+    StopReader();
+    serial_close_all();
+    pthread_mutex_destroy(&m_TableLock);
+    for (int fd : m_nWakePipe) {
+        if (fd >= 0) {
+            close(fd);
+        }
+    }
+}
+
+int CSerialDevOperate::serial_init() {
+    {
+        std::lock_guard<std::mutex> guard(m_ReaderLock);
+        if (m_nReaderCount > 0) {
+            SERIAL_LOG(1, "SERIAL_OPERATE: serial reader thread runs already\n");
+            return 0;
+        }
+        ++m_nReaderCount;
+    }
+    if (CreateNormalThread(SerialReadThreadEntry, this, nullptr) != 0) {
+        std::lock_guard<std::mutex> guard(m_ReaderLock);
+        --m_nReaderCount;
+        SERIAL_LOG(0, "SERIAL_OPERATE: serial reader thread could not be started\n");
+        return -1;
+    }
+    return 0;
+}
+
+void CSerialDevOperate::StopReader() {
+    std::unique_lock<std::mutex> lock(m_ReaderLock);
+    m_bReaderStop = true;
+    m_ReaderCond.notify_all();
+    if (m_nWakePipe[1] >= 0) {
+        char byte = 1;
+        if (write(m_nWakePipe[1], &byte, 1) < 0) {
+            // Full pipe: the reader has a wake-up pending already.
+        }
+    }
+    m_ReaderCond.wait(lock, [this] { return m_nReaderCount == 0; });
+}
+
+bool CSerialDevOperate::ReaderPause(int ms) {
+    std::unique_lock<std::mutex> lock(m_ReaderLock);
+    m_ReaderCond.wait_for(lock, std::chrono::milliseconds(ms), [this] { return m_bReaderStop; });
+    return !m_bReaderStop;
+}
+
+namespace {
+
+// A zeroed record for a freshly opened port; cuts and logs a path too long for the name field.
+SerialDevInfo* NewDevInfo(int fd, const std::string& path, CSerialBase* owner) {
+    SerialDevInfo* info = new SerialDevInfo();
+    info->fd = fd;
+    if (!CopySerialName(info->name, path)) {
+        SERIAL_LOG(
+            0, "SERIAL_OPERATE: [OPEN] serial name too long, kept %d of %d bytes, name = %s\n",
+            static_cast<int>(sizeof info->name - 1), static_cast<int>(path.size()), info->name);
+    }
+    info->owner = owner;
+    info->portId = serial_port_id(path);
+    if (fd >= FD_SETSIZE) {
+        SERIAL_LOG(0,
+                   "SERIAL_OPERATE: [OPEN] fd = %d is beyond select's limit %d, name = %s, "
+                   "its data cannot be read\n",
+                   fd, FD_SETSIZE, info->name);
+    }
+    return info;
+}
+
+}  // namespace
+
+int CSerialDevOperate::serial_open(CSerialBase* owner, std::string path, int flags) {
+    if (owner == nullptr) {
+        SERIAL_LOG(0, "SERIAL_OPERATE: [OPEN] serial failed, serial instance is NULL, name = %s\n",
+                   path.c_str());
+        return -3;
+    }
+    TableGuard table(m_TableLock);
+    if (serial_check_open_same(path) == 1) {
+        SERIAL_LOG(0, "SERIAL_OPERATE: [OPEN] serial failed, serial has opened, name = %s\n",
+                   path.c_str());
+        return -1;
+    }
+    int opened = serial_check_perip_open(owner->GetMainId(), owner->GetSubId());
+    if (opened != -1) {
+        SERIAL_LOG(0,
+                   "SERIAL_OPERATE: [OPEN] serial failed, this perip has open one serial, name = "
+                   "%s, mainId = %d, subId = %d, opened_fd = %d\n",
+                   path.c_str(), owner->GetMainId(), owner->GetSubId(), opened);
+        return -3;
+    }
+    int fd = open(path.c_str(), flags);
+    if (fd < 0) {
+        int error = errno;
+        SERIAL_LOG(0, "SERIAL_OPERATE: [OPEN] serial failed, name = %s\n", path.c_str());
+        SERIAL_LOG(1, "SERIAL_OPERATE: [OPEN] open %s: %s\n", path.c_str(), strerror(error));
+        return -2;
+    }
+    // Blocking from here on: the reader only reads what select reported.
+    if (fcntl(fd, F_SETFL, 0) < 0) {
+        SERIAL_LOG(0, "SERIAL_OPERATE: [OPEN] fcntl failed\n");
+    }
+    SerialDevInfo* info = NewDevInfo(fd, path, owner);
+    size_t openCount;
+    {
+        std::unique_lock<std::shared_mutex> view(m_TableView);
+        m_mapSerialDev[fd] = info;
+        openCount = m_mapSerialDev.size();
+    }
+    m_mapFailedRead.erase(fd);
+    SERIAL_LOG(
+        0,
+        "SERIAL_OPERATE: [OPEN] serial success, fd = %d, name = %s, mainId = %d, subId = %d, "
+        "portId = %d, open_size = %d\n",
+        fd, info->name, owner->GetMainId(), owner->GetSubId(), info->portId,
+        static_cast<int>(openCount));
+    return fd;
+}
+
+int CSerialDevOperate::serial_close(int fd) {
+    TableGuard table(m_TableLock);
+    SerialDevInfo* info = nullptr;
+    {
+        std::unique_lock<std::shared_mutex> view(m_TableView);
+        auto it = m_mapSerialDev.find(fd);
+        if (it == m_mapSerialDev.end()) {
+            return 0;
+        }
+        info = it->second;
+        m_mapSerialDev.erase(it);
+    }
+    close(fd);
+    delete info;
+    m_mapFailedRead.erase(fd);
+    return 1;
+}
+
+void CSerialDevOperate::serial_close_all() {
+    TableGuard table(m_TableLock);
+    std::unique_lock<std::shared_mutex> view(m_TableView);
+    for (auto& entry : m_mapSerialDev) {
+        close(entry.first);
+        delete entry.second;
+    }
+    m_mapSerialDev.clear();
+    m_mapFailedRead.clear();
+}
+
+bool CSerialDevOperate::serial_is_open(int fd) {
+    std::shared_lock<std::shared_mutex> view(m_TableView);
+    return m_mapSerialDev.find(fd) != m_mapSerialDev.end();
+}
+
+int CSerialDevOperate::serial_check_open_same(std::string path) {
+    char name[sizeof(SerialDevInfo::name)];
+    CopySerialName(name, path);
+    std::shared_lock<std::shared_mutex> view(m_TableView);
+    for (const auto& entry : m_mapSerialDev) {
+        if (strncmp(entry.second->name, name, sizeof name) == 0) {
+            return 1;
+        }
+    }
+    return 0;
+}
+
+int CSerialDevOperate::serial_check_perip_open(unsigned int mainId, unsigned int subId) {
+    std::shared_lock<std::shared_mutex> view(m_TableView);
+    for (const auto& entry : m_mapSerialDev) {
+        const CSerialBase* owner = entry.second->owner;
+        if (owner != nullptr && owner->GetMainId() == mainId && owner->GetSubId() == subId) {
+            return entry.first;
+        }
+    }
+    return -1;
+}
+
+int CSerialDevOperate::serial_set_property(int fd, unsigned char mask, unsigned int speed,
+                                           SerialDataBitMode dataBit, SerialStopBitMode stopBit,
+                                           SerialParityMode parity, SerialFlowControlMode flow) {
+    if (!serial_is_open(fd)) {
+        SERIAL_LOG(0,
+                   "SERIAL_OPERATE: [SET] serial baud failed, serial is not open, fd = %d, baud = "
+                   "%d\n",
+                   fd, speed);
+        return -1;
+    }
+    struct termios tio;
+    if (tcgetattr(fd, &tio) != 0) {
+        SERIAL_LOG(0, "SERIAL_OPERATE: [SET] tcgetattr failed, fd = %d: %s\n", fd, strerror(errno));
+        return -1;
+    }
+    tcflush(fd, TCIOFLUSH);
+    serial_termios_make_raw(tio);
+    if (mask & SERIAL_PROPERTY_SPEED) {
+        unsigned int constant = 0;
+        if (serial_get_baud_speed(speed, constant) == 0) {
+            SERIAL_LOG(0,
+                       "SERIAL_OPERATE: [SET] serial baud failed, baud is not legal, fd = %d, baud "
+                       "= %d\n",
+                       fd, speed);
+            return -1;
+        }
+        cfsetispeed(&tio, static_cast<speed_t>(constant));
+        cfsetospeed(&tio, static_cast<speed_t>(constant));
+        if (tcsetattr(fd, TCSANOW, &tio) != 0) {
+            SERIAL_LOG(0, "SERIAL_OPERATE: [SET] tcsetattr failed, fd = %d: %s\n", fd,
+                       strerror(errno));
+            return -1;
+        }
+    }
+    // Read back: without the speed bit the raw-mode changes above are dropped here.
+    tcflush(fd, TCIOFLUSH);
+    if (tcgetattr(fd, &tio) != 0) {
+        SERIAL_LOG(0, "SERIAL_OPERATE: [SET] tcgetattr failed, fd = %d: %s\n", fd, strerror(errno));
+        return -1;
+    }
+    tcflush(fd, TCIOFLUSH);
+    serial_termios_set_line(tio, mask, dataBit, stopBit, parity);
+    tcflush(fd, TCIFLUSH);
+    if (tcsetattr(fd, TCSANOW, &tio) != 0) {
+        SERIAL_LOG(0, "SERIAL_OPERATE: [SET] tcsetattr failed, fd = %d: %s\n", fd, strerror(errno));
+        return -1;
+    }
+    if (serial_set_usb_extern_property(fd) < 0) {
+        SERIAL_LOG(1, "SERIAL_OPERATE: Set USB extend mainchip serial failed\n");
+    }
+    SERIAL_LOG(
+        1,
+        "SERIAL_OPERATE: Set serial property success, baud = %d, dataBit = %d, stopBit = %d, "
+        "parity = %d, flow = %d\n",
+        speed, dataBit, stopBit, parity, flow);
+    return 1;
+}
+
+namespace {
+
+// Register 12 <- reg12, 16 <- 1, 3 <- 3, 16 <- 3 on block `port`.
+void WriteExarSequence(CSerialDevOperate& layer, int fd, int port, int reg12) {
+    layer.serial_set_exar_reg(fd, port, 12, reg12);
+    layer.serial_set_exar_reg(fd, port, 16, 1);
+    layer.serial_set_exar_reg(fd, port, 3, 3);
+    layer.serial_set_exar_reg(fd, port, 16, 3);
+}
+
+std::string ProductGroup(const Json::Value& spec) {
+    if (!spec.isObject()) {
+        return std::string();
+    }
+    const Json::Value& group = spec["PRODUCT_GROUP"];
+    return group.isString() ? group.asString() : std::string();
+}
+
+}  // namespace
+
+int CSerialDevOperate::serial_set_usb_extern_property(int fd) {
+    Json::Value spec;
+    if (Q7R_GetSpecInfo(spec) == -1) {
+        SERIAL_LOG(0, "ACC_ALARM:: Q7R_GetSpecInfo SYSTEM_CONFIG faild!\n");
+        spec = Json::Value();
+    }
+    unsigned int chipType = 0;
+    int portId = -1;
+    {
+        std::shared_lock<std::shared_mutex> view(m_TableView);
+        auto it = m_mapSerialDev.find(fd);
+        if (it == m_mapSerialDev.end() || it->second->owner == nullptr) {
+            return -1;
+        }
+        chipType = it->second->owner->GetMainChipType();
+        portId = it->second->portId;
+    }
+    printf("----------- %d \n", chipType);
+    const bool usbSerial = (chipType == 2);
+    if (ProductGroup(spec) == "QOR") {
+        printf("######## %d  \n", chipType);
+        if (usbSerial && portId == 0) {
+            serial_set_exar_reg(fd, portId, 3, 0);
+            WriteExarSequence(*this, fd, portId, 0);
+        }
+        if (!usbSerial || portId != 1) {
+            return 0;
+        }
+        serial_set_exar_reg(fd, portId, 26, 11);
+        serial_set_exar_reg(fd, portId, 3, 0);
+        WriteExarSequence(*this, fd, portId, 8);
+        return 0;
+    }
+    if (!usbSerial || portId > 1) {
+        return 0;
+    }
+    serial_set_exar_reg(fd, portId, 3, 0);
+    WriteExarSequence(*this, fd, portId, 0);
+    return 0;
+}
+
+int CSerialDevOperate::serial_set_exar_reg(int fd, int block, int reg, int value) {
+    int32_t request[32] = {};
+    request[0] = block;
+    request[1] = reg;
+    request[2] = value;
+    // Request code 0 is what the adapter's driver answers; anything else (a pty) refuses it,
+    // which is harmless.
+    ioctl(fd, 0, request);
+    SERIAL_LOG(1, "SERIAL_OPERATE: uart_set_exar_reg, block=%d, reg=%d, value=%d\n", block, reg,
+               value);
+    return 0;
+}
+
+int CSerialDevOperate::serial_write(int fd, const char* data, unsigned int length) {
+    if (!serial_is_open(fd)) {
+        SERIAL_LOG(0, "SERIAL_OPERATE: [WRITE] failed, serial is not open, fd = %d\n", fd);
+        return -1;
+    }
+    if (length == 0 || data == nullptr) {
+        SERIAL_LOG(0, "SERIAL_OPERATE: [WRITE] failed, length < 0\n");
+        return -1;
+    }
+    ssize_t written = write(fd, data, length);
+    int error = errno;
+    SERIAL_LOG(3, "SERIAL_OPERATE: wirte data len = %d, length = %d\n", static_cast<int>(written),
+               length);
+    if (written < 0) {
+        SERIAL_LOG(1, "SERIAL_OPERATE: [WRITE] fd = %d: %s\n", fd, strerror(error));
+    }
+    return written == static_cast<ssize_t>(length) ? 1 : -1;
+}
+
+int CSerialDevOperate::serial_cache_data(int fd, const char* data, int length) {
+    if (length == 0) {
+        return 0;
+    }
+    TableGuard table(m_TableLock);
+    auto it = m_mapSerialDev.find(fd);
+    if (it != m_mapSerialDev.end() && it->second->owner != nullptr) {
+        // A failed read's -1 goes on as it is; the owner refuses a length beyond its buffer.
+        it->second->owner->PreProcessPeripheralData(data, static_cast<unsigned int>(length));
+    }
+    return 0;
+}
+
+void* CSerialDevOperate::SerialReadThreadEntry(void* arg) {
+    if (arg == nullptr) {
+        SERIAL_LOG(0, "SERIAL_OPERATE: CSerialDevOperate ptr is null, create thread failed\n");
+        return nullptr;
+    }
+    SERIAL_LOG(2, "SerialReadThreadEntry pid = %d\n", static_cast<int>(getpid()));
+    static_cast<CSerialDevOperate*>(arg)->serial_read();
+    return nullptr;
+}
+
+bool CSerialDevOperate::SnapshotPorts(std::vector<int>& fds, int& waitMs) {
+    TableGuard table(m_TableLock);
+    const long long now = SteadyMs();
+    for (const auto& entry : m_mapSerialDev) {
+        int fd = entry.first;
+        if (fd >= FD_SETSIZE) {
+            continue;  // logged when it was opened
+        }
+        m_nMaxFd = std::max(m_nMaxFd, fd);
+        auto failed = m_mapFailedRead.find(fd);
+        long long rest =
+            failed == m_mapFailedRead.end() ? 0 : failed->second + kFailedReadRetryMs - now;
+        if (rest > 0) {
+            waitMs = std::min(waitMs, static_cast<int>(rest));
+            continue;
+        }
+        fds.push_back(fd);
+    }
+    return !m_mapSerialDev.empty();
+}
+
+void CSerialDevOperate::serial_read() {
+    while (true) {
+        {
+            std::lock_guard<std::mutex> guard(m_ReaderLock);
+            if (m_bReaderStop) {
+                break;
+            }
+        }
+        std::vector<int> fds;
+        int waitMs = kSelectTimeoutMs;
+        if (!SnapshotPorts(fds, waitMs)) {
+            waitMs = kIdleSleepMs;
+        }
+        if (fds.empty()) {
+            if (!ReaderPause(waitMs)) {
+                break;
+            }
+            continue;
+        }
+        ReadOnePass(fds, waitMs);
+    }
+    std::lock_guard<std::mutex> guard(m_ReaderLock);
+    --m_nReaderCount;
+    // Under the lock: the destructor may free the condition as soon as it can take it.
+    m_ReaderCond.notify_all();
+}
+
+void CSerialDevOperate::ReadOnePass(const std::vector<int>& fds, int timeoutMs) {
+    fd_set readSet;
+    FD_ZERO(&readSet);
+    for (int fd : fds) {
+        FD_SET(fd, &readSet);
+    }
+    int top = m_nMaxFd;
+    const int wake = m_nWakePipe[0];
+    if (wake >= 0 && wake < FD_SETSIZE) {
+        FD_SET(wake, &readSet);
+        top = std::max(top, wake);
+    }
+    struct timeval timeout;
+    timeout.tv_sec = timeoutMs / 1000;
+    timeout.tv_usec = (timeoutMs % 1000) * 1000;
+    int ready = select(top + 1, &readSet, nullptr, nullptr, &timeout);
+    if (ready < 0) {
+        int error = errno;
+        if (error != EINTR) {
+            NoteSelectFailure(error);
+        }
+        return;
+    }
+    m_bSelectFailed = false;
+    if (ready < 1) {
+        return;
+    }
+    if (wake >= 0 && wake < FD_SETSIZE && FD_ISSET(wake, &readSet)) {
+        char drain[16];
+        while (read(wake, drain, sizeof drain) > 0) {
+        }
+    }
+    // One port per pass, the lowest first; the others are still pending on the next pass.
+    int fd = -1;
+    for (int candidate : fds) {
+        if (FD_ISSET(candidate, &readSet)) {
+            fd = candidate;
+            break;
+        }
+    }
+    if (fd <= 0) {
+        return;
+    }
+    char buffer[kReadChunk];
+    ssize_t got = read(fd, buffer, sizeof buffer);
+    int error = errno;
+    serial_cache_data(fd, buffer, static_cast<int>(got));
+    NoteReadResult(fd, static_cast<int>(got), error);
+}
+
+void CSerialDevOperate::NoteReadResult(int fd, int result, int error) {
+    TableGuard table(m_TableLock);
+    auto info = m_mapSerialDev.find(fd);
+    auto failed = m_mapFailedRead.find(fd);
+    if (result > 0) {
+        if (failed != m_mapFailedRead.end()) {
+            m_mapFailedRead.erase(failed);
+            if (info != m_mapSerialDev.end()) {
+                SERIAL_LOG(1, "SERIAL_OPERATE: [READ] fd = %d reads again, name = %s\n", fd,
+                           info->second->name);
+            }
+        }
+    } else if (info != m_mapSerialDev.end()) {
+        // A hung-up tty stays readable for select and reads 0 or -1 at once: rest it, log once.
+        if (failed == m_mapFailedRead.end()) {
+            SERIAL_LOG(0,
+                       "SERIAL_OPERATE: [READ] failed, fd = %d, name = %s, result = %d, error = "
+                       "%s; tried again every %d ms\n",
+                       fd, info->second->name, result,
+                       result == 0 ? "end of file" : strerror(error), kFailedReadRetryMs);
+        }
+        m_mapFailedRead[fd] = SteadyMs();
+    }
+}
+
+void CSerialDevOperate::NoteSelectFailure(int error) {
+    if (!m_bSelectFailed) {
+        m_bSelectFailed = true;
+        SERIAL_LOG(0, "SERIAL_OPERATE: [READ] select failed: %s; tried again every %d ms\n",
+                   strerror(error), kFailedReadRetryMs);
+    }
+    ReaderPause(kFailedReadRetryMs);
+}

@@ -5,12 +5,17 @@
 
 #include <pthread.h>
 
+#include <condition_variable>
 #include <map>
+#include <mutex>
+#include <shared_mutex>
 #include <string>
+#include <vector>
 
 #include "SerialDefine.h"
 
 class CSerialBase;
+struct termios;
 
 // Text tables of the configuration words.
 SerialBaudRate serial_baud_switch(const std::string& word);
@@ -22,6 +27,14 @@ SerialFlowControlMode serial_flow_control_switch(const std::string& word);
 unsigned int serial_baud_rate_speed(SerialBaudRate baud);
 // termios speed constant of a line speed: 1 and `speed` set for 2400 ... 115200, else 0.
 int serial_get_baud_speed(unsigned int baud, unsigned int& speed);
+// The single digit after "/dev/ttyAMA" (else "/dev/ttyACM") in a path, or -1.
+int serial_port_id(const std::string& path);
+// Raw mode as serial_set_property prepares it before the speed is applied.
+void serial_termios_make_raw(struct termios& tio);
+// Character size, stop bits and parity for the SERIAL_PROPERTY_* bits of `mask`, then the
+// read timing (VTIME 10, VMIN 0) that every port gets.
+void serial_termios_set_line(struct termios& tio, unsigned char mask, SerialDataBitMode dataBit,
+                             SerialStopBitMode stopBit, SerialParityMode parity);
 
 struct SerialDevInfo {
     int fd;
@@ -33,9 +46,11 @@ struct SerialDevInfo {
 class CSerialDevOperate {
 public:
     CSerialDevOperate();
+    // Ends the reader thread (it finishes its current delivery first), then closes every port.
     ~CSerialDevOperate();
 
-    // Starts the reader thread (once, from the manager's Initialize).
+    // Starts the reader thread (once, from the manager's Initialize): 0, or -1 when the thread
+    // cannot be created. A second call starts nothing.
     int serial_init();
     // fd, or -1 path already open, -2 open failed, -3 no owner or owner has a port already.
     int serial_open(CSerialBase* owner, std::string path, int flags);
@@ -51,13 +66,40 @@ public:
     int serial_set_exar_reg(int fd, int block, int reg, int value);
     int serial_write(int fd, const char* data, unsigned int length);
     int serial_cache_data(int fd, const char* data, int length);
-    void serial_read();  // the reader loop; never returns
+    // The reader loop; returns only when the layer is being destroyed. Run it through
+    // serial_init, which registers the thread so that the destructor waits for it.
+    void serial_read();
     static void* SerialReadThreadEntry(void* arg);
 
 private:
+    // The open ports in ascending order, without those resting after a failed read (waitMs
+    // is cut to the end of the shortest rest). False when no port is open at all.
+    bool SnapshotPorts(std::vector<int>& fds, int& waitMs);
+    // One reader pass after the table snapshot: select, then serve the lowest ready fd.
+    void ReadOnePass(const std::vector<int>& fds, int timeoutMs);
+    void NoteReadResult(int fd, int result, int error);
+    void NoteSelectFailure(int error);
+    // Sleeps up to `ms` unless the layer is being destroyed; false once it is.
+    bool ReaderPause(int ms);
+    void StopReader();
+
     std::map<int, SerialDevInfo*> m_mapSerialDev;  // ascending fd order
     pthread_mutex_t m_TableLock;
     int m_nMaxFd;
+    // Writers of the table hold m_TableLock and this exclusively; the lock-free lookups
+    // (serial_is_open and the calls built on it) hold it shared, so they may run while the
+    // reader delivers data under m_TableLock, even from the owner's own handler.
+    mutable std::shared_mutex m_TableView;
+    // fd -> steady-clock ms of its last failed read; guarded by m_TableLock. Such a port is
+    // left out of select for a while, so a hung-up tty cannot keep the reader spinning.
+    std::map<int, long long> m_mapFailedRead;
+    bool m_bSelectFailed;  // reader thread only: one log per run of select failures
+
+    std::mutex m_ReaderLock;
+    std::condition_variable m_ReaderCond;
+    bool m_bReaderStop;
+    int m_nReaderCount;  // reader threads started and not yet finished
+    int m_nWakePipe[2];  // written by the destructor to end the reader's select at once
 };
 
 #endif
