@@ -18,6 +18,7 @@
 #include "BasicServiceExport.h"
 #include "CommonThread.h"
 #include "MsgClientManage.h"
+#include "PeripheralBase.h"
 #include "PeripheralDefine.h"
 #include "ServiceBase.h"
 #include "SysConfig.h"
@@ -80,7 +81,8 @@ public:
     int OpenPeripheralLib(ePeripheralType type, unsigned int mainId, unsigned int subId);
     int LoadPeripheralPlugin(ePeripheralType type, unsigned int oldMainId, unsigned int oldSubId,
                              unsigned int newMainId, unsigned int newSubId);
-    int SwitchPeripheralInSameLib(unsigned int mainId, unsigned int oldSubId, unsigned int newSubId);
+    int SwitchPeripheralInSameLib(unsigned int mainId, unsigned int oldSubId,
+                                  unsigned int newSubId);
     int RemovePeripheralInstance(ePeripheralType type, unsigned int mainId, unsigned int subId);
     CPeripheralBase* GetPeripheralInstance(ePeripheralType type, unsigned int mainId,
                                            unsigned int subId);
@@ -174,11 +176,48 @@ protected:
     uint8_t m_ucDeviceModuleReady;
     CSerialDevOperate* m_pSerialDevOperate;
     std::map<ePeripheralType, std::vector<PeripheralProperty>> m_mapPeripheralConfig;
-    uint8_t m_ucCpxOccupy;
+    std::atomic<uint8_t> m_ucCpxOccupy;  // read by the main-chip links' open threads
     uint8_t m_ucTestEnable;
     uint8_t m_ucisPlugIn;
     std::atomic<unsigned int> m_nDebugLevel;
     std::map<ePeripheralType, std::vector<PeripheralPair>> m_mapChangedPeripPair;
+
+private:
+    // Pieces of the manager thread's pass.
+    void SendParamRequests();
+    void SendStatusRequests(long long now);
+
+    // Pieces of AnalysePeripheralConfig.
+    void AnalyseSerialConfig(const Json::Value& entries);
+    void AnalyseCanConfig(const Json::Value& entries);
+    void AnalyseEthernetConfig(const Json::Value& entries);
+    void AnalyseMainChipSerialPath(const Json::Value& entries);
+
+    // Pieces of the loader: a built-in box (1 created, 0 not), a library file (the result of
+    // OpenPeripheralLib).
+    int CreateBuiltInBox(PeripheralCreateFn create, PeripheralReleaseFn release,
+                         unsigned int mainId, const char* failText);
+    int LoadPeripheralLibFile(const char* path, const std::string& name, ePeripheralType type,
+                              unsigned int mainId, unsigned int subId);
+
+    // Pieces of UpdateSerialInstance, one port at a time.
+    void ReconcileSerialPort(const SerialPortEntry_t& oldPort, const SerialPortEntry_t& newPort,
+                             std::vector<PeripheralPair>& createQueue,
+                             std::vector<PeripheralPair>& changed);
+    void ReconcileSameSerialPort(const SerialPortEntry_t& oldPort, const SerialPortEntry_t& newPort,
+                                 std::vector<PeripheralPair>& createQueue,
+                                 std::vector<PeripheralPair>& changed);
+    void RemoveLeavingExtendBox(const SerialPortEntry_t& oldPort);
+    void CreateQueuedSerialInstances(const std::vector<PeripheralPair>& createQueue,
+                                     std::vector<PeripheralPair>& changed);
+    void NotifySerialParamChange();
+
+    // Digital flag and protocol of channel n's IPC entry; false (both 0) for a channel the
+    // IPC setting has no entry for.
+    bool GetIpcChannel(unsigned int channel, uint8_t& digital, uint8_t& protocol) const;
+
+    long long m_llStatusPollTime;  // clock value of the last poll of the recorder states
+    bool m_bStatusPolled;          // false until the first running pass has polled
 };
 
 // The service library's entry for the host.
@@ -190,8 +229,8 @@ BASICSERVICE_API CPeripheralBase* ExtendBoxCreate(CPeripheralManage* manage,
                                                   unsigned int subId);
 BASICSERVICE_API void ExtendBoxRelease(CPeripheralBase* instance);
 BASICSERVICE_API CPeripheralBase* ExtendBoxHubCreate(CPeripheralManage* manage,
-                                                     CMsgClientManage* client,
-                                                     unsigned int mainId, unsigned int subId);
+                                                     CMsgClientManage* client, unsigned int mainId,
+                                                     unsigned int subId);
 BASICSERVICE_API void ExtendBoxHubRelease(CPeripheralBase* instance);
 
 #endif

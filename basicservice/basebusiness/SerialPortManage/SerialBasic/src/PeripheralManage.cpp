@@ -1,1 +1,1650 @@
-// placeholder: implemented by its issue
+#include "PeripheralManage.h"
+
+#include <ctype.h>
+#include <dirent.h>
+#include <dlfcn.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <memory>
+
+#include "CommonLog.h"
+#include "CommonTime.h"
+#include "PeripheralBase.h"
+#include "SerialDevExtendBox.h"
+#include "SerialDevExtendBoxHub.h"
+#include "SerialDevOperate.h"
+
+#define PHM_LOG(level, ...) \
+    Common::gclDebugPrintf(level, __FILE__, __FUNCTION__, __LINE__, __VA_ARGS__)
+
+namespace {
+
+// Bus events of the manager: requests it sends, and the events it handles.
+enum : int {
+    MSG_POWERDOWN_A = 8,
+    MSG_POWERDOWN_B = 9,
+    MSG_DEBUG_LEVEL = 10,
+    MSG_FTP_REQUEST = 283,
+    MSG_FTP_CHANGED = 284,
+    MSG_SERIAL_REQUEST = 315,
+    MSG_SERIAL_CHANGED = 316,
+    MSG_IPC_REQUEST = 319,
+    MSG_IPC_CHANGED = 320,
+    MSG_CAN_REQUEST = 359,
+    MSG_CAN_CHANGED = 360,
+    MSG_ETHERNET_REQUEST = 361,
+    MSG_ETHERNET_CHANGED = 362,
+    MSG_POWERDOWN_C = 1035,
+    MSG_VLOSS_REQUEST = 1051,
+    MSG_VLOSS_CHANGED = 1052,
+    MSG_USB_STATE_REQUEST = 1059,
+    MSG_USB_STATE_CHANGED = 1060,
+    MSG_VEHICLE_INFO = 1081,
+    MSG_UDISK_INFO_REQUEST = 1119,
+    MSG_LED_REQUEST = 1121,
+    MSG_LED_CHANGED = 1122,
+    MSG_DEVICE_MODULE_REQUEST = 1149,
+    MSG_DEVICE_MODULE_CHANGED = 1150,
+    MSG_DEVICE_MODULE_RELEASE_SERIAL = 1151,
+    MSG_DIGITAL_VLOSS_CHANGED = 1284,
+    MSG_DIGITAL_VLOSS_REQUEST = 1285,
+    MSG_STORAGE_STATUS = 2053,
+    MSG_CPX_SERIAL_RELEASE = 6724,
+    MSG_LANGUAGE_SWITCHED = 6739,
+    MSG_UNKNOWN_7425 = 7425,
+    MSG_ANSWER = 0x8000,
+};
+
+using PhmHandler = int (CPeripheralManage::*)(const char*, int);
+
+struct PhmEvent {
+    int eventId;
+    PhmHandler handler;
+};
+
+// Registration order matters to nobody but is kept as the recorder's firmware has it.
+// OnSwitchLanguageFinished (6739), OnGetUsbState (33827, 1060) and OnGetUDiskInfo (33887)
+// arrive with the alarm speech and USB self-test work.
+const PhmEvent kRegisteredEvents[] = {
+    {MSG_DEBUG_LEVEL, &CPeripheralManage::OnSetDebugLevel},
+    {MSG_DEVICE_MODULE_REQUEST | MSG_ANSWER, &CPeripheralManage::OnDeviceModuleComplete},
+    {MSG_DEVICE_MODULE_CHANGED, &CPeripheralManage::OnDeviceModuleComplete},
+    {MSG_DEVICE_MODULE_RELEASE_SERIAL, &CPeripheralManage::OnDeviceModuleReleaseSerial},
+    {MSG_SERIAL_REQUEST | MSG_ANSWER, &CPeripheralManage::OnUpdateSerialParamSetting},
+    {MSG_SERIAL_CHANGED, &CPeripheralManage::OnUpdateSerialParamSetting},
+    {MSG_CAN_REQUEST | MSG_ANSWER, &CPeripheralManage::OnUpdateCanParamSetting},
+    {MSG_CAN_CHANGED, &CPeripheralManage::OnUpdateCanParamSetting},
+    {MSG_ETHERNET_REQUEST | MSG_ANSWER, &CPeripheralManage::OnUpdateEthernetParamSetting},
+    {MSG_ETHERNET_CHANGED, &CPeripheralManage::OnUpdateEthernetParamSetting},
+    {MSG_IPC_REQUEST | MSG_ANSWER, &CPeripheralManage::OnUpdataIPCSetting},
+    {MSG_IPC_CHANGED, &CPeripheralManage::OnUpdataIPCSetting},
+    {MSG_DIGITAL_VLOSS_CHANGED, &CPeripheralManage::OnUpdataDigitalVideoLossStatus},
+    {MSG_DIGITAL_VLOSS_REQUEST | MSG_ANSWER, &CPeripheralManage::OnUpdataDigitalVideoLossStatus},
+    {MSG_VLOSS_CHANGED, &CPeripheralManage::OnUpdataVideoLossStatus},
+    {MSG_VLOSS_REQUEST | MSG_ANSWER, &CPeripheralManage::OnUpdataVideoLossStatus},
+    {MSG_LED_REQUEST | MSG_ANSWER, &CPeripheralManage::OnUpdateLedState},
+    {MSG_LED_CHANGED, &CPeripheralManage::OnUpdateLedState},
+    {MSG_STORAGE_STATUS, &CPeripheralManage::OnUpdataStorageStatus},
+    {MSG_VEHICLE_INFO, &CPeripheralManage::OnUpdateDeviceVehicleInfo},
+    {MSG_FTP_REQUEST | MSG_ANSWER, &CPeripheralManage::OnGetFtpParam},
+    {MSG_FTP_CHANGED, &CPeripheralManage::OnGetFtpParam},
+    {MSG_POWERDOWN_B, &CPeripheralManage::OnProcessPowerdown},
+    {MSG_POWERDOWN_A, &CPeripheralManage::OnProcessPowerdown},
+    {MSG_POWERDOWN_C, &CPeripheralManage::OnProcessPowerdown},
+};
+
+// Not the mirror of the registration, on purpose: the request ids 359, 361 and 283 stand
+// where their answers were registered, 7425 was never registered, and the power-down events
+// stay registered.
+const int kUnregisteredEvents[] = {
+    MSG_DEVICE_MODULE_REQUEST | MSG_ANSWER,
+    MSG_DEVICE_MODULE_CHANGED,
+    MSG_DEBUG_LEVEL,
+    MSG_DEVICE_MODULE_RELEASE_SERIAL,
+    MSG_SERIAL_REQUEST | MSG_ANSWER,
+    MSG_SERIAL_CHANGED,
+    MSG_CAN_REQUEST,
+    MSG_CAN_CHANGED,
+    MSG_ETHERNET_REQUEST,
+    MSG_ETHERNET_CHANGED,
+    MSG_IPC_REQUEST | MSG_ANSWER,
+    MSG_IPC_CHANGED,
+    MSG_DIGITAL_VLOSS_CHANGED,
+    MSG_DIGITAL_VLOSS_REQUEST | MSG_ANSWER,
+    MSG_VLOSS_CHANGED,
+    MSG_VLOSS_REQUEST | MSG_ANSWER,
+    MSG_LED_REQUEST | MSG_ANSWER,
+    MSG_LED_CHANGED,
+    MSG_STORAGE_STATUS,
+    MSG_VEHICLE_INFO,
+    MSG_UNKNOWN_7425,
+    MSG_FTP_REQUEST,
+    MSG_FTP_CHANGED,
+    MSG_LANGUAGE_SWITCHED,
+    MSG_USB_STATE_REQUEST | MSG_ANSWER,
+    MSG_USB_STATE_CHANGED,
+    MSG_UDISK_INFO_REQUEST | MSG_ANSWER,
+};
+
+// A still-missing bit and the request that asks for it.
+struct StateRequest {
+    uint32_t bit;
+    int requestId;
+};
+
+const StateRequest kParamRequests[] = {
+    {PARAM_STATE_SERIAL, MSG_SERIAL_REQUEST}, {PARAM_STATE_IPC, MSG_IPC_REQUEST},
+    {PARAM_STATE_CAN, MSG_CAN_REQUEST},       {PARAM_STATE_ETHERNET, MSG_ETHERNET_REQUEST},
+    {PARAM_STATE_FTP, MSG_FTP_REQUEST},
+};
+
+const StateRequest kStatusRequests[] = {
+    {STATUS_STATE_VLOSS, MSG_VLOSS_REQUEST},
+    {STATUS_STATE_DIGITAL_VLOSS, MSG_DIGITAL_VLOSS_REQUEST},
+    {STATUS_STATE_LED, MSG_LED_REQUEST},
+};
+
+constexpr long long kStatusPollPeriodMs = 1000;
+constexpr long long kUsbPollPeriodMs = 1000;
+constexpr unsigned int kUsbPollPeriods = 4;
+constexpr long long kNullPluginLogPeriodMs = 299999;
+constexpr unsigned int kVideoLossChannels = 32;  // width of the video-loss mask
+constexpr size_t kIpcEntryOffset = 8;
+constexpr size_t kIpcEntrySize = 200;
+constexpr size_t kUpgradeAnswerSize = 52;
+constexpr size_t kUpgradeEntrySize = 9;
+constexpr size_t kUpgradeEntriesEnd = 36;  // source and count follow the entries
+constexpr size_t kCpxPathSize = 28;
+constexpr size_t kPluginDirSize = 32;
+constexpr size_t kPluginPathSize = 64;
+
+// The periodic cycle's time stamps and USB poll counter belong to the process, not to one
+// manager: the host runs a single manager.
+struct CycleState {
+    long long nullPluginLogTime = 0;
+    long long usbPollTime = 0;
+    bool usbPollStarted = false;
+    unsigned int usbPollCount = 0;
+};
+CycleState g_cycle;
+
+// A received bus message: the 16-byte head, then the data. Bytes past what was received
+// read as zeros, which is what the bus's own zero padding gives a handler, so that no
+// offset or count taken from a message can lead a read outside it.
+class MsgView {
+public:
+    MsgView(const char* data, int length)
+        : m_data(data), m_size(data != nullptr && length > 0 ? static_cast<size_t>(length) : 0) {}
+
+    // The standard check: no message, or not even a whole head.
+    bool TooShort() const { return m_size <= 15; }
+    size_t Size() const { return m_size; }
+
+    uint8_t Byte(size_t offset) const {
+        return offset < m_size ? static_cast<uint8_t>(m_data[offset]) : 0;
+    }
+    uint16_t U16(size_t offset) const {
+        return static_cast<uint16_t>(Byte(offset) | (Byte(offset + 1) << 8));
+    }
+    uint32_t U32(size_t offset) const {
+        return static_cast<uint32_t>(U16(offset)) | (static_cast<uint32_t>(U16(offset + 2)) << 16);
+    }
+    // The head's length field: the low 23 bits of its fourth word.
+    uint32_t HeadLength() const { return U32(12) & 0x007FFFFF; }
+
+    void Copy(size_t offset, void* out, size_t size) const {
+        memset(out, 0, size);
+        if (offset < m_size) {
+            memcpy(out, m_data + offset, std::min(size, m_size - offset));
+        }
+    }
+    // NUL-terminated text at `offset`, cut at the end of the message.
+    std::string Text(size_t offset) const {
+        if (offset >= m_size) {
+            return std::string();
+        }
+        const char* start = m_data + offset;
+        return std::string(start, strnlen(start, m_size - offset));
+    }
+
+private:
+    const char* m_data;
+    size_t m_size;
+};
+
+bool IsExtendBox(unsigned int mainId) {
+    return mainId == PERIPHERAL_MAINID_EXTEND_BOX || mainId == PERIPHERAL_MAINID_EXTEND_HUB_BOX;
+}
+
+bool SameIdentity(const CPeripheralBase* instance, ePeripheralType type, unsigned int mainId,
+                  unsigned int subId) {
+    return instance->GetPeripheralType() == type && instance->GetMainId() == mainId &&
+           instance->GetSubId() == subId;
+}
+
+const char* PluginDirectory(ePeripheralType type) {
+    switch (type) {
+        case PERIPHERAL_TYPE_SERIAL:
+            return "../plugin/serial/";
+        case PERIPHERAL_TYPE_CANPORT:
+            return "../plugin/can/";
+        case PERIPHERAL_TYPE_ETHERNET:
+            return "../plugin/ethernet/";
+    }
+    return nullptr;
+}
+
+// jsoncpp throws when a non-object is indexed by key or a non-array by number; a damaged
+// document must read as an empty one instead.
+const Json::Value& JsonMember(const Json::Value& object, const char* key) {
+    static const Json::Value kNull;
+    return object.isObject() ? object[key] : kNull;
+}
+
+const Json::Value& JsonArray(const Json::Value& object, const char* key) {
+    static const Json::Value kEmpty(Json::arrayValue);
+    const Json::Value& member = JsonMember(object, key);
+    return member.isArray() ? member : kEmpty;
+}
+
+std::string JsonText(const Json::Value& object, const char* key) {
+    const Json::Value& member = JsonMember(object, key);
+    return member.isString() ? member.asString() : std::string();
+}
+
+// A serial record from one configuration object; line settings default, never inherited.
+PeripheralProperty SerialPropertyFrom(const Json::Value& object, uint32_t mainId, uint32_t subId) {
+    PeripheralProperty property{};
+    property.mainId = mainId;
+    property.subId = subId;
+    property.baud = serial_baud_switch(JsonText(object, "DEV_SERIAL_BAUD_RATE"));
+    property.dataBit = serial_data_bit_switch(JsonText(object, "DEV_SERIAL_DATA_BITS"));
+    property.stopBit = serial_stop_bit_switch(JsonText(object, "DEV_SERIAL_STOP_BIT"));
+    property.parity = serial_parity_switch(JsonText(object, "DEV_SERIAL_PARITY"));
+    property.flow = serial_flow_control_switch(JsonText(object, "DEV_SERIAL_FLOW_CTRL"));
+    const Json::Value& protocol = JsonMember(object, "DEV_SERIAL_PROTOCOL_TYPE");
+    property.protocolType = protocol.isInt() ? protocol.asInt() : SERIAL_PROTOCOL_TRANSPARENT;
+    return property;
+}
+
+void LogSerialProperty(const PeripheralProperty& p, size_t size) {
+    PHM_LOG(2,
+            "S_MANAGE: Analyse serial prperty, add one [Serial] lib, mainId = %d, subId = %d, "
+            "baud = %d, dataBit = %d, stopBit = %d, parity = %d, flow = %d, protocolType = %d, "
+            "size = %d\n",
+            p.mainId, p.subId, p.baud, p.dataBit, p.stopBit, p.parity, p.flow, p.protocolType,
+            static_cast<int>(size));
+}
+
+struct DirCloser {
+    void operator()(DIR* dir) const { closedir(dir); }
+};
+using DirHandle = std::unique_ptr<DIR, DirCloser>;
+
+class MutexGuard {
+public:
+    explicit MutexGuard(pthread_mutex_t& mutex) : m_mutex(mutex) { pthread_mutex_lock(&m_mutex); }
+    ~MutexGuard() { pthread_mutex_unlock(&m_mutex); }
+    MutexGuard(const MutexGuard&) = delete;
+    MutexGuard& operator=(const MutexGuard&) = delete;
+
+private:
+    pthread_mutex_t& m_mutex;
+};
+
+// The tty that the co-processor shares with this service on the two products that have one.
+bool IsCpxSerial(eProductType productType, const std::string& path) {
+    return (productType == 6 && path == "/dev/ttyAMA1") ||
+           (productType == 14 && path == "/dev/ttyAMA3");
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------------------------
+// Entry and lifecycle
+
+extern "C" CServiceBase* Create() {
+    printf("\n========================================================\n");
+    printf("  PeripheralManage Built time:%s %s\n", __DATE__, __TIME__);
+    printf("========================================================\n");
+    fflush(stdout);
+    CPeripheralManage* manage = new CPeripheralManage();
+    manage->Initialize();
+    return manage;
+}
+
+CPeripheralManage::CPeripheralManage()
+    : m_eServiceProductType(0),
+      m_pMsgClient(nullptr),
+      m_nMsgId(10),
+      m_nServiceState(0),
+      m_nCurPeripheral(0),
+      m_nParamState(0x1F),
+      m_stuSystemSerialParam{},
+      m_stuCanParam{},
+      m_stuEthernetParam{},
+      m_stuIpcSetting{},
+      m_nViChnNum(0),
+      m_nDigitalChnNum(0),
+      m_nTotalChnNum(0),
+      m_VideoLossLock(),
+      m_nVideoLossState(0),
+      m_nStatusState(0),
+      m_LedLock(),
+      m_stuSysLedState{},
+      m_stuStorageStatus{},
+      m_stuVehicleInfo{},
+      m_nProductType(0),
+      m_FtpLock(),
+      m_stuFtpSetting{},
+      m_ucDeviceModuleReady(0),
+      m_pSerialDevOperate(nullptr),
+      m_ucCpxOccupy(1),
+      m_ucTestEnable(0),
+      m_ucisPlugIn(1),
+      m_nDebugLevel(0),
+      m_llStatusPollTime(0),
+      m_bStatusPolled(false) {
+    m_eServiceProductType = Q7R_GetProductType();
+    m_pMsgClient = new CMsgClientManage("BasicService.10", 300000);
+    m_nServiceState = 1;
+    m_nProductType = Q7R_GetProductType();
+    m_nViChnNum = Q7R_GetVichnNum();
+    m_nDigitalChnNum = Q7R_GetDigitalchnNum();
+    m_nTotalChnNum = m_nViChnNum + m_nDigitalChnNum;
+
+    m_ucCpxOccupy = 1;
+    pthread_mutex_init(&m_VideoLossLock, nullptr);
+    pthread_mutex_init(&m_LedLock, nullptr);
+    pthread_mutex_init(&m_FtpLock, nullptr);
+
+    m_pSerialDevOperate = new CSerialDevOperate();
+
+    if (!AnalysePeripheralConfig()) {
+        // The service is never to run without its peripheral configuration.
+        PHM_LOG(0, "S_MANAGE: Load Peripheral Config failed, and exit!!!\n");
+        exit(1);
+    }
+    // The alarm speech configuration arrives with the alarm speech work.
+
+    m_nMsgId = 10;
+    m_ucDeviceModuleReady = 0;
+    m_ucTestEnable = 0;
+    m_ucisPlugIn = 1;
+    PHM_LOG(1, "S_MANAGE: **CPeripheralManage** instance is construct, m_nMsgId = %d\n", m_nMsgId);
+}
+
+CPeripheralManage::~CPeripheralManage() {
+    PhmMessageUnRegister();
+    Stop();
+    // The alarm speech entries are released here once the alarm speech work arrives.
+    // The instances go before the device layer and the bus client: their releasers close
+    // ports and unregister events through both.
+    for (PeripheralProperty_t& record : m_listPeripheralPlugin) {
+        if (record.pRelease != nullptr) {
+            record.pRelease(record.pInstance);
+            record.pInstance = nullptr;
+        }
+        if (record.pLibHandle != nullptr) {
+            dlclose(record.pLibHandle);
+        }
+    }
+    m_listPeripheralPlugin.clear();
+    delete m_pSerialDevOperate;
+    m_pSerialDevOperate = nullptr;
+    delete m_pMsgClient;
+    m_pMsgClient = nullptr;
+    pthread_mutex_destroy(&m_FtpLock);
+    pthread_mutex_destroy(&m_LedLock);
+    pthread_mutex_destroy(&m_VideoLossLock);
+}
+
+int CPeripheralManage::Initialize() {
+    if (m_nCurPeripheral == 0) {
+        PHM_LOG(0, "S_MANAGE: @@@@@ No Peripheral......\n");
+    }
+    PhmMessageRegister();
+    Start(0);
+    m_pSerialDevOperate->serial_init();
+
+    for (auto it = m_listPeripheralPlugin.begin(); it != m_listPeripheralPlugin.end();) {
+        if (it->pInstance == nullptr) {
+            PHM_LOG(0, "S_MANAGE: Periphral Plugin[%s] Is NULL, and delete it\n",
+                    it->strName.c_str());
+            it = m_listPeripheralPlugin.erase(it);
+            continue;
+        }
+        PHM_LOG(1,
+                "S_MANAGE: Get plugin Periphral id: type = %d, mainId = %d, subId = %d, "
+                "name = %s\n",
+                it->pInstance->GetPeripheralType(), it->pInstance->GetMainId(),
+                it->pInstance->GetSubId(), it->strName.c_str());
+        ++it;
+    }
+    return 0;
+}
+
+int CPeripheralManage::ThreadFuncImpl() {
+    m_pMsgClient->MSGWaitForEvent(10);
+    long long now = Common::Q7R_TMGetSystemMicroSecond();
+    m_pMsgClient->MSGFeedWatchDog(now);
+
+    if (m_ucDeviceModuleReady == 0) {
+        PHM_LOG(1, "S_MANAGE: DeviceManage module is not init success, please wait......\n");
+        m_pMsgClient->MSGSendMessage(0, MSG_DEVICE_MODULE_REQUEST, 1, nullptr, 0, m_nMsgId);
+        usleep(2000000);
+        return 0;
+    }
+    if (m_nParamState != 0) {
+        SendParamRequests();
+        usleep(1000000);
+        return 0;
+    }
+    SendStatusRequests(now);
+    PhmThreadCycle(now);
+    return 0;
+}
+
+void CPeripheralManage::SendParamRequests() {
+    for (const StateRequest& request : kParamRequests) {
+        if (m_nParamState & request.bit) {
+            m_pMsgClient->MSGSendMessage(0, request.requestId, 1, nullptr, 0, m_nMsgId);
+        }
+    }
+    PHM_LOG(2, "S_MANAGE: Get system param, state = 0x%x, please waiting......\n", m_nParamState);
+}
+
+void CPeripheralManage::SendStatusRequests(long long now) {
+    if (m_bStatusPolled && now - m_llStatusPollTime < kStatusPollPeriodMs) {
+        return;
+    }
+    m_bStatusPolled = true;
+    m_llStatusPollTime = now;
+    for (const StateRequest& request : kStatusRequests) {
+        if ((m_nStatusState & request.bit) == 0) {
+            m_pMsgClient->MSGSendMessage(0, request.requestId, 1, nullptr, 0, m_nMsgId);
+        }
+    }
+}
+
+void CPeripheralManage::PhmThreadCycle(long long now) {
+    for (PeripheralProperty_t& record : m_listPeripheralPlugin) {
+        if (record.pInstance != nullptr) {
+            record.pInstance->SharedThreadCycle(now);
+        } else if (now - g_cycle.nullPluginLogTime > kNullPluginLogPeriodMs) {
+            PHM_LOG(0, "S_MANAGE: Peripheral Plugin is NULL, name = %s\n", record.strName.c_str());
+            g_cycle.nullPluginLogTime = now;
+        }
+    }
+
+    if (m_ucisPlugIn != 1) {
+        return;
+    }
+    if (!g_cycle.usbPollStarted) {
+        g_cycle.usbPollStarted = true;
+        g_cycle.usbPollTime = now;
+    }
+    if (now - g_cycle.usbPollTime < kUsbPollPeriodMs) {
+        return;
+    }
+    // Polling for the disk keeps the missing-plug-in log quiet; that is intended.
+    g_cycle.usbPollTime = now;
+    g_cycle.nullPluginLogTime = now;
+    if (g_cycle.usbPollCount >= kUsbPollPeriods) {
+        g_cycle.usbPollCount = 0;
+        PHM_LOG(1, "usb plugin ,send message to get usb disk info\n");
+        m_pMsgClient->MSGSendMessage(0, MSG_UDISK_INFO_REQUEST, 1, nullptr, 0, m_nMsgId);
+    }
+    ++g_cycle.usbPollCount;
+}
+
+void CPeripheralManage::GetPeripheralConfig(ePeripheralType type,
+                                            std::vector<PeripheralProperty>& out) {
+    out = m_mapPeripheralConfig[type];
+}
+
+// ---------------------------------------------------------------------------------------------
+// Bus registrations
+
+int CPeripheralManage::PhmMessageRegister() {
+    for (const PhmEvent& event : kRegisteredEvents) {
+        m_pMsgClient->MSGEventRegister(m_nMsgId, event.eventId, this, event.handler);
+    }
+    return 0;
+}
+
+int CPeripheralManage::PhmMessageUnRegister() {
+    for (int eventId : kUnregisteredEvents) {
+        m_pMsgClient->MSGEventUnRegister(m_nMsgId, eventId);
+    }
+    return 0;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Peripheral configuration
+
+int CPeripheralManage::AnalysePeripheralConfig() {
+    if (Q7R_GetJsonByEnv("DEVICE_SERIAL_EXTEND_CFG", m_jsonPeripheralCfg) != 0) {
+        PHM_LOG(0, "S_MANAGE: ***********Get Serial Env failed***********\n");
+        return 0;
+    }
+    m_mapPeripheralConfig.clear();
+
+    const Json::Value& serial = JsonArray(m_jsonPeripheralCfg, "DEVICE_SERIAL_SETTING");
+    const Json::Value& can = JsonArray(m_jsonPeripheralCfg, "DEVICE_CANPORT_SETTING");
+    const Json::Value& ethernet = JsonArray(m_jsonPeripheralCfg, "DEVICE_ETHERNET_SETTING");
+    AnalyseSerialConfig(serial);
+    AnalyseCanConfig(can);
+    AnalyseEthernetConfig(ethernet);
+    AnalyseMainChipSerialPath(JsonArray(
+        JsonMember(m_jsonPeripheralCfg, "DEVICE_PERIPHERAL_PARAM_SETTING"), "SERIAL_PARAM"));
+
+    PHM_LOG(1,
+            "S_MANAGE: $$$$$ Check peripheral module, m_nParamState = 0x%x, m_nCurPeripheral = "
+            "0x%x,  serial_size = %d, can_size = %d, ethernet_size = %d\n",
+            m_nParamState, m_nCurPeripheral, serial.size(), can.size(), ethernet.size());
+    return 1;
+}
+
+void CPeripheralManage::AnalyseSerialConfig(const Json::Value& entries) {
+    if (entries.size() == 0) {
+        m_nCurPeripheral &= static_cast<uint8_t>(~CUR_PERIPHERAL_SERIAL);
+        m_nParamState &= static_cast<uint16_t>(~PARAM_STATE_SERIAL);
+        return;
+    }
+    std::vector<PeripheralProperty>& list = m_mapPeripheralConfig[PERIPHERAL_TYPE_SERIAL];
+    for (Json::ArrayIndex i = 0; i < entries.size(); ++i) {
+        const Json::Value& entry = entries[i];
+        const Json::Value& funcId = JsonMember(entry, "DEV_SERIAL_FUNCID");
+        const Json::Value& libName = JsonMember(entry, "DEV_SERIAL_LIB_NAME");
+        if (!funcId.isInt() || !libName.isString()) {
+            continue;
+        }
+        const uint32_t mainId = static_cast<uint32_t>(funcId.asInt());
+        m_mapPeripheralLibName[PERIPHERAL_TYPE_SERIAL][mainId] = libName.asString();
+        PHM_LOG(2, "S_MANAGE: Find lib, mainId = %d, name = %s\n", mainId,
+                libName.asString().c_str());
+
+        list.push_back(SerialPropertyFrom(entry, mainId, 0));
+        LogSerialProperty(list.back(), list.size());
+
+        const Json::Value& subs = JsonArray(entry, "DEV_SERIAL_SUB_FUNCTION");
+        for (Json::ArrayIndex k = 0; k < subs.size(); ++k) {
+            const Json::Value& subId = JsonMember(subs[k], "DEV_SERIAL_SUB_FUNCID");
+            list.push_back(SerialPropertyFrom(
+                subs[k], mainId, subId.isInt() ? static_cast<uint32_t>(subId.asInt()) : 0));
+            LogSerialProperty(list.back(), list.size());
+        }
+    }
+    m_nCurPeripheral |= CUR_PERIPHERAL_SERIAL;
+    m_nParamState |= PARAM_STATE_SERIAL;
+}
+
+void CPeripheralManage::AnalyseCanConfig(const Json::Value& entries) {
+    if (entries.size() == 0) {
+        m_nCurPeripheral &= static_cast<uint8_t>(~CUR_PERIPHERAL_CAN);
+        m_nParamState &= static_cast<uint16_t>(~PARAM_STATE_CAN);
+        return;
+    }
+    for (Json::ArrayIndex i = 0; i < entries.size(); ++i) {
+        const Json::Value& entry = entries[i];
+        const Json::Value& funcId = JsonMember(entry, "DEV_CANPORT_FUNCID");
+        const Json::Value& libName = JsonMember(entry, "DEV_CANPORT_LIB_NAME");
+        if (!funcId.isInt() || !libName.isString() ||
+            JsonText(entry, "DEV_CANPORT_SUPPORT_ENABLE") != "true") {
+            continue;
+        }
+        const uint32_t mainId = static_cast<uint32_t>(funcId.asInt());
+        m_mapPeripheralLibName[PERIPHERAL_TYPE_CANPORT][mainId] = libName.asString();
+        PeripheralProperty property{};
+        property.mainId = mainId;
+        // CAN rates share the serial words on purpose.
+        property.baud = serial_baud_switch(JsonText(entry, "DEV_CAN_BAUD_RATE"));
+        m_mapPeripheralConfig[PERIPHERAL_TYPE_CANPORT].push_back(property);
+        PHM_LOG(4, "S_MANAGE: Analyse Config, add one [Can port] lib, name = %s, mainId = %d\n",
+                libName.asString().c_str(), mainId);
+    }
+    m_nCurPeripheral |= CUR_PERIPHERAL_CAN;
+    m_nParamState |= PARAM_STATE_CAN;
+}
+
+void CPeripheralManage::AnalyseEthernetConfig(const Json::Value& entries) {
+    if (entries.size() == 0) {
+        m_nCurPeripheral &= static_cast<uint8_t>(~CUR_PERIPHERAL_ETHERNET);
+        m_nParamState &= static_cast<uint16_t>(~PARAM_STATE_ETHERNET);
+        return;
+    }
+    // Only library names: Ethernet instances follow the Ethernet parameter setting alone.
+    for (Json::ArrayIndex i = 0; i < entries.size(); ++i) {
+        const Json::Value& entry = entries[i];
+        const Json::Value& funcId = JsonMember(entry, "DEV_ETHERNET_FUNCID");
+        const Json::Value& libName = JsonMember(entry, "DEV_ETHERNET_LIB_NAME");
+        if (!funcId.isInt() || !libName.isString() ||
+            JsonText(entry, "DEV_ETHERNET_SUPPORT_ENABLE") != "true") {
+            continue;
+        }
+        const uint32_t mainId = static_cast<uint32_t>(funcId.asInt());
+        m_mapPeripheralLibName[PERIPHERAL_TYPE_ETHERNET][mainId] = libName.asString();
+        PHM_LOG(4, "S_MANAGE: Analyse Config, add one [ethernet] lib, name = %s, mainId = %d\n",
+                libName.asString().c_str(), mainId);
+    }
+    m_nCurPeripheral |= CUR_PERIPHERAL_ETHERNET;
+    m_nParamState |= PARAM_STATE_ETHERNET;
+}
+
+void CPeripheralManage::AnalyseMainChipSerialPath(const Json::Value& entries) {
+    std::string* paths = m_stuSystemSerialParam.strSerialPath;
+    const int pathCount = static_cast<int>(sizeof(m_stuSystemSerialParam.strSerialPath) /
+                                           sizeof(m_stuSystemSerialParam.strSerialPath[0]));
+    for (int i = 0; i < pathCount; ++i) {
+        paths[i].clear();
+    }
+    for (Json::ArrayIndex i = 0; i < entries.size(); ++i) {
+        const Json::Value& path = JsonMember(entries[i], "PATH");
+        const Json::Value& position = JsonMember(entries[i], "POSITION");
+        if (!path.isString() || !position.isInt()) {
+            continue;
+        }
+        const int index = position.asInt();
+        if (index < 0 || index >= pathCount) {
+            PHM_LOG(0,
+                    "S_MANAGE: Main chip serial position out of range, id = %d, position = %d, "
+                    "path = %s\n",
+                    i, index, path.asString().c_str());
+            continue;
+        }
+        paths[index] = path.asString();
+        PHM_LOG(2, "S_MANAGE: Find a main chip serial, id = %d, position = %d, path = %s\n", i,
+                index, paths[index].c_str());
+    }
+}
+
+// ---------------------------------------------------------------------------------------------
+// Plug-in loader and instance registry
+
+int CPeripheralManage::CreatePeripheralInstance(ePeripheralType type, unsigned int mainId,
+                                                unsigned int subId) {
+    for (const PeripheralProperty_t& record : m_listPeripheralPlugin) {
+        if (record.pInstance != nullptr && SameIdentity(record.pInstance, type, mainId, subId)) {
+            PHM_LOG(1, "S_MANAGE: Find same instance, and return!!!\n");
+            return 0;
+        }
+    }
+    if (type == PERIPHERAL_TYPE_SERIAL && subId == 0) {
+        if (mainId == PERIPHERAL_MAINID_EXTEND_BOX) {
+            return CreateBuiltInBox(ExtendBoxCreate, ExtendBoxRelease, mainId,
+                                    "S_MANAGE: ExtendBox instance create failed\n");
+        }
+        if (mainId == PERIPHERAL_MAINID_EXTEND_HUB_BOX) {
+            return CreateBuiltInBox(ExtendBoxHubCreate, ExtendBoxHubRelease, mainId,
+                                    "S_MANAGE: ExtendHub Box instance create failed\n");
+        }
+    }
+    return OpenPeripheralLib(type, mainId, subId);
+}
+
+int CPeripheralManage::CreateBuiltInBox(PeripheralCreateFn create, PeripheralReleaseFn release,
+                                        unsigned int mainId, const char* failText) {
+    CPeripheralBase* instance = create(this, m_pMsgClient, mainId, 0);
+    if (instance == nullptr) {
+        PHM_LOG(0, "%s", failText);
+        return 0;
+    }
+    instance->Initialize();
+    m_listPeripheralPlugin.push_back(PeripheralProperty_t{nullptr, create, release, "", instance});
+    return 1;
+}
+
+int CPeripheralManage::OpenPeripheralLib(ePeripheralType type, unsigned int mainId,
+                                         unsigned int subId) {
+    std::string name;
+    auto typeNames = m_mapPeripheralLibName.find(type);
+    if (typeNames != m_mapPeripheralLibName.end()) {
+        auto found = typeNames->second.find(mainId);
+        if (found != typeNames->second.end()) {
+            name = found->second;
+        }
+    }
+    if (name.empty()) {
+        PHM_LOG(0,
+                "S_MANAGE: Read lib file failed, file name is NULL, name = %s, mainId = %d, "
+                "subId = %d\n",
+                name.c_str(), mainId, subId);
+        return -1;
+    }
+    const char* directory = PluginDirectory(type);
+    if (directory == nullptr) {
+        return -1;
+    }
+    char dirPath[kPluginDirSize];
+    snprintf(dirPath, sizeof(dirPath), "%s", directory);
+    DirHandle dir(opendir(dirPath));
+    if (!dir) {
+        PHM_LOG(0, "S_MANAGE: Open basic service plugin lib directory failed, path = %s\n",
+                dirPath);
+        return -1;
+    }
+    PHM_LOG(2, "S_MANAGE: Begin to Find lib file, name = %s, mainId = %d, subId = %d, size = %d\n",
+            name.c_str(), mainId, subId, static_cast<int>(m_listPeripheralPlugin.size()));
+
+    int result = 0;
+    // Directory order, unsorted: with several candidates the first listed one wins.
+    while (struct dirent* entry = readdir(dir.get())) {
+        PHM_LOG(3, "S_MANAGE: dir_name = %s\n", entry->d_name);
+        if (strstr(entry->d_name, name.c_str()) == nullptr) {
+            continue;
+        }
+        char path[kPluginPathSize];
+        if (snprintf(path, sizeof(path), "%s%s", dirPath, entry->d_name) >=
+            static_cast<int>(sizeof(path))) {
+            PHM_LOG(0, "S_MANAGE: Plugin path too long, dir = %s, file = %s\n", dirPath,
+                    entry->d_name);
+            result = -1;
+            break;
+        }
+        PHM_LOG(2, "S_MANAGE: Find lib success, begin to open, dir = %s\n", path);
+        result = LoadPeripheralLibFile(path, name, type, mainId, subId);
+        break;
+    }
+    PHM_LOG(2, "S_MANAGE: lib [%s] load finish\n", name.c_str());
+    return result;
+}
+
+int CPeripheralManage::LoadPeripheralLibFile(const char* path, const std::string& name,
+                                             ePeripheralType type, unsigned int mainId,
+                                             unsigned int subId) {
+    // Nothing below closes the library again: a failed load stays loaded, as always.
+    void* handle = dlopen(path, RTLD_LAZY);
+    if (handle == nullptr) {
+        const char* error = dlerror();
+        PHM_LOG(0, "S_MANAGE: Cannot load plugin, name = %s, err : %s\n", path,
+                error != nullptr ? error : "");
+        return -1;
+    }
+    auto create = reinterpret_cast<PeripheralCreateFn>(dlsym(handle, "PeripheralCreate"));
+    if (create == nullptr) {
+        PHM_LOG(0, "S_MANAGE: Cannot get plugin [PeripheralCreate] ptr, name = %s\n", path);
+        return -1;
+    }
+    PHM_LOG(2, "S_MANAGE: Find the lib so, then create it, type = %d, mainId = %d, subId = %d\n",
+            type, mainId, subId);
+    CPeripheralBase* instance = create(this, m_pMsgClient, mainId, subId);
+    if (instance == nullptr) {
+        PHM_LOG(0, "S_MANAGE: Create new instance failed, type = %d, mainId = %d, subId = %d\n",
+                type, mainId, subId);
+        return 0;
+    }
+    instance->Initialize();
+    auto release = reinterpret_cast<PeripheralReleaseFn>(dlsym(handle, "PeripheralRelease"));
+    if (release == nullptr) {
+        // The instance runs on unregistered: nothing is rolled back.
+        PHM_LOG(0, "S_MANAGE: Cannot get plugin [PeripheralRelease] ptr, name = %s\n", path);
+        return -1;
+    }
+    m_listPeripheralPlugin.push_back(PeripheralProperty_t{handle, create, release, name, instance});
+    return 0;
+}
+
+int CPeripheralManage::LoadPeripheralPlugin(ePeripheralType type, unsigned int oldMainId,
+                                            unsigned int oldSubId, unsigned int newMainId,
+                                            unsigned int newSubId) {
+    if (oldMainId != newMainId) {
+        RemovePeripheralInstance(type, oldMainId, oldSubId);
+        return CreatePeripheralInstance(type, newMainId, newSubId);
+    }
+    if (oldSubId == newSubId) {
+        return 0;
+    }
+    return SwitchPeripheralInSameLib(oldMainId, oldSubId, newSubId);
+}
+
+int CPeripheralManage::SwitchPeripheralInSameLib(unsigned int mainId, unsigned int oldSubId,
+                                                 unsigned int newSubId) {
+    // The type is not compared; a record left without instance is taken first.
+    auto record = std::find_if(
+        m_listPeripheralPlugin.begin(), m_listPeripheralPlugin.end(),
+        [&](const PeripheralProperty_t& r) {
+            return r.pInstance == nullptr ||
+                   (r.pInstance->GetMainId() == mainId && r.pInstance->GetSubId() == oldSubId);
+        });
+    if (record == m_listPeripheralPlugin.end()) {
+        PHM_LOG(0,
+                "S_MANAGE: Switch instance failed, [Not Find old instance], mainId = %d, "
+                "oldSubID = %d, newSubID = %d\n",
+                mainId, oldSubId, newSubId);
+        return -2;
+    }
+    bool canCreate = record->pCreate != nullptr;
+    if (record->pInstance != nullptr) {
+        canCreate = canCreate && record->pRelease != nullptr;
+    } else {
+        PHM_LOG(0, "S_MANAGE: Switch instance, old instance is NULL, create new instance!!!\n");
+    }
+    if (!canCreate) {
+        PHM_LOG(0,
+                "S_MANAGE: Switch instance failed, [Create ptr is NULL], mainId = %d, oldSubID = "
+                "%d, newSubID = %d, name = %s\n",
+                mainId, oldSubId, newSubId, record->strName.c_str());
+        return -1;
+    }
+    if (record->pInstance != nullptr) {
+        record->pRelease(record->pInstance);
+        record->pInstance = nullptr;
+    }
+    record->pInstance = record->pCreate(this, m_pMsgClient, mainId, newSubId);
+    if (record->pInstance == nullptr) {
+        PHM_LOG(0, "S_MANAGE: Create new instance failed, type = %d, mainId = %d, subId = %d\n",
+                PERIPHERAL_TYPE_SERIAL, mainId, newSubId);
+        return -1;
+    }
+    record->pInstance->Initialize();
+    PHM_LOG(1,
+            "S_MANAGE: Switch instance success, mainId = %d, oldSubID = %d, newSubID = %d, "
+            "name = %s\n",
+            mainId, oldSubId, newSubId, record->strName.c_str());
+    return 0;
+}
+
+int CPeripheralManage::RemovePeripheralInstance(ePeripheralType type, unsigned int mainId,
+                                                unsigned int subId) {
+    auto record = std::find_if(m_listPeripheralPlugin.begin(), m_listPeripheralPlugin.end(),
+                               [&](const PeripheralProperty_t& r) {
+                                   return r.pInstance == nullptr ||
+                                          SameIdentity(r.pInstance, type, mainId, subId);
+                               });
+    if (record == m_listPeripheralPlugin.end()) {
+        PHM_LOG(0,
+                "S_MANAGE: Release Peripheral Instance failed, [Not find instance], type = %d, "
+                "mainID = %d, subId = %d\n",
+                type, mainId, subId);
+        return -1;
+    }
+    const char* name = record->strName.c_str();
+    if (record->pRelease != nullptr) {
+        PHM_LOG(1,
+                "S_MANAGE: Release Peripheral Instance success, type = %d, mainID = %d, subId = "
+                "%d, name = %s\n",
+                type, mainId, subId, name);
+        if (record->pInstance != nullptr) {
+            record->pRelease(record->pInstance);
+        }
+        record->pInstance = nullptr;
+    } else {
+        PHM_LOG(0,
+                "S_MANAGE: Release Peripheral Instance failed, [Release handle is NULL], type = "
+                "%d, mainID = %d, subId = %d, name = %s\n",
+                type, mainId, subId, name);
+    }
+    // Only the extension box is exempt; the hub box logs the failed close, as it always has.
+    const bool extendBox =
+        type == PERIPHERAL_TYPE_SERIAL && mainId == PERIPHERAL_MAINID_EXTEND_BOX && subId == 0;
+    if (!extendBox) {
+        if (record->pLibHandle != nullptr) {
+            PHM_LOG(1,
+                    "S_MANAGE: Close Dll success, type = %d, mainID = %d, subId = %d, name = %s\n",
+                    type, mainId, subId, name);
+            dlclose(record->pLibHandle);
+        } else {
+            PHM_LOG(0,
+                    "S_MANAGE: Close Dll failed, [Dll handle is NULL], type = %d, mainID = %d, "
+                    "subId = %d, name = %s\n",
+                    type, mainId, subId, name);
+        }
+    }
+    m_listPeripheralPlugin.erase(record);
+    return 0;
+}
+
+CPeripheralBase* CPeripheralManage::GetPeripheralInstance(ePeripheralType type, unsigned int mainId,
+                                                          unsigned int subId) {
+    for (const PeripheralProperty_t& record : m_listPeripheralPlugin) {
+        if (record.pInstance != nullptr && SameIdentity(record.pInstance, type, mainId, subId)) {
+            return record.pInstance;
+        }
+    }
+    return nullptr;
+}
+
+unsigned char CPeripheralManage::GetPeripheralParamId(ePeripheralType type, unsigned int mainId,
+                                                      unsigned int subId) {
+    switch (type) {
+        case PERIPHERAL_TYPE_SERIAL:
+            for (unsigned char i = 0; i < 12; ++i) {
+                const SerialPortEntry_t& entry = m_stuSystemSerialParam.stuSerialSetting.port[i];
+                if (entry.mainFun == mainId && entry.subFun == subId) {
+                    return i;
+                }
+            }
+            break;
+        case PERIPHERAL_TYPE_CANPORT:
+            for (unsigned char i = 0; i < 4; ++i) {
+                if (m_stuCanParam.port[i].mainFun == mainId &&
+                    m_stuCanParam.port[i].subFun == subId) {
+                    return i;
+                }
+            }
+            break;
+        case PERIPHERAL_TYPE_ETHERNET:
+            for (unsigned char i = 0; i < 4; ++i) {
+                const EthernetEntry_t& entry = m_stuEthernetParam.entry[i];
+                if (entry.mainFun == mainId && entry.subFun == subId) {
+                    return i;
+                }
+            }
+            break;
+    }
+    return 255;
+}
+
+unsigned char CPeripheralManage::GetPeripheralUiId(ePeripheralType type, unsigned int mainId,
+                                                   unsigned int subId) {
+    if (type != PERIPHERAL_TYPE_SERIAL) {
+        return 0;
+    }
+    static const char* const kUiPorts[] = {"232-1", "232-2", "485-1", "485-2"};
+    const int paramId = GetPeripheralParamId(type, mainId, subId);
+    const Json::Value& ports = JsonArray(
+        JsonMember(m_jsonPeripheralCfg, "DEVICE_PERIPHERAL_PARAM_SETTING"), "SERIAL_PARAM");
+    for (Json::ArrayIndex i = 0; i < ports.size(); ++i) {
+        const Json::Value& name = JsonMember(ports[i], "NAME");
+        const Json::Value& position = JsonMember(ports[i], "POSITION");
+        if (!name.isString() || !position.isInt() || position.asInt() != paramId) {
+            continue;
+        }
+        const std::string text = name.asString();
+        PHM_LOG(3, "GetPeripheralUiId: strTemp = %s\n", text.c_str());
+        // The configured name is what is searched for: "232" matches "232-1".
+        for (unsigned char ui = 0; ui < 4; ++ui) {
+            if (strstr(kUiPorts[ui], text.c_str()) != nullptr) {
+                return ui;
+            }
+        }
+    }
+    return 0;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Parameter-change reconciliation
+
+int CPeripheralManage::OnUpdateSerialParamSetting(const char* data, int length) {
+    MsgView msg(data, length);
+    if (msg.TooShort()) {
+        PHM_LOG(0, "S_MANAGE: Serial port param length error \n");
+        return -1;
+    }
+    m_nParamState &= static_cast<uint16_t>(~PARAM_STATE_SERIAL);
+    paramSerialSetting_t setting;
+    msg.Copy(16, &setting, sizeof(setting));
+    if (memcmp(&setting, &m_stuSystemSerialParam.stuSerialSetting, sizeof(setting)) == 0) {
+        return 0;
+    }
+    PHM_LOG(2, "S_MANAGE: Serial param has changed......\n");
+    PrintPeripheralParam(PERIPHERAL_TYPE_SERIAL, &setting);
+    UpdateSerialInstance(setting);
+    return 0;
+}
+
+int CPeripheralManage::OnUpdateCanParamSetting(const char* data, int length) {
+    MsgView msg(data, length);
+    if (msg.TooShort()) {
+        PHM_LOG(0, "S_MANAGE: CAN port param length error \n");
+        return -1;
+    }
+    PHM_LOG(2, "S_MANAGE: OnUpdateCanParamSetting......\n");
+    m_nParamState &= static_cast<uint16_t>(~PARAM_STATE_CAN);
+    paramCanSetting_t setting;
+    msg.Copy(16, &setting, sizeof(setting));
+    if (memcmp(&setting, &m_stuCanParam, sizeof(setting)) == 0) {
+        return 0;
+    }
+    PHM_LOG(2, "S_MANAGE: CAN param has changed......\n");
+    PrintPeripheralParam(PERIPHERAL_TYPE_CANPORT, &setting);
+    UpdateCanInstance(setting);
+    return 0;
+}
+
+int CPeripheralManage::OnUpdateEthernetParamSetting(const char* data, int length) {
+    MsgView msg(data, length);
+    if (msg.TooShort()) {
+        PHM_LOG(0, "S_MANAGE: Ethernet port param length error \n");
+        return -1;
+    }
+    m_nParamState &= static_cast<uint16_t>(~PARAM_STATE_ETHERNET);
+    paramPeripheralEtherNet_t setting;
+    msg.Copy(16, &setting, sizeof(setting));
+    if (memcmp(&setting, &m_stuEthernetParam, sizeof(setting)) == 0) {
+        return 0;
+    }
+    PHM_LOG(1, "S_MANAGE: Ethernet param has changed......\n");
+    PrintPeripheralParam(PERIPHERAL_TYPE_ETHERNET, &setting);
+    UpdateEthernetInstance(setting);
+    return 0;
+}
+
+int CPeripheralManage::UpdateSerialInstance(const paramSerialSetting_t& setting) {
+    // The new setting is in place before any instance is touched: instances that read it
+    // while they are removed, created or notified see the new one.
+    const paramSerialSetting_t old = m_stuSystemSerialParam.stuSerialSetting;
+    m_stuSystemSerialParam.stuSerialSetting = setting;
+    const paramSerialSetting_t& fresh = m_stuSystemSerialParam.stuSerialSetting;
+
+    std::vector<PeripheralPair> createQueue;
+    std::vector<PeripheralPair> changed;
+    for (int p = 0; p < 12; ++p) {
+        ReconcileSerialPort(old.port[p], fresh.port[p], createQueue, changed);
+    }
+    CreateQueuedSerialInstances(createQueue, changed);
+
+    m_mapChangedPeripPair[PERIPHERAL_TYPE_SERIAL] = changed;
+    PHM_LOG(2, "S_MANAGE: **** Reset serial property list size = %d****\n",
+            static_cast<int>(changed.size()));
+    for (const PeripheralPair& pair : changed) {
+        PHM_LOG(2, "mainId = %d, subId = %d\n", pair.mainId, pair.subId);
+    }
+    NotifySerialParamChange();
+
+    // Emptied before the count is logged: changeSize reads 0, as it always has.
+    std::vector<PeripheralPair>& published = m_mapChangedPeripPair[PERIPHERAL_TYPE_SERIAL];
+    published.clear();
+    PHM_LOG(2, "S_MANAGE: Update Serial Instance Finished, instance_size = %d, changeSize = %d\n",
+            static_cast<int>(m_listPeripheralPlugin.size()), static_cast<int>(published.size()));
+    return 0;
+}
+
+void CPeripheralManage::ReconcileSerialPort(const SerialPortEntry_t& oldPort,
+                                            const SerialPortEntry_t& newPort,
+                                            std::vector<PeripheralPair>& createQueue,
+                                            std::vector<PeripheralPair>& changed) {
+    if (oldPort.mainFun == newPort.mainFun && oldPort.subFun == newPort.subFun) {
+        ReconcileSameSerialPort(oldPort, newPort, createQueue, changed);
+        return;
+    }
+    if (IsExtendBox(oldPort.mainFun)) {
+        // A box arriving in place of a box gets no queue entries for its children.
+        RemoveLeavingExtendBox(oldPort);
+        createQueue.push_back({newPort.mainFun, newPort.subFun});
+        return;
+    }
+    if (IsExtendBox(newPort.mainFun)) {
+        PHM_LOG(2, "S_MANAGE: Remove extend serial instance, mainId = %d, subId = %d\n",
+                oldPort.mainFun, oldPort.subFun);
+        RemovePeripheralInstance(PERIPHERAL_TYPE_SERIAL, oldPort.mainFun, oldPort.subFun);
+        createQueue.push_back({newPort.mainFun, 0});
+        for (const SerialExtendEntry_t& child : newPort.extend) {
+            createQueue.push_back({child.mainFun, child.subFun});
+        }
+        return;
+    }
+    PHM_LOG(2, "S_MANAGE: Remove serial instance, mainId = %d, subId = %d\n", oldPort.mainFun,
+            oldPort.subFun);
+    RemovePeripheralInstance(PERIPHERAL_TYPE_SERIAL, oldPort.mainFun, oldPort.subFun);
+    createQueue.push_back({newPort.mainFun, newPort.subFun});
+}
+
+void CPeripheralManage::ReconcileSameSerialPort(const SerialPortEntry_t& oldPort,
+                                                const SerialPortEntry_t& newPort,
+                                                std::vector<PeripheralPair>& createQueue,
+                                                std::vector<PeripheralPair>& changed) {
+    if (oldPort.mainFun == 0) {
+        return;
+    }
+    if (IsExtendBox(oldPort.mainFun)) {
+        // Told while the changed list is still empty.
+        if (CPeripheralBase* box =
+                GetPeripheralInstance(PERIPHERAL_TYPE_SERIAL, oldPort.mainFun, 0)) {
+            box->HandlePeripParamChange();
+        }
+        for (int k = 0; k < 8; ++k) {
+            const SerialExtendEntry_t& oldChild = oldPort.extend[k];
+            const SerialExtendEntry_t& newChild = newPort.extend[k];
+            if (oldChild.mainFun != newChild.mainFun || oldChild.subFun != newChild.subFun) {
+                PHM_LOG(2,
+                        "S_MANAGE: Remove extend serial instance, index = %d, mainId = %d, subId "
+                        "= %d\n",
+                        k, oldChild.mainFun, oldChild.subFun);
+                RemovePeripheralInstance(PERIPHERAL_TYPE_SERIAL, oldChild.mainFun, oldChild.subFun);
+                createQueue.push_back({newChild.mainFun, newChild.subFun});
+            } else if (oldChild.mainFun != 0 && oldChild.baudrate != newChild.baudrate) {
+                changed.push_back({oldChild.mainFun, oldChild.subFun});
+            }
+        }
+    }
+    if (oldPort.baudrate != newPort.baudrate) {
+        changed.push_back({newPort.mainFun, newPort.subFun});
+    }
+}
+
+void CPeripheralManage::RemoveLeavingExtendBox(const SerialPortEntry_t& oldPort) {
+    if (CPeripheralBase* box = GetPeripheralInstance(PERIPHERAL_TYPE_SERIAL, oldPort.mainFun, 0)) {
+        PHM_LOG(0, "S_MANAGE:HandlePeripParamChange\n");
+        box->HandlePeripParamChange();
+    }
+    for (int k = 0; k < 8; ++k) {
+        const SerialExtendEntry_t& child = oldPort.extend[k];
+        PHM_LOG(2, "S_MANAGE: Remove extend serial instance, index = %d, mainId = %d, subId = %d\n",
+                k, child.mainFun, child.subFun);
+        RemovePeripheralInstance(PERIPHERAL_TYPE_SERIAL, child.mainFun, child.subFun);
+    }
+    PHM_LOG(2, "S_MANAGE: Remove extend serial instance, mainId = %d, subId = %d\n",
+            oldPort.mainFun, oldPort.subFun);
+    RemovePeripheralInstance(PERIPHERAL_TYPE_SERIAL, oldPort.mainFun, 0);
+}
+
+void CPeripheralManage::CreateQueuedSerialInstances(const std::vector<PeripheralPair>& createQueue,
+                                                    std::vector<PeripheralPair>& changed) {
+    for (const PeripheralPair& pair : createQueue) {
+        if (pair.mainId == 0) {
+            continue;
+        }
+        PHM_LOG(2, "S_MANAGE: Begin create serial instance, mainId = %d, subId = %d\n", pair.mainId,
+                pair.subId);
+        CreatePeripheralInstance(PERIPHERAL_TYPE_SERIAL, pair.mainId, pair.subId);
+        changed.push_back(pair);
+    }
+}
+
+void CPeripheralManage::NotifySerialParamChange() {
+    if (CPeripheralBase* box =
+            GetPeripheralInstance(PERIPHERAL_TYPE_SERIAL, PERIPHERAL_MAINID_EXTEND_BOX, 0)) {
+        box->HandlePeripParamChange();
+    } else if (CPeripheralBase* hub = GetPeripheralInstance(PERIPHERAL_TYPE_SERIAL,
+                                                            PERIPHERAL_MAINID_EXTEND_HUB_BOX, 0)) {
+        PHM_LOG(1, "New extend hubbox find ok, mainId = %d, subId = %d \n", hub->GetMainId(),
+                hub->GetSubId());
+        hub->HandlePeripParamChange();
+    }
+    // Everybody but the box, whatever their kind; the hub box hears it a second time.
+    for (const PeripheralProperty_t& record : m_listPeripheralPlugin) {
+        CPeripheralBase* instance = record.pInstance;
+        if (instance == nullptr ||
+            SameIdentity(instance, PERIPHERAL_TYPE_SERIAL, PERIPHERAL_MAINID_EXTEND_BOX, 0)) {
+            continue;
+        }
+        instance->HandlePeripParamChange();
+    }
+}
+
+int CPeripheralManage::UpdateCanInstance(const paramCanSetting_t& setting) {
+    std::vector<PeripheralPair> createQueue;
+    for (int i = 0; i < 4; ++i) {
+        const CanPortEntry_t& oldPort = m_stuCanParam.port[i];
+        const CanPortEntry_t& newPort = setting.port[i];
+        if (oldPort.mainFun == newPort.mainFun && oldPort.subFun == newPort.subFun) {
+            continue;
+        }
+        PHM_LOG(1, "S_MANAGE: Remove can instance, mainId = %d, subId = %d\n", oldPort.mainFun,
+                oldPort.subFun);
+        RemovePeripheralInstance(PERIPHERAL_TYPE_CANPORT, oldPort.mainFun, oldPort.subFun);
+        createQueue.push_back({newPort.mainFun, newPort.subFun});
+    }
+    m_stuCanParam = setting;
+    for (const PeripheralPair& pair : createQueue) {
+        if (pair.mainId == 0) {
+            continue;
+        }
+        PHM_LOG(1, "S_MANAGE: Begin create can instance, mainId = %d, subId = %d\n", pair.mainId,
+                pair.subId);
+        CreatePeripheralInstance(PERIPHERAL_TYPE_CANPORT, pair.mainId, pair.subId);
+    }
+    PHM_LOG(1, "S_MANAGE: Update CAN Instance Finished, instance_size = %d\n",
+            static_cast<int>(m_listPeripheralPlugin.size()));
+    return 0;
+}
+
+int CPeripheralManage::UpdateEthernetInstance(const paramPeripheralEtherNet_t& setting) {
+    std::vector<PeripheralPair> createQueue;
+    for (int i = 0; i < 4; ++i) {
+        const EthernetEntry_t& oldEntry = m_stuEthernetParam.entry[i];
+        const EthernetEntry_t& newEntry = setting.entry[i];
+        if (oldEntry.mainFun == newEntry.mainFun && oldEntry.subFun == newEntry.subFun) {
+            continue;
+        }
+        PHM_LOG(1, "S_MANAGE: Remove Ethernet instance, mainId = %d, subId = %d\n",
+                oldEntry.mainFun, oldEntry.subFun);
+        RemovePeripheralInstance(PERIPHERAL_TYPE_ETHERNET, oldEntry.mainFun, oldEntry.subFun);
+        createQueue.push_back({newEntry.mainFun, newEntry.subFun});
+    }
+    m_stuEthernetParam = setting;
+    for (const PeripheralPair& pair : createQueue) {
+        if (pair.mainId == 0) {
+            continue;
+        }
+        PHM_LOG(1, "S_MANAGE: Begin create Ethernet instance, mainId = %d, subId = %d\n",
+                pair.mainId, pair.subId);
+        CreatePeripheralInstance(PERIPHERAL_TYPE_ETHERNET, pair.mainId, pair.subId);
+    }
+    PHM_LOG(1, "S_MANAGE: Update Ethernet Instance Finished, instance_size = %d\n",
+            static_cast<int>(m_listPeripheralPlugin.size()));
+    return 0;
+}
+
+void CPeripheralManage::GetChangedPeripPair(ePeripheralType type,
+                                            std::vector<PeripheralPair>& out) {
+    out = m_mapChangedPeripPair[type];
+}
+
+int CPeripheralManage::CheckPeripPropertyChanged(ePeripheralType type, unsigned int mainId,
+                                                 unsigned int subId) {
+    for (const PeripheralPair& pair : m_mapChangedPeripPair[type]) {
+        if (pair.mainId == mainId && pair.subId == subId) {
+            return 1;
+        }
+    }
+    return 0;
+}
+
+int CPeripheralManage::PrintPeripheralParam(ePeripheralType type, void* record) {
+    if (record == nullptr) {
+        return -1;
+    }
+    switch (type) {
+        case PERIPHERAL_TYPE_SERIAL: {
+            const auto* setting = static_cast<const paramSerialSetting_t*>(record);
+            puts("######### SERIAL PARAM#############");
+            for (int i = 0; i < 12; ++i) {
+                const SerialPortEntry_t& port = setting->port[i];
+                printf("index = %d, mainFun = %d, subFun = %d, baudrate = %d\n", i, port.mainFun,
+                       port.subFun, port.baudrate);
+                if (!IsExtendBox(port.mainFun)) {
+                    continue;
+                }
+                for (int k = 0; k < 8; ++k) {
+                    printf("    extend: %d, mainFun = %d, subFun = %d, baudrate = %d\n", k,
+                           port.extend[k].mainFun, port.extend[k].subFun, port.extend[k].baudrate);
+                }
+            }
+            break;
+        }
+        case PERIPHERAL_TYPE_CANPORT: {
+            const auto* setting = static_cast<const paramCanSetting_t*>(record);
+            puts("######### CAN_PORT PARAM#############");
+            for (int i = 0; i < 4; ++i) {
+                printf("index = %d, mainFun = %d, subFun = %d, baudrate = %d\n", i,
+                       setting->port[i].mainFun, setting->port[i].subFun,
+                       setting->port[i].baudrate);
+            }
+            break;
+        }
+        case PERIPHERAL_TYPE_ETHERNET: {
+            const auto* bytes = static_cast<const uint8_t*>(record);
+            puts("######### ETHERNET_PORT PARAM#############");
+            for (int i = 0; i < 4; ++i) {
+                const uint8_t* entry = bytes + i * sizeof(EthernetEntry_t);
+                const unsigned int port = entry[20] | (entry[21] << 8);
+                // The address need not be terminated within its 16 bytes.
+                printf("index = %d, mainFun = %d, subFun = %d, ip = %.16s, port = %d\n", i,
+                       entry[0], entry[1], reinterpret_cast<const char*>(entry + 4), port);
+            }
+            break;
+        }
+    }
+    puts("############ END ######################");
+    return 0;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Device status relay
+
+int CPeripheralManage::OnSetDebugLevel(const char* data, int length) {
+    MsgView msg(data, length);
+    if (msg.HeadLength() != 8 || msg.U16(16) != 0x1A00) {
+        return 0;
+    }
+    m_nDebugLevel = msg.U16(18);
+    PHM_LOG(0, "S_MANAGE: Set debug level = %d\n", m_nDebugLevel.load());
+    return 0;
+}
+
+int CPeripheralManage::OnDeviceModuleComplete(const char* data, int length) {
+    MsgView msg(data, length);
+    if (msg.TooShort()) {
+        PHM_LOG(0, "S_MANAGE: device module complete length or msg is error \n");
+        return -1;
+    }
+    const uint8_t state = msg.Byte(16);
+    m_ucDeviceModuleReady = (state & 0x01) ? 1 : 0;
+    PHM_LOG(1, "S_MANAGE: DeviceManage module init state = 0x%x\n", state);
+    return 0;
+}
+
+int CPeripheralManage::OnDeviceModuleReleaseSerial(const char* data, int length) {
+    MsgView msg(data, length);
+    if (msg.TooShort()) {
+        // The text is shared with OnDeviceModuleComplete on purpose.
+        PHM_LOG(0, "S_MANAGE: device module complete length or msg is error \n");
+        return -1;
+    }
+    const std::string path = msg.Text(16);
+    if (IsCpxSerial(m_nProductType, path)) {
+        m_ucCpxOccupy = 0;
+    }
+    PHM_LOG(1,
+            "S_MANAGE: DeviceManage broadcast cpx release serial, product_type = %d, path = %s, "
+            "cpx_occupy = %d\n",
+            m_nProductType, path.c_str(), m_ucCpxOccupy.load());
+    return 0;
+}
+
+int CPeripheralManage::OnUpdataIPCSetting(const char* data, int length) {
+    MsgView msg(data, length);
+    if (msg.TooShort()) {
+        PHM_LOG(0, "ipc param length error \n");
+        return -1;
+    }
+    m_nParamState &= static_cast<uint16_t>(~PARAM_STATE_IPC);
+    uint8_t setting[sizeof(m_stuIpcSetting)];
+    msg.Copy(16, setting, sizeof(setting));
+    if (memcmp(setting, m_stuIpcSetting, sizeof(setting)) != 0) {
+        PHM_LOG(2, "S_MANAGE: IPC param has changed, and re get video loss state\n");
+        memcpy(m_stuIpcSetting, setting, sizeof(setting));
+        m_nStatusState &= ~(STATUS_STATE_DIGITAL_VLOSS | STATUS_STATE_VLOSS);
+    }
+    return 0;
+}
+
+bool CPeripheralManage::GetIpcChannel(unsigned int channel, uint8_t& digital,
+                                      uint8_t& protocol) const {
+    digital = 0;
+    protocol = 0;
+    const size_t channels = (sizeof(m_stuIpcSetting) - kIpcEntryOffset) / kIpcEntrySize;
+    if (channel >= channels) {
+        return false;
+    }
+    const uint8_t* entry = m_stuIpcSetting + kIpcEntryOffset + kIpcEntrySize * channel;
+    digital = entry[0];
+    protocol = entry[6];
+    return true;
+}
+
+int CPeripheralManage::OnUpdataDigitalVideoLossStatus(const char* data, int length) {
+    MsgView msg(data, length);
+    if (msg.TooShort()) {
+        PHM_LOG(0, "S_MANAGE: Update IPC video loss length error \n");
+        return -1;
+    }
+    if (msg.HeadLength() != 6) {
+        PHM_LOG(0, "S_MANAGE: Update IPC video loss failed msgerror=%d\n", msg.HeadLength());
+        return -1;
+    }
+    m_nStatusState |= STATUS_STATE_DIGITAL_VLOSS;
+    if (m_nTotalChnNum > kVideoLossChannels) {
+        PHM_LOG(0, "S_MANAGE: Video loss mask holds %d channels, channels = %d\n",
+                kVideoLossChannels, m_nTotalChnNum);
+    }
+    const unsigned int channels = std::min(m_nTotalChnNum, kVideoLossChannels);
+    MutexGuard guard(m_VideoLossLock);
+    uint32_t state = m_nVideoLossState;
+    for (unsigned int n = 0; n < channels; ++n) {
+        const uint8_t protocol = msg.Byte(16 + n);
+        const uint8_t lost = msg.Byte(20 + n);
+        uint8_t digital = 0;
+        uint8_t ipcProtocol = 0;
+        GetIpcChannel(n, digital, ipcProtocol);
+        PHM_LOG(4,
+                "S_MANAGE: Digital VL state, index = %x, digital = %d, protocol = %d, state = %d\n",
+                n, digital, protocol, lost);
+        if (digital == 1 && ipcProtocol == protocol) {
+            state = lost == 1 ? (state | (1u << n)) : (state & ~(1u << n));
+        }
+    }
+    m_nVideoLossState = state;
+    PHM_LOG(3, "S_MANAGE: IPC Video loss state update, state = 0x%x, DigitalChnNum = %d\n", state,
+            m_nDigitalChnNum);
+    return 0;
+}
+
+int CPeripheralManage::OnUpdataVideoLossStatus(const char* data, int length) {
+    MsgView msg(data, length);
+    if (msg.TooShort()) {
+        PHM_LOG(0, "S_MANAGE: Update video loss length error \n");
+        return -1;
+    }
+    if (msg.HeadLength() != 4) {
+        PHM_LOG(0, "S_MANAGE: Update video loss failed msgerror=%d\n", msg.HeadLength());
+        return -1;
+    }
+    m_nStatusState |= STATUS_STATE_VLOSS;
+    if (m_nViChnNum > kVideoLossChannels) {
+        PHM_LOG(0, "S_MANAGE: Video loss mask holds %d channels, channels = %d\n",
+                kVideoLossChannels, m_nViChnNum);
+    }
+    const unsigned int channels = std::min(m_nViChnNum, kVideoLossChannels);
+    const uint32_t mask = msg.U32(16);
+    MutexGuard guard(m_VideoLossLock);
+    uint32_t state = m_nVideoLossState;
+    for (unsigned int n = 0; n < channels; ++n) {
+        uint8_t digital = 0;
+        uint8_t protocol = 0;
+        GetIpcChannel(n, digital, protocol);
+        if (digital == 0) {  // digital channels keep their own bit
+            state = (state & ~(1u << n)) | (mask & (1u << n));
+        }
+    }
+    m_nVideoLossState = state;
+    PHM_LOG(2, "S_MANAGE: Vi Video loss state update, state = 0x%x, ViChnNum = %d\n", state,
+            m_nViChnNum);
+    return 0;
+}
+
+int CPeripheralManage::OnUpdateLedState(const char* data, int length) {
+    if (data == nullptr) {
+        PHM_LOG(0, "S_MANAGE: OnUpdateLedState msg param error \n");
+        return -1;
+    }
+    MsgView msg(data, length);
+    if (msg.HeadLength() != 16) {
+        PHM_LOG(0, "S_MANAGE: Update Led panel state msgerror=%d\n", msg.HeadLength());
+        return -1;
+    }
+    m_nStatusState |= STATUS_STATE_LED;
+    MutexGuard guard(m_LedLock);
+    msg.Copy(16, m_stuSysLedState, 10);
+    const uint8_t* led = m_stuSysLedState;
+    PHM_LOG(2,
+            "S_MANAGE: Update Led state, record = %x, net = %x, err = %x, gps = %x, alarm = %x, "
+            "vloss = %x, hdd = %x, sd = %x, sys = %x\n",
+            led[0], led[1], led[2], led[3], led[4], led[5], led[6], led[7], led[8]);
+    return 0;
+}
+
+int CPeripheralManage::OnUpdataStorageStatus(const char* data, int length) {
+    MsgView msg(data, length);
+    if (msg.TooShort()) {
+        PHM_LOG(0, "S_MANAGE: OnUpdataStorageStatus param error\n");
+        return -1;
+    }
+    msg.Copy(16, m_stuStorageStatus, sizeof(m_stuStorageStatus));
+    int errorSd = 1;
+    for (int i = 0; i < 2; ++i) {
+        const size_t entry = 40 + 4 * i;
+        const uint8_t state = msg.Byte(entry);
+        const uint8_t type = msg.Byte(entry + 2);
+        const uint8_t valid = msg.Byte(entry + 3);
+        // valid and i stand swapped against their labels, as the field logs have always shown.
+        PHM_LOG(4, "S_MANAGE: i = %d, valid = %d, type = %d, state = %d\n", valid, i, type, state);
+        if (valid == 1 && type == 1 && (state == 2 || state == 5 || state == 6)) {
+            errorSd = 0;
+        }
+    }
+    PHM_LOG(3, "S_MANAGE: storage status: error_sd = %d\n", errorSd);
+    MutexGuard guard(m_LedLock);
+    m_stuSysLedState[7] = errorSd == 1 ? 0 : 1;
+    return 0;
+}
+
+int CPeripheralManage::OnUpdateDeviceVehicleInfo(const char* data, int length) {
+    if (data == nullptr) {
+        return -1;
+    }
+    MsgView msg(data, length);
+    MutexGuard guard(m_LedLock);
+    msg.Copy(16, m_stuVehicleInfo, sizeof(m_stuVehicleInfo));
+    const MsgView record(reinterpret_cast<const char*>(m_stuVehicleInfo),
+                         static_cast<int>(sizeof(m_stuVehicleInfo)));
+    const uint32_t first = record.U32(0);
+    const uint32_t second = record.U32(48);
+    const uint8_t flags = record.Byte(52);
+    if ((first & 0x08) && (second & 0x08) && !((flags & 0x10) && !(flags & 0x08))) {
+        m_stuSysLedState[10] = 0;
+    }
+    return 0;
+}
+
+int CPeripheralManage::OnGetFtpParam(const char* data, int length) {
+    MsgView msg(data, length);
+    if (msg.TooShort()) {
+        PHM_LOG(0, "S_MANAGE: OnGetFtpParam param error\n");
+        return -1;
+    }
+    m_nParamState &= static_cast<uint16_t>(~PARAM_STATE_FTP);
+    {
+        MutexGuard guard(m_FtpLock);
+        msg.Copy(16, &m_stuFtpSetting, sizeof(m_stuFtpSetting));
+    }
+    PHM_LOG(2, "S_MANAGE: FTP param changed\n");
+    return 0;
+}
+
+int CPeripheralManage::OnProcessPowerdown(const char*, int) {
+    PHM_LOG(0, " m_ucTestEnable=%d\n", m_ucTestEnable);
+    if (m_ucTestEnable == 1) {
+        // The recorder answers with its real serial setting, which replaces the test layout.
+        m_pMsgClient->MSGSendMessage(0, MSG_SERIAL_REQUEST, 1, nullptr, 0, m_nMsgId);
+    }
+    return 0;
+}
+
+int CPeripheralManage::OnDispatchProxyData(const char* data, int length) {
+    MsgView msg(data, length);
+    if (msg.TooShort()) {
+        PHM_LOG(0, "S_MANAGE: Protocol proxy param length error \n");
+        return -1;
+    }
+    if (msg.U16(80) != 1) {
+        PHM_LOG(0, "S_MANAGE: Protocol proxy param type error \n");
+        return -1;
+    }
+    const unsigned int funcId = msg.U16(82);
+    const unsigned int dataLen = msg.U32(88);
+    PHM_LOG(0, "S_MANAGE: serialInfo--uiFuncId:%d, uiDataLen:%d, len = %d\n", funcId, dataLen + 84,
+            dataLen);
+    // Proxy data is delivered to nobody yet.
+    int index = 0;
+    for (auto it = m_listPeripheralPlugin.begin(); it != m_listPeripheralPlugin.end(); ++it) {
+        PHM_LOG(2, "S_MANAGE: m_pSerialBase[%d] == NULL", index++);
+    }
+    return 0;
+}
+
+int CPeripheralManage::OnGetUpgradingPeripInfo(const char* data, int length) {
+    MsgView msg(data, length);
+    if (msg.TooShort()) {
+        PHM_LOG(0, "S_MANAGE: OnGetFtpParam param error\n");
+        return -1;
+    }
+    const uint8_t source = msg.Byte(16);
+    const uint8_t type = msg.Byte(17);
+    PHM_LOG(1, "S_MANAGE: Get upgrading peripheral, type = %d, source = %d\n", type, source);
+    if (source > 3 || type > 2) {
+        return -1;
+    }
+    uint8_t answer[kUpgradeAnswerSize] = {};
+    uint8_t count = 0;
+    for (const PeripheralProperty_t& record : m_listPeripheralPlugin) {
+        const CPeripheralBase* instance = record.pInstance;
+        if (instance == nullptr || instance->GetPeripheralType() != type ||
+            !instance->IsUpgrading()) {
+            continue;
+        }
+        const size_t offset = kUpgradeEntrySize * count;
+        if (offset + kUpgradeEntrySize > kUpgradeEntriesEnd) {
+            PHM_LOG(0, "S_MANAGE: Upgrading peripheral list full, skip mainId = %d, subId = %d\n",
+                    instance->GetMainId(), instance->GetSubId());
+            continue;
+        }
+        answer[offset] = type;
+        answer[offset + 1] = static_cast<uint8_t>(instance->GetMainId());
+        answer[offset + 2] = static_cast<uint8_t>(instance->GetSubId());
+        ++count;
+    }
+    answer[kUpgradeEntriesEnd] = source;
+    answer[kUpgradeEntriesEnd + 1] = count;
+    PHM_LOG(1,
+            "S_MANAGE: Response upgrading perip info, type = %d, source = %d, mainId = %d, subId "
+            "= %d, count = %d\n",
+            type, source, answer[1], answer[2], count);
+    Common::SMessageHead head;
+    memcpy(&head, data, sizeof(head));
+    m_pMsgClient->MSGResponseMessage(&head, reinterpret_cast<const char*>(answer),
+                                     static_cast<int>(sizeof(answer)));
+    return 0;
+}
+
+unsigned int CPeripheralManage::GetCurVideoLossState() const {
+    return m_nVideoLossState;
+}
+
+void CPeripheralManage::GetCurSysLedState(unsigned char* out) {
+    if (out == nullptr) {
+        return;
+    }
+    MutexGuard guard(m_LedLock);
+    memcpy(out, m_stuSysLedState, sizeof(m_stuSysLedState));
+}
+
+void CPeripheralManage::GetFtpParam(tag_MsgFtpSetting& out) {
+    MutexGuard guard(m_FtpLock);
+    out = m_stuFtpSetting;
+}
+
+unsigned char CPeripheralManage::CheckCpxOccupancySerial(std::string path) {
+    return IsCpxSerial(m_nProductType, path) ? m_ucCpxOccupy.load() : 0;
+}
+
+void CPeripheralManage::BroadcastCpxSerialRelease(std::string path) {
+    if (!IsCpxSerial(m_nProductType, path)) {
+        return;
+    }
+    char payload[kCpxPathSize] = {};
+    memcpy(payload, path.data(), std::min(path.size(), sizeof(payload)));
+    m_pMsgClient->MSGSendMessage(0, MSG_CPX_SERIAL_RELEASE, 0, payload,
+                                 static_cast<int>(sizeof(payload)), m_nMsgId);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Hex dump
+
+void CPeripheralManage::hex_dump(std::string title, const char* data, unsigned int length,
+                                 int level) {
+    if (static_cast<long long>(m_nDebugLevel.load()) < level) {
+        return;
+    }
+    if (data == nullptr) {
+        length = 0;
+    }
+    printf("%s", title.c_str());
+    for (unsigned int i = 0; i < length; ++i) {
+        if (i % 16 == 0) {
+            printf("\n%02X: ", i);
+        }
+        printf("%02X ", static_cast<uint8_t>(data[i]));
+        if (i % 16 != 15) {
+            continue;
+        }
+        // Rows past the first 256 bytes show the characters of an earlier row; kept so.
+        const unsigned int row = i & 0xF0;
+        for (unsigned int j = 0; j < 16; ++j) {
+            const unsigned char c = static_cast<unsigned char>(data[row + j]);
+            if (isprint(c)) {
+                printf("%c ", c);
+            } else {
+                printf(". ");
+            }
+        }
+    }
+    puts("\n");
+}

@@ -4,6 +4,7 @@
 #ifndef SERIALBASIC_SERIAL_DEV_EXTEND_BOX_H
 #define SERIALBASIC_SERIAL_DEV_EXTEND_BOX_H
 
+#include "PeripheralBase.h"
 #include "PeripheralManage.h"
 
 #endif

@@ -3,6 +3,7 @@
 #ifndef SERIALBASIC_SERIAL_DEV_EXTEND_BOX_HUB_H
 #define SERIALBASIC_SERIAL_DEV_EXTEND_BOX_HUB_H
 
+#include "PeripheralBase.h"
 #include "PeripheralManage.h"
 
 #endif
