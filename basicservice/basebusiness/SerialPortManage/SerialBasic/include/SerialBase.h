@@ -113,12 +113,17 @@ protected:
     uint8_t m_nExtendHubBoxNew;
     CMcuSerialOpt* m_pMcuSerialOpt;            // owned
     CMainChipSerialOpt* m_pMainChipSerialOpt;  // owned
-    uint32_t m_nMainChipType;  // 1 "ttyAMA", 2 "ttyACM", 0 neither
+    uint32_t m_nMainChipType;                  // 1 "ttyAMA", 2 "ttyACM", 0 neither
     SerialRecvStamp_t m_stuRecvStamp;
     int64_t m_llRecvCount;  // deliveries so far
     uint8_t m_ucConfigStatus;
     uint8_t m_ucLastConfigStatus;
     uint8_t m_ucMaintainPort;
+
+private:
+    void FindFatherSerial();
+    // Logs why a sub-port's request cannot go through its father box; returns -1.
+    int FatherSerialUnavailable();
 };
 
 #endif

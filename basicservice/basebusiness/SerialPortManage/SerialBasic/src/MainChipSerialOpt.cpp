@@ -1,1 +1,181 @@
-// placeholder: implemented by its issue
+#include "MainChipSerialOpt.h"
+
+#include <stdio.h>
+#include <unistd.h>
+
+#include "CommonLog.h"
+#include "CommonThread.h"
+#include "PeripheralManage.h"
+#include "SerialBase.h"
+#include "SerialDevOperate.h"
+
+#define MAINCHIP_LOG(level, ...) \
+    Common::gclDebugPrintf(level, __FILE__, __FUNCTION__, __LINE__, __VA_ARGS__)
+
+namespace {
+
+constexpr int kMainChipOpenFlags = 2306;  // O_RDWR | O_NOCTTY | O_NONBLOCK
+constexpr unsigned int kOccupiedRetryMs = 1000;
+// The 1 s wait is sliced so that clearing the run flag ends the thread promptly.
+constexpr unsigned int kWaitSliceMs = 10;
+
+std::string SendTitle(unsigned int mainId, unsigned int subId, unsigned int length) {
+    char text[128];
+    snprintf(text, sizeof(text),
+             "MainChip_Opt: Send to device, mainId = %d, subId = %d, length = %d", mainId, subId,
+             length);
+    return text;
+}
+
+}  // namespace
+
+CMainChipSerialOpt::CMainChipSerialOpt(CSerialBase* owner)
+    : m_pSerialDevOperate(nullptr),
+      m_bOpenThreadRun(false),
+      m_nSerialFd(-1),
+      m_pSerialBase(owner),
+      m_bOpenThreadActive(false) {
+    if (owner == nullptr) {
+        MAINCHIP_LOG(0, "MainChip_Opt: Serial instance ptr is NULL\n");
+        return;
+    }
+    if (owner->GetPeripheralManage() != nullptr) {
+        m_pSerialDevOperate = owner->GetPeripheralManage()->GetSerialDevOperatePtr();
+    }
+}
+
+CMainChipSerialOpt::~CMainChipSerialOpt() {
+    StopOpenThread();
+    m_pSerialDevOperate = nullptr;
+    m_pSerialBase = nullptr;
+}
+
+int CMainChipSerialOpt::OpenMainChipSerial(std::string path, bool retry, int flags) {
+    if (m_pSerialDevOperate == nullptr || m_pSerialBase == nullptr) {
+        return m_nSerialFd.load();
+    }
+    m_strSerialName = path;
+    m_nSerialFd = m_pSerialDevOperate->serial_open(m_pSerialBase, path, flags);
+    MAINCHIP_LOG(0, "MainChip_Opt: Open serial result, m_nSerialFd = %d\n", m_nSerialFd.load());
+    if (m_nSerialFd < 0 && !retry) {
+        return m_nSerialFd.load();
+    }
+    m_pSerialBase->SetCurPeripOpenStatus(m_nSerialFd >= 0);
+    return m_nSerialFd.load();
+}
+
+int CMainChipSerialOpt::SetMainChipSerialProperty(unsigned char mask, unsigned int speed,
+                                                  SerialDataBitMode dataBit,
+                                                  SerialStopBitMode stopBit,
+                                                  SerialParityMode parity,
+                                                  SerialFlowControlMode flow) {
+    if (mask == 0) {
+        return 0;
+    }
+    if (m_pSerialDevOperate == nullptr) {
+        return -1;
+    }
+    MAINCHIP_LOG(3,
+                 "MainChip_Opt: Set MainChip serial property, baud = %d, dataBit = %d, "
+                 "stopBit = %d, parity = %d, flowMode = %d\n",
+                 speed, dataBit, stopBit, parity, flow);
+    return m_pSerialDevOperate->serial_set_property(m_nSerialFd, mask, speed, dataBit, stopBit,
+                                                    parity, flow);
+}
+
+int CMainChipSerialOpt::SendDataToPeripheral(const char* data, unsigned int length) {
+    if (m_pSerialDevOperate == nullptr || m_pSerialBase == nullptr) {
+        return -1;
+    }
+    CPeripheralManage* manage = m_pSerialBase->GetPeripheralManage();
+    if (manage != nullptr) {
+        manage->hex_dump(SendTitle(m_pSerialBase->GetMainId(), m_pSerialBase->GetSubId(), length),
+                         data, data != nullptr ? length : 0, 2);
+    }
+    if (data == nullptr || length == 0) {
+        MAINCHIP_LOG(0, "MainChip_Opt: send data length error\n");
+        return -1;
+    }
+    return m_pSerialDevOperate->serial_write(m_nSerialFd, data, length);
+}
+
+int CMainChipSerialOpt::CloseMainChipSerial() {
+    if (m_pSerialDevOperate == nullptr) {
+        return -1;
+    }
+    MAINCHIP_LOG(1, "MainChip_Opt: Close MainChip serial, m_nSerialFd = %d\n", m_nSerialFd.load());
+    int result = m_pSerialDevOperate->serial_close(m_nSerialFd);
+    if (result == 1) {
+        // The number may be handed to another port next; never close it a second time.
+        m_nSerialFd = -1;
+    }
+    return result;
+}
+
+// ---- open thread ----
+
+void* CMainChipSerialOpt::SerialOpenThreadEntry(void* arg) {
+    if (arg == nullptr) {
+        MAINCHIP_LOG(0, "MainChip_Opt: CMainChipSerialOpt ptr is null, create thread failed\n");
+        return nullptr;
+    }
+    CMainChipSerialOpt* link = static_cast<CMainChipSerialOpt*>(arg);
+    link->m_bOpenThreadActive.store(true);
+    printf("MainChip_Opt: SerialOpenThreadEntry pid = %d\n", static_cast<int>(getpid()));
+    link->SerialOpenThreadBody();
+    // Last touch of the link: its destructor may free it from here on.
+    link->m_bOpenThreadActive.store(false);
+    return nullptr;
+}
+
+int CMainChipSerialOpt::SerialOpenThreadBody() {
+    while (m_bOpenThreadRun.load()) {
+        CPeripheralManage* manage =
+            m_pSerialBase != nullptr ? m_pSerialBase->GetPeripheralManage() : nullptr;
+        if (m_pSerialDevOperate != nullptr && manage != nullptr &&
+            manage->CheckCpxOccupancySerial(m_strSerialName) == 0) {
+            break;
+        }
+        MAINCHIP_LOG(1, "MainChip_Opt: Serial[%s] is occupy, please wait device release......\n",
+                     m_strSerialName.c_str());
+        for (unsigned int waited = 0; waited < kOccupiedRetryMs && m_bOpenThreadRun.load();
+             waited += kWaitSliceMs) {
+            usleep(kWaitSliceMs * 1000);
+        }
+    }
+    if (!m_bOpenThreadRun.load()) {
+        return 0;
+    }
+    m_nSerialFd =
+        m_pSerialDevOperate->serial_open(m_pSerialBase, m_strSerialName, kMainChipOpenFlags);
+    MAINCHIP_LOG(1,
+                 "MainChip_Opt: DeviceManage relsease Serial[%s], open result,  m_nSerialFd = %d\n",
+                 m_strSerialName.c_str(), m_nSerialFd.load());
+    m_bOpenThreadRun = false;
+    // Open even when the open failed: the plug-in's cycle then runs and may retry itself.
+    m_pSerialBase->SetCurPeripOpenStatus(true);
+    return 0;
+}
+
+int CMainChipSerialOpt::StartOpenThread(const std::string& path) {
+    if (m_bOpenThreadActive.exchange(true)) {
+        MAINCHIP_LOG(0, "MainChip_Opt: Open thread of Serial[%s] runs already\n",
+                     m_strSerialName.c_str());
+        return -1;
+    }
+    m_strSerialName = path;
+    m_bOpenThreadRun = true;
+    if (CreateNormalThread(SerialOpenThreadEntry, this, nullptr) != 0) {
+        m_bOpenThreadRun = false;
+        m_bOpenThreadActive = false;
+        return -1;
+    }
+    return 0;
+}
+
+void CMainChipSerialOpt::StopOpenThread() {
+    m_bOpenThreadRun = false;
+    while (m_bOpenThreadActive.load()) {
+        usleep(1000);
+    }
+}

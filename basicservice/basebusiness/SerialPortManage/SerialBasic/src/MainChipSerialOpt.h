@@ -31,13 +31,22 @@ public:
     void SetOpenThreadRun(bool run) { m_bOpenThreadRun.store(run); }
     void SetSerialName(const std::string& path) { m_strSerialName = path; }
     int GetSerialFd() const { return m_nSerialFd.load(); }
+    // Sets the path and the run flag and starts the open thread: 0, or -1 when it runs
+    // already or cannot start. Prefer it to a bare CreateNormalThread: the link then knows a
+    // thread is on its way and its destructor waits for it.
+    int StartOpenThread(const std::string& path);
+    // Ends the wait of the open thread and returns once the thread no longer touches the
+    // link (within about 10 ms). Harmless without a thread.
+    void StopOpenThread();
+    bool IsOpenThreadActive() const { return m_bOpenThreadActive.load(); }
 
 private:
     CSerialDevOperate* m_pSerialDevOperate;  // not owned
     std::atomic<bool> m_bOpenThreadRun;
     std::atomic<int> m_nSerialFd;
     std::string m_strSerialName;
-    CSerialBase* m_pSerialBase;  // not owned
+    CSerialBase* m_pSerialBase;             // not owned
+    std::atomic<bool> m_bOpenThreadActive;  // an open thread runs or is about to run
 };
 
 #endif

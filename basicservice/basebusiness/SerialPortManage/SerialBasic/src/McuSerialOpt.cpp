@@ -1,1 +1,151 @@
-// placeholder: implemented by its issue
+#include "McuSerialOpt.h"
+
+#include <stdio.h>
+#include <string.h>
+
+#include <string>
+#include <vector>
+
+#include "CommonLog.h"
+#include "PeripheralManage.h"
+#include "SerialBase.h"
+
+#define MCU_LOG(level, ...) \
+    Common::gclDebugPrintf(level, __FILE__, __FUNCTION__, __LINE__, __VA_ARGS__)
+
+namespace {
+
+constexpr int kEventSerialData = 1090;  // data from an MCU port
+constexpr int kMsgSerialData = 1088;    // data to an MCU port
+constexpr unsigned int kHeadSize = 16;
+// Event 1090: main id (uint16) at 16, sub id (uint16) at 18, data length (uint32) at 20.
+constexpr unsigned int kRecvDataOffset = 24;
+constexpr unsigned int kRecvBufferSize = 1024;
+// Message 1088: main id (uint16), sub id (uint16), data length (uint32), then the data.
+constexpr unsigned int kSendHeadSize = 8;
+
+uint16_t ReadU16(const char* p) {
+    return static_cast<uint16_t>(static_cast<unsigned char>(p[0]) |
+                                 (static_cast<unsigned char>(p[1]) << 8));
+}
+
+uint32_t ReadU32(const char* p) {
+    return static_cast<uint32_t>(ReadU16(p)) | (static_cast<uint32_t>(ReadU16(p + 2)) << 16);
+}
+
+void WriteU16(char* p, uint16_t v) {
+    p[0] = static_cast<char>(v & 0xFF);
+    p[1] = static_cast<char>(v >> 8);
+}
+
+void WriteU32(char* p, uint32_t v) {
+    WriteU16(p, static_cast<uint16_t>(v & 0xFFFF));
+    WriteU16(p + 2, static_cast<uint16_t>(v >> 16));
+}
+
+std::string Title(const char* fmt, unsigned int mainId, unsigned int subId, unsigned int length) {
+    char text[128];
+    snprintf(text, sizeof(text), fmt, mainId, subId, length);
+    return text;
+}
+
+}  // namespace
+
+CMcuSerialOpt::CMcuSerialOpt(CSerialBase* owner) : m_pSerialBase(owner) {
+    if (owner == nullptr) {
+        MCU_LOG(0, "MCU_OPT: Serial instance ptr is NULL\n");
+        return;
+    }
+    owner->SetCurPeripOpenStatus(true);
+    SerialMessageRegister();
+}
+
+CMcuSerialOpt::~CMcuSerialOpt() {
+    SerialMessageUnRegister();
+    m_pSerialBase = nullptr;
+}
+
+int CMcuSerialOpt::SerialMessageRegister() {
+    if (m_pSerialBase == nullptr || m_pSerialBase->GetMsgClient() == nullptr) {
+        return -1;
+    }
+    int msgId = static_cast<int>(m_pSerialBase->GetMsgId());
+    printf("SerialMessageRegister, msgId = %d\n", msgId);
+    return m_pSerialBase->GetMsgClient()->MSGEventRegister(msgId, kEventSerialData, this,
+                                                           &CMcuSerialOpt::OnReceiveDataFromSerial);
+}
+
+int CMcuSerialOpt::SerialMessageUnRegister() {
+    if (m_pSerialBase == nullptr || m_pSerialBase->GetMsgClient() == nullptr) {
+        return -1;
+    }
+    return m_pSerialBase->GetMsgClient()->MSGEventUnRegister(
+        static_cast<int>(m_pSerialBase->GetMsgId()), kEventSerialData);
+}
+
+int CMcuSerialOpt::OnReceiveDataFromSerial(const char* data, int length) {
+    if (data == nullptr || length <= 15) {
+        MCU_LOG(0, "MCU_OPT: Receive serial data length error ,length = %d \n", length);
+        return -1;
+    }
+    if (m_pSerialBase == nullptr) {
+        return -1;
+    }
+    // The head fields lie within the zero-padded handler buffer even for a short message.
+    unsigned int mainId = ReadU16(data + kHeadSize);
+    unsigned int subId = ReadU16(data + kHeadSize + 2);
+    MCU_LOG(3, "MCU_OPT: [RECV] mainId = %d, subTd = %d \n", mainId, subId);
+    if (mainId != m_pSerialBase->GetMainId() || subId != m_pSerialBase->GetSubId()) {
+        return 0;
+    }
+
+    uint32_t dataLength = ReadU32(data + kHeadSize + 4);
+    unsigned int received = static_cast<unsigned int>(length) > kRecvDataOffset
+                                ? static_cast<unsigned int>(length) - kRecvDataOffset
+                                : 0;
+    unsigned int copy = dataLength;
+    if (copy > kRecvBufferSize || copy > received) {
+        copy = received < kRecvBufferSize ? received : kRecvBufferSize;
+        MCU_LOG(0,
+                "MCU_OPT: [RECV] data length bounded, mainId = %d, subTd = %d, length = %u, "
+                "received = %u, keep = %u\n",
+                mainId, subId, dataLength, received, copy);
+    }
+    char buffer[kRecvBufferSize] = {};
+    memcpy(buffer, data + kRecvDataOffset, copy);
+    CPeripheralManage* manage = m_pSerialBase->GetPeripheralManage();
+    if (manage != nullptr) {
+        manage->hex_dump(
+            Title("MCU_OPT: [RECV], mainId = %d, subTd = %d, length = %d", mainId, subId, copy),
+            buffer, copy, 3);
+    }
+    return m_pSerialBase->PreProcessPeripheralData(buffer, copy);
+}
+
+int CMcuSerialOpt::SendDataToPeripheral(const char* data, unsigned int length) {
+    if (m_pSerialBase == nullptr) {
+        return -1;
+    }
+    if (data == nullptr) {
+        length = 0;
+    }
+    unsigned int mainId = m_pSerialBase->GetMainId();
+    unsigned int subId = m_pSerialBase->GetSubId();
+    std::vector<char> message(kSendHeadSize + length);
+    WriteU16(message.data(), static_cast<uint16_t>(mainId));
+    WriteU16(message.data() + 2, static_cast<uint16_t>(subId));
+    WriteU32(message.data() + 4, length);
+    if (length > 0) {
+        memcpy(message.data() + kSendHeadSize, data, length);
+    }
+    CPeripheralManage* manage = m_pSerialBase->GetPeripheralManage();
+    if (manage != nullptr) {
+        manage->hex_dump(
+            Title("MCU_OPT: [SEND], mainId = %d, subId = %d, length = %d", mainId, subId, length),
+            data, length, 3);
+    }
+    m_pSerialBase->GetMsgClient()->MSGSendMessage(0, kMsgSerialData, 0, message.data(),
+                                                  static_cast<int>(message.size()),
+                                                  static_cast<int>(m_pSerialBase->GetMsgId()));
+    return 0;
+}

@@ -1,1 +1,648 @@
-// placeholder: implemented by its issue
+#include "SerialBase.h"
+
+#include <stdarg.h>
+#include <stdio.h>
+#include <string.h>
+
+#include <string>
+#include <vector>
+
+#include "CommonLog.h"
+#include "CommonTime.h"
+#include "GuiToolkit.h"
+#include "MainChipSerialOpt.h"
+#include "McuSerialOpt.h"
+#include "PeripheralManage.h"
+#include "SerialDevOperate.h"
+#include "SerialFrame.h"
+
+#define SBASE_LOG(level, ...) \
+    Common::gclDebugPrintf(level, __FILE__, __FUNCTION__, __LINE__, __VA_ARGS__)
+
+namespace {
+
+constexpr unsigned int kDefaultBufferSize = 2048;
+constexpr unsigned int kMaxBufferSize = 0x100000;
+// What one delivery may leave in the buffer before older bytes are dropped, and what one
+// GetSerialBufferData hands out.
+constexpr unsigned int kDeliverySize = 1024;
+constexpr unsigned int kPortEntries = 12;
+constexpr unsigned int kExtendEntries = 8;
+constexpr int kMainChipOpenFlags = 2306;  // O_RDWR | O_NOCTTY | O_NONBLOCK
+constexpr int kMsgSetMcuProperty = 6735;
+constexpr int kMsgConfigStatus = 6820;
+constexpr unsigned char kStatusReuseMaintainPort = 6;
+constexpr unsigned int kForceReportArg = 5;
+constexpr unsigned int kMainIdPortGroup = 7;  // reported on ports of their own
+constexpr unsigned int kMaintainStateSize = 80;
+constexpr unsigned int kMcuPropertySize = 16;
+
+bool IsExtendBoxId(unsigned int mainId, unsigned int subId) {
+    return subId == 0 &&
+           (mainId == PERIPHERAL_MAINID_EXTEND_BOX || mainId == PERIPHERAL_MAINID_EXTEND_HUB_BOX);
+}
+
+int LinkTypeOfPort(unsigned int port) {
+    if (port < 4) {
+        return SERIAL_LINK_MCU;
+    }
+    if (port < 8) {
+        return SERIAL_LINK_MAINCHIP;
+    }
+    if (port < kPortEntries) {
+        return SERIAL_LINK_MAINCHIP_2;
+    }
+    return SERIAL_LINK_NONE;
+}
+
+bool IsMainChipLink(int type) {
+    return type == SERIAL_LINK_MAINCHIP || type == SERIAL_LINK_MAINCHIP_2;
+}
+
+std::string Format(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
+std::string Format(const char* fmt, ...) {
+    char text[256];
+    va_list args;
+    va_start(args, fmt);
+    vsnprintf(text, sizeof(text), fmt, args);
+    va_end(args);
+    return text;
+}
+
+}  // namespace
+
+// ---- byte work ----
+
+eExtendFrameScan ScanExtendFrame(const unsigned char* data, unsigned int length,
+                                 unsigned int& start, unsigned int& end) {
+    bool haveStart = false;
+    for (unsigned int i = 0; i < length; ++i) {
+        if (data[i] == SERIAL_FRAME_START) {
+            start = i;
+            haveStart = true;
+        } else if (data[i] == SERIAL_FRAME_END && haveStart) {
+            end = i;
+            return EXTEND_SCAN_FRAME;
+        }
+    }
+    return haveStart ? EXTEND_SCAN_PARTIAL : EXTEND_SCAN_NONE;
+}
+
+int BuildExtendDataFrame(unsigned char extendId, const unsigned char* data, unsigned int length,
+                         unsigned char* out, unsigned int outSize) {
+    if (data == nullptr || length == 0 || out == nullptr || length > outSize) {
+        return -1;
+    }
+    // Marks, address and check byte come on top of the data.
+    std::vector<unsigned char> frame(length + 4);
+    unsigned char check = 0;
+    for (unsigned int i = 1; i < length; ++i) {
+        check ^= data[i];
+    }
+    frame[0] = SERIAL_FRAME_START;
+    frame[1] = static_cast<unsigned char>(0x80 | (extendId & 0x7F));
+    frame[2] = data[0];
+    frame[3] = check;
+    memcpy(frame.data() + 4, data + 1, length - 1);
+    frame[length + 3] = SERIAL_FRAME_END;
+    return serial_transfrom_7e7f_n(frame.data(), out, static_cast<int>(frame.size()),
+                                   static_cast<int>(outSize));
+}
+
+unsigned char McuStopBitCode(SerialStopBitMode stopBit) {
+    switch (stopBit) {
+        case SERIAL_STOP_BIT_1:
+            return 1;
+        case SERIAL_STOP_BIT_0_5:
+            return 0;
+        case SERIAL_STOP_BIT_1_5:
+            return 2;
+        case SERIAL_STOP_BIT_2:
+            return 3;
+    }
+    return 1;
+}
+
+// ---- construction ----
+
+CSerialBase::CSerialBase(CPeripheralManage* manage, CMsgClientManage* client, unsigned int mainId,
+                         unsigned int subId)
+    : CPeripheralBase(manage, client, PERIPHERAL_TYPE_SERIAL, mainId, subId),
+      m_stuSerialProperty{},
+      m_nSerialType(SERIAL_LINK_NONE),
+      m_nMaxBufferSize(kDefaultBufferSize),
+      m_nBufferLength(0),
+      m_pBuffer(nullptr),
+      m_BufferLock(),
+      m_pFatherSerial(nullptr),
+      m_bExtend(0),
+      m_ucExtendId(0),
+      m_nExtendHubBoxNew(0),
+      m_pMcuSerialOpt(nullptr),
+      m_pMainChipSerialOpt(nullptr),
+      m_nMainChipType(0),
+      m_stuRecvStamp{},
+      m_llRecvCount(0),
+      m_ucConfigStatus(0xFF),
+      m_ucLastConfigStatus(0xFF),
+      m_ucMaintainPort(0) {
+    InitSerialProperty();
+    m_pBuffer = new char[m_nMaxBufferSize]();
+    pthread_mutex_init(&m_BufferLock, nullptr);
+    m_nBufferLength = 0;
+
+    if (m_nSerialType == SERIAL_LINK_MCU) {
+        m_pMcuSerialOpt = new CMcuSerialOpt(this);  // sets the open flag
+    } else if (IsMainChipLink(m_nSerialType)) {
+        m_pMainChipSerialOpt = new CMainChipSerialOpt(this);
+        SetCurPeripOpenStatus(false);
+        if (!m_bExtend && m_nSerialType == SERIAL_LINK_MAINCHIP) {
+            if (m_strSerialName.find("ttyAMA") != std::string::npos) {
+                m_nMainChipType = 1;
+            } else if (m_strSerialName.find("ttyACM") != std::string::npos) {
+                m_nMainChipType = 2;
+            }
+            int result = OpenMainChipSerial(m_strSerialName, true, kMainChipOpenFlags);
+            SBASE_LOG(1, "S_BASE: MainChip serial open serial result = %d, MainChipType = %d\n",
+                      result, m_nMainChipType);
+        } else {
+            // A sub-port is as open as its box; the second group is opened by its plug-in.
+            SetCurPeripOpenStatus(m_pFatherSerial != nullptr &&
+                                  m_pFatherSerial->GetCurPeripOpenStatus());
+        }
+    }
+    m_stuRecvStamp = SerialRecvStamp_t{};
+    m_llRecvCount = 0;
+    m_ucConfigStatus = 0xFF;
+    m_ucLastConfigStatus = 0xFF;
+}
+
+CSerialBase::~CSerialBase() {
+    if (m_nSerialType == SERIAL_LINK_MCU) {
+        delete m_pMcuSerialOpt;
+        m_pMcuSerialOpt = nullptr;
+    } else if (IsMainChipLink(m_nSerialType) && m_pMainChipSerialOpt != nullptr) {
+        // A waiting open thread must not open the port after it was closed here.
+        m_pMainChipSerialOpt->StopOpenThread();
+        CloseMainChipSerial();
+        delete m_pMainChipSerialOpt;
+        m_pMainChipSerialOpt = nullptr;
+    }
+    delete[] m_pBuffer;
+    m_pBuffer = nullptr;
+    m_pFatherSerial = nullptr;
+    pthread_mutex_destroy(&m_BufferLock);
+}
+
+int CSerialBase::InitSerialProperty() {
+    m_nSerialType = SERIAL_LINK_NONE;
+    m_bExtend = 0;
+    m_nExtendHubBoxNew = 0;
+    if (m_pPeripheralManage == nullptr) {
+        return 0;
+    }
+
+    unsigned int port = kPortEntries;
+    unsigned int extend = kExtendEntries;
+    const SerialParam_t param = *m_pPeripheralManage->GetSystemSerialParam();
+    for (unsigned int i = 0; i < kPortEntries && port == kPortEntries; ++i) {
+        const SerialPortEntry_t& entry = param.stuSerialSetting.port[i];
+        if (entry.mainFun == m_nMainId && entry.subFun == m_nSubId) {
+            port = i;
+            m_strSerialName = param.strSerialPath[i];
+            break;
+        }
+        for (unsigned int k = 0; k < kExtendEntries; ++k) {
+            if (entry.extend[k].mainFun == m_nMainId && entry.extend[k].subFun == m_nSubId) {
+                m_bExtend = 1;
+                port = i;
+                extend = k;
+                break;
+            }
+        }
+    }
+    m_nSerialType = LinkTypeOfPort(port);
+
+    if (extend < kExtendEntries) {
+        m_ucExtendId = static_cast<uint8_t>(extend);
+        FindFatherSerial();
+    }
+    SBASE_LOG(1,
+              "S_BASE: Create new serial, mainId = %d, subId = %d, type = %d, extend = %d(0--no), "
+              "extendId = %d\n",
+              m_nMainId, m_nSubId, m_nSerialType, m_bExtend, m_ucExtendId);
+
+    std::vector<PeripheralProperty> config;
+    m_pPeripheralManage->GetPeripheralConfig(PERIPHERAL_TYPE_SERIAL, config);
+    for (const PeripheralProperty& property : config) {
+        if (property.mainId != m_nMainId || property.subId != m_nSubId) {
+            continue;
+        }
+        m_stuSerialProperty = property;
+        // Deliberately not the configured baud: a plug-in applies the rate it needs itself.
+        m_stuSerialProperty.baud = static_cast<uint32_t>(-1);
+        SBASE_LOG(0,
+                  "S_BASE: Find serial prperty, mainId = %d, subId = %d, baud = %d, dataBit = %d, "
+                  "stopBit = %d, parity = %d, flow = %d, protocol = %d\n",
+                  m_stuSerialProperty.mainId, m_stuSerialProperty.subId,
+                  static_cast<int>(m_stuSerialProperty.baud), m_stuSerialProperty.dataBit,
+                  m_stuSerialProperty.stopBit, m_stuSerialProperty.parity, m_stuSerialProperty.flow,
+                  m_stuSerialProperty.protocolType);
+        break;
+    }
+    return 0;
+}
+
+void CSerialBase::FindFatherSerial() {
+    m_pFatherSerial = dynamic_cast<CSerialBase*>(m_pPeripheralManage->GetPeripheralInstance(
+        PERIPHERAL_TYPE_SERIAL, PERIPHERAL_MAINID_EXTEND_BOX, 0));
+    if (m_pFatherSerial != nullptr) {
+        SBASE_LOG(0, "S_BASE: Get father instance ok, mainId = %d, subId = %d\n", m_nMainId,
+                  m_nSubId);
+        return;
+    }
+    m_pFatherSerial = dynamic_cast<CSerialBase*>(m_pPeripheralManage->GetPeripheralInstance(
+        PERIPHERAL_TYPE_SERIAL, PERIPHERAL_MAINID_EXTEND_HUB_BOX, 0));
+    if (m_pFatherSerial != nullptr) {
+        m_nExtendHubBoxNew = 1;
+        SBASE_LOG(0,
+                  "S_BASE: Get new hubbox father instance ok, mainId = %d, subId = %d, "
+                  "m_nExtendHubBoxNew = %d\n",
+                  m_nMainId, m_nSubId, m_nExtendHubBoxNew);
+        return;
+    }
+    SBASE_LOG(0, "S_BASE: Get father instance failed, mainId = %d, subId = %d\n", m_nMainId,
+              m_nSubId);
+}
+
+// ---- periodic work and parameter changes ----
+
+int CSerialBase::PeripheralThreadCycle(long long) {
+    return 0;
+}
+
+int CSerialBase::ProcessPeripheralData() {
+    return 0;
+}
+
+int CSerialBase::HandlePeripParamChange() {
+    if (m_nSerialType == SERIAL_LINK_MCU || m_bExtend) {
+        return 0;
+    }
+    const paramSerialSetting_t& setting =
+        m_pPeripheralManage->GetSystemSerialParam()->stuSerialSetting;
+    int baud = -1;
+    for (unsigned int i = 0; i < kPortEntries && baud < 0; ++i) {
+        if (setting.port[i].mainFun == m_nMainId && setting.port[i].subFun == m_nSubId) {
+            baud = setting.port[i].baudrate;
+        }
+    }
+    for (unsigned int i = 0; i < kPortEntries && baud < 0; ++i) {
+        for (unsigned int k = 0; k < kExtendEntries; ++k) {
+            const SerialExtendEntry_t& entry = setting.port[i].extend[k];
+            if (entry.mainFun == m_nMainId && entry.subFun == m_nSubId) {
+                baud = entry.baudrate;
+                break;
+            }
+        }
+    }
+    if (baud < 0) {
+        return 0;
+    }
+    if (m_pPeripheralManage->CheckPeripPropertyChanged(PERIPHERAL_TYPE_SERIAL, m_nMainId,
+                                                       m_nSubId) == 0) {
+        return 0;
+    }
+    m_stuSerialProperty.baud = static_cast<uint32_t>(baud);
+    return SetMainChipSerialProperty(SERIAL_PROPERTY_ALL, static_cast<SerialBaudRate>(baud),
+                                     static_cast<SerialDataBitMode>(m_stuSerialProperty.dataBit),
+                                     static_cast<SerialStopBitMode>(m_stuSerialProperty.stopBit),
+                                     static_cast<SerialParityMode>(m_stuSerialProperty.parity),
+                                     static_cast<SerialFlowControlMode>(m_stuSerialProperty.flow));
+}
+
+// ---- receive buffer ----
+
+int CSerialBase::SetSerialBufferValue(const char* data, unsigned int length) {
+    if (length >= m_nMaxBufferSize || data == nullptr || length == 0) {
+        SBASE_LOG(0, "S_BASE: Set serial buffer error, length  = %d\n", length);
+        return -1;
+    }
+    // Zeroed before the copy: a source inside the buffer reads back as zero bytes, which is
+    // what GetSerialBufferData relies on for the tail it keeps.
+    memset(m_pBuffer, 0, m_nMaxBufferSize);
+    memcpy(m_pBuffer, data, length);
+    m_nBufferLength = length;
+    return 0;
+}
+
+int CSerialBase::GetSerialBufferData(char* out, unsigned int& length) {
+    if (out == nullptr) {
+        return 0;
+    }
+    if (m_nBufferLength <= kDeliverySize) {
+        memcpy(out, m_pBuffer, m_nBufferLength);
+        length = m_nBufferLength;
+    } else {
+        memcpy(out, m_pBuffer, kDeliverySize);
+        length = kDeliverySize;
+        SetSerialBufferValue(m_pBuffer + kDeliverySize, m_nBufferLength - kDeliverySize);
+    }
+    return 1;
+}
+
+void CSerialBase::ClearSerialBufferValue() {
+    memset(m_pBuffer, 0, m_nMaxBufferSize);
+    m_nBufferLength = 0;
+}
+
+void CSerialBase::SetSerialMaxBufferSize(unsigned int size) {
+    if (size == 0) {
+        SBASE_LOG(0, "S_BASE: Set serial max buffer size error, size = %u, keep %u\n", size,
+                  m_nMaxBufferSize);
+        return;
+    }
+    if (size > kMaxBufferSize) {
+        size = kMaxBufferSize;
+    }
+    LockSerialBuffer();
+    char* buffer = new char[size]();
+    unsigned int keep = m_nBufferLength < size ? m_nBufferLength : size;
+    memcpy(buffer, m_pBuffer, keep);
+    delete[] m_pBuffer;
+    m_pBuffer = buffer;
+    m_nMaxBufferSize = size;
+    m_nBufferLength = keep;
+    UnlockSerialBuffer();
+}
+
+int CSerialBase::PreProcessPeripheralData(const char* data, unsigned int length) {
+    LockSerialBuffer();
+    unsigned int capacity = m_nMaxBufferSize;
+    unsigned int pending = m_nBufferLength;
+    UnlockSerialBuffer();
+    bool accepted = length < capacity && data != nullptr && length > 0;
+    // The title costs a format on every delivery; only build it when it will be printed.
+    if (m_pPeripheralManage != nullptr && m_pPeripheralManage->GetDebugLevel() >= 3) {
+        m_pPeripheralManage->hex_dump(
+            Format("S_BASE: Data receive, type = %d, mainId = %d, subId = %d, bExtend = %d, "
+                   "protocol = %d, buffer_length = %d, rev_length = %d",
+                   m_nSerialType, m_nMainId, m_nSubId, m_bExtend, m_stuSerialProperty.protocolType,
+                   pending, length),
+            data, accepted ? length : 0, 3);
+    }
+    if (!accepted) {
+        return -1;
+    }
+    if (IsMainChipLink(m_nSerialType) && IsExtendBoxId(m_nMainId, m_nSubId)) {
+        return AnalyseExtendData(data, length);
+    }
+
+    LockSerialBuffer();
+    if (length >= m_nMaxBufferSize) {  // the buffer shrank since the check above
+        UnlockSerialBuffer();
+        return -1;
+    }
+    // Older bytes that the plug-in left behind are dropped rather than overrun the buffer.
+    if (m_nBufferLength + length > kDeliverySize || m_nBufferLength + length > m_nMaxBufferSize) {
+        ClearSerialBufferValue();
+    }
+    memcpy(m_pBuffer + m_nBufferLength, data, length);
+    m_nBufferLength += length;
+    ProcessPeripheralData();
+    m_stuRecvStamp.llPrevRecvTime = m_stuRecvStamp.llThisRecvTime;
+    m_stuRecvStamp.llThisRecvTime = Common::Q7R_TMGetSystemMicroSecond();
+    m_stuRecvStamp.nLastRecvLength = length;
+    ++m_llRecvCount;
+    UnlockSerialBuffer();
+    return 0;
+}
+
+int CSerialBase::AnalyseExtendData(const char* data, unsigned int length) {
+    LockSerialBuffer();
+    if (data == nullptr || length >= m_nMaxBufferSize) {
+        SBASE_LOG(0, "S_BASE: Extend data refused, mainId = %d, subId = %d, rev_length = %d\n",
+                  m_nMainId, m_nSubId, length);
+        UnlockSerialBuffer();
+        return -1;
+    }
+    if (m_nBufferLength + length > m_nMaxBufferSize) {
+        SBASE_LOG(0,
+                  "S_BASE: Extend data overflow, drop pending bytes, buffer_length = %d, "
+                  "rev_length = %d\n",
+                  m_nBufferLength, length);
+        ClearSerialBufferValue();
+    }
+    memcpy(m_pBuffer + m_nBufferLength, data, length);
+    m_nBufferLength += length;
+
+    const unsigned char* pending = reinterpret_cast<const unsigned char*>(m_pBuffer);
+    for (;;) {
+        unsigned int start = 0;
+        unsigned int end = 0;
+        eExtendFrameScan scan = ScanExtendFrame(pending, m_nBufferLength, start, end);
+        if (scan == EXTEND_SCAN_PARTIAL) {
+            // Copied out first: SetSerialBufferValue zeroes the buffer before it copies.
+            std::vector<char> rest(m_pBuffer + start, m_pBuffer + m_nBufferLength);
+            SetSerialBufferValue(rest.data(), static_cast<unsigned int>(rest.size()));
+            UnlockSerialBuffer();
+            return 0;
+        }
+        if (scan == EXTEND_SCAN_NONE) {
+            SBASE_LOG(1, "S1_EXTEND_BOX: Analy data error, and remove it\n");
+            break;
+        }
+        AnalyseExtendFrameData(m_pBuffer + start, end - start + 1);
+        unsigned int next = end + 1;
+        if (next >= m_nBufferLength) {
+            break;
+        }
+        memmove(m_pBuffer, m_pBuffer + next, m_nBufferLength - next);
+        m_nBufferLength -= next;
+    }
+    ClearSerialBufferValue();
+    UnlockSerialBuffer();
+    return 0;
+}
+
+int CSerialBase::AnalyseExtendFrameData(const char* frame, unsigned int length) {
+    // TODO(extension box): hand the frame to CSerialDevExtendBox::DispatchExtendSerialData
+    // (main id 1) or CSerialDevExtendBoxHub::DispatchExtendSerialData (main id 149) once the
+    // boxes exist. Until then a cut frame is only logged.
+    (void)frame;
+    if (IsExtendBoxId(m_nMainId, m_nSubId)) {
+        SBASE_LOG(2,
+                  "S_BASE: Extend frame not dispatched (no box yet), mainId = %d, subId = %d, "
+                  "length = %d\n",
+                  m_nMainId, m_nSubId, length);
+    }
+    return 0;
+}
+
+// ---- sending and settings ----
+
+int CSerialBase::SendDataToPeripheral(const char* data, unsigned int length) {
+    if (m_nSerialType == SERIAL_LINK_MCU && m_pMcuSerialOpt != nullptr) {
+        if (m_bExtend && m_pFatherSerial != nullptr && m_pFatherSerial->IsUpgrading()) {
+            return 0;
+        }
+        return m_pMcuSerialOpt->SendDataToPeripheral(data, length);
+    }
+    if (IsMainChipLink(m_nSerialType) && m_pMainChipSerialOpt != nullptr && !m_bExtend) {
+        if (m_stuSerialProperty.protocolType != SERIAL_PROTOCOL_EXTEND_FRAME) {
+            if (length > kDeliverySize) {
+                SBASE_LOG(0,
+                          "S_BASE: Send data too long, mainId = %d, subId = %d, length = %d, "
+                          "send %d\n",
+                          m_nMainId, m_nSubId, length, kDeliverySize);
+                length = kDeliverySize;
+            }
+            return m_pMainChipSerialOpt->SendDataToPeripheral(data, length);
+        }
+        if (data == nullptr || length == 0) {
+            return m_pMainChipSerialOpt->SendDataToPeripheral(data, 0);  // logs the error
+        }
+        unsigned char frame[2 * kDeliverySize];
+        int stuffed =
+            BuildExtendDataFrame(m_ucExtendId, reinterpret_cast<const unsigned char*>(data), length,
+                                 frame, sizeof(frame));
+        if (stuffed <= 0) {
+            SBASE_LOG(0,
+                      "S_BASE: Send frame failed, data too long, mainId = %d, subId = %d, "
+                      "length = %d\n",
+                      m_nMainId, m_nSubId, length);
+            return -1;
+        }
+        return m_pMainChipSerialOpt->SendDataToPeripheral(reinterpret_cast<const char*>(frame),
+                                                          static_cast<unsigned int>(stuffed));
+    }
+    if (m_bExtend) {
+        // TODO(extension box): CSerialDevExtendBoxHub / CSerialDevExtendBox::SendSubSerialData
+        // (protocol, m_ucExtendId, length, data) once the boxes exist.
+        return FatherSerialUnavailable();
+    }
+    return -1;
+}
+
+int CSerialBase::FatherSerialUnavailable() {
+    if (m_pFatherSerial == nullptr) {
+        SBASE_LOG(0, "S_BASE: FatherSerialPrt is NULL\n");
+    } else if (m_nExtendHubBoxNew) {
+        SBASE_LOG(0, "S_BASE: FatherSerialPrt dynamic_cast failed (new hub)\n");
+    } else {
+        SBASE_LOG(0, "S_BASE: FatherSerialPrt dynamic_cast failed\n");
+    }
+    return -1;
+}
+
+int CSerialBase::SetMainChipSerialProperty(unsigned char mask, SerialBaudRate baud,
+                                           SerialDataBitMode dataBit, SerialStopBitMode stopBit,
+                                           SerialParityMode parity, SerialFlowControlMode flow) {
+    if (IsMainChipLink(m_nSerialType) && m_pMainChipSerialOpt != nullptr) {
+        m_stuSerialProperty.baud = static_cast<uint32_t>(baud);
+        m_stuSerialProperty.dataBit = static_cast<uint32_t>(dataBit);
+        m_stuSerialProperty.stopBit = static_cast<uint32_t>(stopBit);
+        m_stuSerialProperty.parity = static_cast<uint32_t>(parity);
+        m_stuSerialProperty.flow = static_cast<uint32_t>(flow);
+        if (!m_bExtend) {
+            return m_pMainChipSerialOpt->SetMainChipSerialProperty(mask, ChangeSerialBaud(baud),
+                                                                   dataBit, stopBit, parity, flow);
+        }
+        // TODO(extension box): the father's SetSubSerialProperty(m_ucExtendId, mask, baud,
+        // dataBit, stopBit, parity, flow) once the boxes exist.
+        return FatherSerialUnavailable();
+    }
+    if (m_nSerialType == SERIAL_LINK_MCU && m_pMcuSerialOpt != nullptr) {
+        unsigned char message[kMcuPropertySize] = {};
+        message[0] = static_cast<unsigned char>(m_nMainId);
+        message[1] = static_cast<unsigned char>(m_nSubId);
+        message[2] = mask;
+        message[3] = static_cast<unsigned char>(baud);
+        message[4] = static_cast<unsigned char>(dataBit);
+        message[5] = McuStopBitCode(stopBit);
+        message[6] = static_cast<unsigned char>(parity);
+        message[7] = static_cast<unsigned char>(flow);
+        m_pMsgClient->MSGSendMessage(0, kMsgSetMcuProperty, 0,
+                                     reinterpret_cast<const char*>(message), sizeof(message),
+                                     static_cast<int>(m_nMsgId));
+        SBASE_LOG(1,
+                  "S_BASE: Set MCU Property, mainId = %d, subId = %d, mask = 0x%x, baud = %d, "
+                  "dataBit = %d, stopBit = %d, parityMode = %d, flowMode = %d\n",
+                  m_nMainId, m_nSubId, mask, baud, dataBit, stopBit, parity, flow);
+        return -1;  // historical: callers have always seen -1 here
+    }
+    return -1;
+}
+
+int CSerialBase::OpenMainChipSerial(std::string path, bool retry, int flags) {
+    if (!IsMainChipLink(m_nSerialType) || m_pMainChipSerialOpt == nullptr) {
+        return -1;
+    }
+    if (m_bExtend) {
+        SBASE_LOG(0, "S_BASE: Extend serial not allow to open mainchip serial\n");
+        return -1;
+    }
+    return m_pMainChipSerialOpt->OpenMainChipSerial(path, retry, flags);
+}
+
+int CSerialBase::CloseMainChipSerial() {
+    if (!IsMainChipLink(m_nSerialType) || m_pMainChipSerialOpt == nullptr || m_bExtend) {
+        return -1;
+    }
+    m_pMainChipSerialOpt->CloseMainChipSerial();
+    m_pPeripheralManage->BroadcastCpxSerialRelease(m_strSerialName);
+    return 0;
+}
+
+unsigned int CSerialBase::ChangeSerialBaud(SerialBaudRate baud) {
+    return serial_baud_rate_speed(baud);
+}
+
+// ---- state reports ----
+
+unsigned char CSerialBase::HandleSerialPort(unsigned int, unsigned int) {
+    unsigned int ui =
+        m_pPeripheralManage->GetPeripheralUiId(PERIPHERAL_TYPE_SERIAL, m_nMainId, m_nSubId);
+    unsigned int port = 0;
+    if (m_bExtend) {
+        port = m_nMainId == kMainIdPortGroup ? m_ucExtendId + 16 + 12 * ui
+                                             : m_ucExtendId + 12 * (ui + 1);
+    } else {
+        port = m_nMainId == kMainIdPortGroup ? ui + 4 : ui;
+    }
+    return static_cast<unsigned char>(port & 0xFF);
+}
+
+int CSerialBase::HandleSerialMaintainState(int msgId, unsigned int a, unsigned int b,
+                                           unsigned char status) {
+    unsigned char message[kMaintainStateSize] = {};
+    if (status != kStatusReuseMaintainPort) {
+        m_ucMaintainPort = HandleSerialPort(a, b);
+    }
+    message[0] = m_ucMaintainPort;
+    message[1] = static_cast<unsigned char>(m_nMainId);
+    if (m_nMainId == kMainIdPortGroup) {
+        // b counts from 1; anything else has no bit to set.
+        message[3] = (b >= 1 && b <= 8) ? static_cast<unsigned char>(1u << (b - 1)) : 0;
+        message[4] = 4;
+    } else {
+        message[3] = static_cast<unsigned char>(m_nSubId);
+    }
+    message[5] = status;
+    SBASE_LOG(0,
+              "Busid :sessionId:0x%0x  ueSeriType :%d,ucSeriMainID:%d,ucSeriSubID :%d  "
+              "ucStatus:%d\n",
+              msgId, message[0], message[1], message[3], message[5]);
+    return m_pMsgClient->MSGSendMessage(0, msgId, 0, reinterpret_cast<const char*>(message),
+                                        sizeof(message), static_cast<int>(m_nMsgId));
+}
+
+int CSerialBase::SetSerialConfigStatus(unsigned char status, unsigned int a, unsigned int b) {
+    m_ucConfigStatus = status;
+    if (status == m_ucLastConfigStatus && a != kForceReportArg) {
+        return 0;
+    }
+    m_ucLastConfigStatus = status;
+    SBASE_LOG(0, "devid:%d-%d status %d (%d,%d)\n", m_nMainId, m_nSubId, status, a, b);
+    return HandleSerialMaintainState(kMsgConfigStatus, a, b, status);
+}

@@ -1,0 +1,128 @@
+#include "GpsNmea.h"
+
+#include <vector>
+
+#include "CommonLog.h"
+#include "CommonTime.h"
+
+#define GPS_LOG(level, ...) \
+    Common::gclDebugPrintf(level, __FILE__, __FUNCTION__, __LINE__, __VA_ARGS__)
+
+namespace {
+constexpr unsigned int kTakeSize = 1024;  // what GetSerialBufferData hands out at most
+}
+
+CGpsNmea::CGpsNmea(CPeripheralManage* manage, CMsgClientManage* client, unsigned int mainId,
+                   unsigned int subId)
+    : CSerialBase(manage, client, mainId, subId),
+      m_bSeenRmc(false),
+      m_bWasValid(false),
+      m_bHaveFix(false),
+      m_nRejected(0),
+      m_llLastSentenceTime(Common::Q7R_TMGetSystemMicroSecond()),
+      m_bSilenceWarned(false) {
+    // The port may already deliver: start from an empty buffer, under its lock, so the
+    // reader thread sees this object complete before its first ProcessPeripheralData.
+    LockSerialBuffer();
+    ClearSerialBufferValue();
+    UnlockSerialBuffer();
+    GPS_LOG(1, "GPS_NMEA: created, mainId = %d, subId = %d, link = %d, port = %s\n", mainId, subId,
+            GetSerialType(), GetSerialName().c_str());
+}
+
+CGpsNmea::~CGpsNmea() {
+    // No delivery may reach this object while it is taken apart.
+    CloseMainChipSerial();
+}
+
+int CGpsNmea::PeripheralInitialize() {
+    const PeripheralProperty& property = GetSerialProperty();
+    int result = SetMainChipSerialProperty(SERIAL_PROPERTY_ALL, SERIAL_BAUD_9600,
+                                           static_cast<SerialDataBitMode>(property.dataBit),
+                                           static_cast<SerialStopBitMode>(property.stopBit),
+                                           static_cast<SerialParityMode>(property.parity),
+                                           static_cast<SerialFlowControlMode>(property.flow));
+    GPS_LOG(2, "GPS_NMEA: line set to 9600 baud, mainId = %d, subId = %d, result = %d\n", m_nMainId,
+            m_nSubId, result);
+    return 0;  // a port that is not open yet is no reason to give up the instance
+}
+
+int CGpsNmea::PeripheralThreadCycle(long long now) {
+    long long silent = now - m_llLastSentenceTime.load();
+    if (silent < kSilenceWarnMs) {
+        m_bSilenceWarned = false;
+    } else if (!m_bSilenceWarned) {
+        m_bSilenceWarned = true;
+        GPS_LOG(1, "GPS_NMEA: no sentence for %lld ms, mainId = %d, subId = %d, port = %s\n",
+                silent, m_nMainId, m_nSubId, GetSerialName().c_str());
+    }
+    return 0;
+}
+
+int CGpsNmea::ProcessPeripheralData() {
+    char bytes[kTakeSize];
+    unsigned int length = 0;
+    GetSerialBufferData(bytes, length);
+    ClearSerialBufferValue();
+
+    std::vector<std::string> sentences;
+    m_splitter.Feed(bytes, length, sentences);
+    for (const std::string& sentence : sentences) {
+        HandleSentence(sentence);
+    }
+    return 0;
+}
+
+void CGpsNmea::HandleSentence(const std::string& sentence) {
+    m_llLastSentenceTime = Common::Q7R_TMGetSystemMicroSecond();
+    nmea::FixTracker::Result result = m_tracker.Apply(sentence);
+    switch (result) {
+        case nmea::FixTracker::kIgnored:
+            return;
+        case nmea::FixTracker::kBadChecksum:
+        case nmea::FixTracker::kMalformed:
+            ++m_nRejected;
+            GPS_LOG(2, "GPS_NMEA: sentence refused (%s), mainId = %d: %s\n",
+                    result == nmea::FixTracker::kBadChecksum ? "checksum" : "fields", m_nMainId,
+                    sentence.c_str());
+            return;
+        case nmea::FixTracker::kRmc:
+        case nmea::FixTracker::kGga:
+            break;
+    }
+    const nmea::GpsFix& fix = m_tracker.Fix();
+    {
+        std::lock_guard<std::mutex> lock(m_fixLock);
+        m_latestFix = fix;
+        m_bHaveFix = true;
+    }
+    if (result == nmea::FixTracker::kRmc) {
+        m_bSeenRmc = true;
+    }
+    // One line per receiver cycle: on RMC, or on GGA for receivers that send no RMC.
+    if (result == nmea::FixTracker::kRmc || !m_bSeenRmc) {
+        LogFix(fix);
+    }
+}
+
+void CGpsNmea::LogFix(const nmea::GpsFix& fix) {
+    if (fix.valid) {
+        std::string time = nmea::FormatIsoTime(fix);
+        GPS_LOG(1,
+                "GPS_NMEA: fix, mainId = %d, time = %s, lat = %.6f, lon = %.6f, speed = %.1f km/h, "
+                "quality = %d, satellites = %d\n",
+                m_nMainId, time.empty() ? "-" : time.c_str(), fix.latitude, fix.longitude,
+                nmea::SpeedKmh(fix.speedKnots), fix.quality, fix.satellites);
+    } else if (m_bWasValid) {
+        GPS_LOG(1, "GPS_NMEA: fix lost, mainId = %d\n", m_nMainId);
+    }
+    m_bWasValid = fix.valid;
+}
+
+bool CGpsNmea::GetLatestFix(nmea::GpsFix& out) const {
+    std::lock_guard<std::mutex> lock(m_fixLock);
+    if (m_bHaveFix) {
+        out = m_latestFix;
+    }
+    return m_bHaveFix;
+}
