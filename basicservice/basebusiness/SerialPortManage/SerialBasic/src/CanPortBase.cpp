@@ -1,1 +1,308 @@
-// placeholder: implemented by its issue
+#include "CanPortBase.h"
+
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include <memory>
+#include <string>
+
+#include "CommonLog.h"
+#include "PeripheralManage.h"
+
+#define CBASE_LOG(level, ...) \
+    Common::gclDebugPrintf(level, __FILE__, __FUNCTION__, __LINE__, __VA_ARGS__)
+
+namespace {
+
+constexpr int kEventCanData = 1089;
+constexpr int kEventCanFilterReport = 1136;
+constexpr int kMsgCanFilter = 1137;
+constexpr int kMsgCanSend = 1087;
+
+constexpr unsigned int kMaxCanDataLen = 8;
+constexpr unsigned int kHeadLen = 16;          // bus head in front of every event
+constexpr unsigned int kRecvItemsOffset = 24;  // head + function id, sub id, port, count
+constexpr unsigned int kRecvItemLen = 16;
+constexpr unsigned int kFilterHeadLen = 4;
+constexpr unsigned int kFilterMaxItemBytes = 1024;
+constexpr unsigned int kFilterMaxEntries = 255;  // the count travels in one byte
+constexpr unsigned int kSendLen = 24;
+constexpr uint32_t kMarkMask = 0xFFFFFFFFu;
+
+struct FreeDeleter {
+    void operator()(unsigned char* p) const { free(p); }
+};
+using MallocBuffer = std::unique_ptr<unsigned char, FreeDeleter>;
+
+MallocBuffer AllocZeroed(size_t size) {
+    return MallocBuffer(static_cast<unsigned char*>(calloc(1, size)));
+}
+
+void PutLe16(unsigned char* p, uint32_t v) {
+    p[0] = static_cast<unsigned char>(v);
+    p[1] = static_cast<unsigned char>(v >> 8);
+}
+
+void PutLe32(unsigned char* p, uint32_t v) {
+    for (int i = 0; i < 4; ++i) {
+        p[i] = static_cast<unsigned char>(v >> (8 * i));
+    }
+}
+
+void PutBe32(unsigned char* p, uint32_t v) {
+    for (int i = 0; i < 4; ++i) {
+        p[i] = static_cast<unsigned char>(v >> (8 * (3 - i)));
+    }
+}
+
+uint32_t GetLe16(const unsigned char* p) {
+    return p[0] | (static_cast<uint32_t>(p[1]) << 8);
+}
+
+uint32_t GetLe32(const unsigned char* p) {
+    return p[0] | (static_cast<uint32_t>(p[1]) << 8) | (static_cast<uint32_t>(p[2]) << 16) |
+           (static_cast<uint32_t>(p[3]) << 24);
+}
+
+// Byte `offset` of a received message, or 0 when the message is shorter.
+unsigned char ByteAt(const char* data, int length, unsigned int offset) {
+    return offset < static_cast<unsigned int>(length) ? static_cast<unsigned char>(data[offset])
+                                                      : 0;
+}
+
+unsigned int ItemBytes(const CanPortRecvIdProperty& entry) {
+    return entry.bHasMask ? 8 : 4;
+}
+
+// Exact ids go out big-endian; masked ones little-endian with 0xFF in the top byte as their
+// mark. The CAN module reads both forms, so neither may be "fixed".
+unsigned int PutFilterItem(unsigned char* p, const CanPortRecvIdProperty& entry) {
+    if (!entry.bHasMask) {
+        PutBe32(p, entry.canId);
+        return 4;
+    }
+    PutLe32(p, (entry.canId & 0x00FFFFFFu) | 0xFF000000u);
+    PutLe32(p + 4, entry.mask);
+    return 8;
+}
+
+}  // namespace
+
+CCanPortBase::CCanPortBase(CPeripheralManage* manage, CMsgClientManage* client, unsigned int mainId,
+                           unsigned int subId)
+    : CPeripheralBase(manage, client, PERIPHERAL_TYPE_CANPORT, mainId, subId),
+      m_ucCanPortId(255),
+      m_usMinPeriod(0) {
+    m_ucCanPortId =
+        m_pPeripheralManage->GetPeripheralParamId(PERIPHERAL_TYPE_CANPORT, mainId, subId);
+    if (m_ucCanPortId == 255) {
+        CBASE_LOG(0, "C_BASE: Get Can Port param id error, mainId = %d, subId = %d\n", mainId,
+                  subId);
+    }
+    CanPortMessageRegister();
+    SetCurPeripOpenStatus(true);
+    m_usMinPeriod = 0;
+}
+
+CCanPortBase::~CCanPortBase() {
+    // An independent instance's thread must not step a half-destroyed object.
+    if (!m_bSharedThread) {
+        Stop();
+    }
+    CanPortMessageUnRegister();
+    m_listRecvId.clear();
+    // The empty list tells the CAN module to stop forwarding frames to this instance.
+    SetCanPortFilter();
+}
+
+int CCanPortBase::PeripheralThreadCycle(long long) {
+    return 0;
+}
+
+int CCanPortBase::ProcessPeripheralData(const char*, unsigned int, unsigned int) {
+    return 0;
+}
+
+int CCanPortBase::AddOneRecvCanId(unsigned int canId, unsigned int mask) {
+    for (const auto& entry : m_listRecvId) {
+        if ((entry.mask & entry.canId) == (mask & canId)) {
+            CBASE_LOG(1,
+                      "C_BASE: Add one canId is exist, mainId = %d, subId = %d, "
+                      "old_canId_maskId = 0x%x(0x%x), new_CanId_maskId = 0x%x(0x%x), size = %d\n",
+                      m_nMainId, m_nSubId, entry.canId, entry.mask, canId, mask,
+                      static_cast<int>(m_listRecvId.size()));
+            return -1;
+        }
+    }
+    CBASE_LOG(1, "C_BASE: Add one canId, mainId = %d, subId = %d, canId = 0x%x, mask = 0x%x\n",
+              m_nMainId, m_nSubId, canId, mask);
+    m_listRecvId.push_back({mask != kMarkMask, canId, mask});
+    return 0;
+}
+
+int CCanPortBase::DeleteRecvCanId(unsigned int canId, unsigned int mask) {
+    const uint32_t wanted = mask & canId;
+    for (auto it = m_listRecvId.begin(); it != m_listRecvId.end();) {
+        if ((it->mask & it->canId) != wanted) {
+            ++it;
+            continue;
+        }
+        CBASE_LOG(1,
+                  "C_BASE: Delete one canId, mainId = %d, subId = %d, canId_mask = 0x%x (0x%x, "
+                  "0x%x), (0x%x, 0x%x), size = %d\n",
+                  m_nMainId, m_nSubId, wanted, it->canId, it->mask, canId, mask,
+                  static_cast<int>(m_listRecvId.size()));
+        it = m_listRecvId.erase(it);
+    }
+    return 0;
+}
+
+int CCanPortBase::SetCanPortFilter() {
+    MallocBuffer buffer = AllocZeroed(kFilterHeadLen + kFilterMaxItemBytes);
+    if (!buffer) {
+        CBASE_LOG(0, "C_BASE: Set can port filter failed, malloc failed\n");
+        return 0;
+    }
+    unsigned char* msg = buffer.get();
+    unsigned int count = 0;
+    unsigned int itemLen = 0;
+    for (const auto& entry : m_listRecvId) {
+        if (count == kFilterMaxEntries || itemLen + ItemBytes(entry) > kFilterMaxItemBytes) {
+            CBASE_LOG(0,
+                      "C_BASE: Set can port filter, list too long, mainId = %d, subId = %d, sent "
+                      "%u of %u entries\n",
+                      m_nMainId, m_nSubId, count, static_cast<unsigned int>(m_listRecvId.size()));
+            break;
+        }
+        itemLen += PutFilterItem(msg + kFilterHeadLen + itemLen, entry);
+        ++count;
+    }
+    msg[0] = m_ucCanPortId;
+    msg[1] = static_cast<unsigned char>(count);
+    PutLe16(msg + 2, m_usMinPeriod);
+    CBASE_LOG(1,
+              "C_BASE: Set can port filter, mainId = %d, subId = %d, canPortId = %d, count = %d, "
+              "length = %d uiMinPeriod = %d \n",
+              m_nMainId, m_nSubId, m_ucCanPortId, count, itemLen, m_usMinPeriod);
+    m_pMsgClient->MSGSendMessage(0, kMsgCanFilter, 0, reinterpret_cast<const char*>(msg),
+                                 static_cast<int>(kFilterHeadLen + itemLen),
+                                 static_cast<int>(m_nMsgId));
+    return 0;
+}
+
+int CCanPortBase::SendCanDataToPeripheral(const char* data, unsigned int length,
+                                          unsigned int canId) {
+    if (data == nullptr) {
+        length = 0;
+    }
+    if (length > kMaxCanDataLen) {
+        CBASE_LOG(0, "C_BASE: Send data to CAN, length is too large, length = %d > %d\n", length,
+                  kMaxCanDataLen);
+        length = kMaxCanDataLen;
+    }
+    MallocBuffer buffer = AllocZeroed(kSendLen);
+    if (!buffer) {
+        CBASE_LOG(0, "C_BASE: Send data to CAN, malloc failed\n");
+        return 0;
+    }
+    unsigned char* msg = buffer.get();
+    PutLe16(msg + 0, m_nMainId);
+    PutLe16(msg + 2, m_nSubId);
+    PutLe16(msg + 6, 1);
+    PutLe32(msg + 8, canId);
+    msg[12] = static_cast<unsigned char>(length);
+    if (length > 0) {
+        memcpy(msg + 16, data, length);
+    }
+    char title[128];
+    snprintf(title, sizeof(title),
+             "C_BASE: Send to device, mainId = %d, subId = %d, canId = 0x%x, dataLen = %d",
+             m_nMainId, m_nSubId, canId, length);
+    m_pPeripheralManage->hex_dump(title, reinterpret_cast<const char*>(msg), kSendLen, 3);
+    m_pMsgClient->MSGSendMessage(0, kMsgCanSend, 0, reinterpret_cast<const char*>(msg), kSendLen,
+                                 static_cast<int>(m_nMsgId));
+    return 0;
+}
+
+int CCanPortBase::CanPortMessageRegister() {
+    m_pMsgClient->MSGEventRegister(static_cast<int>(m_nMsgId), kEventCanFilterReport, this,
+                                   &CCanPortBase::OnReceiveDataFromCanFilter_Get);
+    m_pMsgClient->MSGEventRegister(static_cast<int>(m_nMsgId), kEventCanData, this,
+                                   &CCanPortBase::OnReceiveDataFromCanPort);
+    return 0;
+}
+
+int CCanPortBase::CanPortMessageUnRegister() {
+    m_pMsgClient->MSGEventUnRegister(static_cast<int>(m_nMsgId), kEventCanFilterReport);
+    m_pMsgClient->MSGEventUnRegister(static_cast<int>(m_nMsgId), kEventCanData);
+    return 0;
+}
+
+int CCanPortBase::OnReceiveDataFromCanPort(const char* data, int length) {
+    if (data == nullptr || length <= 15) {
+        CBASE_LOG(0, "C_BASE: Receive CAN port data length error ,length = %d \n", length);
+        return 0;
+    }
+    unsigned char fields[kRecvItemsOffset - kHeadLen];
+    for (unsigned int i = 0; i < sizeof(fields); ++i) {
+        fields[i] = ByteAt(data, length, kHeadLen + i);
+    }
+    const uint32_t funcId = GetLe16(fields + 0);
+    const uint32_t subId = GetLe16(fields + 2);
+    const unsigned int canPort = fields[4];
+    const unsigned int itemNum = GetLe16(fields + 6);
+    CBASE_LOG(2, "C_BASE: Recv data, mainId = %d, subId = %d, canPort = %d, uiItemNum = %d  \n",
+              m_nMainId, m_nSubId, canPort, itemNum);
+    if (funcId != m_nMainId || subId != m_nSubId) {
+        CBASE_LOG(0, "C_BASE: uiFuncId[%d] != MainId[%d] or uiSubId[%d] != SubId[%d]\n", funcId,
+                  m_nMainId, subId, m_nSubId);
+        return 0;
+    }
+
+    const unsigned int received = static_cast<unsigned int>(length);
+    const unsigned int itemsReceived =
+        received > kRecvItemsOffset ? (received - kRecvItemsOffset) / kRecvItemLen : 0;
+    unsigned int itemCount = itemNum;
+    if (itemCount > itemsReceived) {
+        CBASE_LOG(0,
+                  "C_BASE: Receive CAN data error, item count too large, count = %u, length = %d, "
+                  "items received = %u\n",
+                  itemNum, length, itemsReceived);
+        itemCount = itemsReceived;
+    }
+
+    const unsigned char* item = reinterpret_cast<const unsigned char*>(data) + kRecvItemsOffset;
+    for (unsigned int n = 0; n < itemCount; ++n) {
+        const uint32_t canId = GetLe32(item);
+        const unsigned int dataLen = item[4];
+        if (dataLen > kMaxCanDataLen) {
+            // The rest of the count is spent on this item: every later item is dropped.
+            CBASE_LOG(0, "C_BASE: Receive CAN data error, length is too large, length = %d > %d\n",
+                      dataLen, kMaxCanDataLen);
+            continue;
+        }
+        const char* itemData = reinterpret_cast<const char*>(item + 8);
+        CBASE_LOG(3, "canID: %x \n", canId);
+        m_pPeripheralManage->hex_dump("data:", itemData, dataLen, 3);
+        PreProcessPeripheralData(itemData, dataLen, canId);
+        item += kRecvItemLen;
+    }
+    return 0;
+}
+
+int CCanPortBase::OnReceiveDataFromCanFilter_Get(const char* data, int length) {
+    if (data == nullptr || length <= 15) {
+        CBASE_LOG(0, "C_BASE: Receive CAN port data length error ,length = %d \n", length);
+        return 0;
+    }
+    CBASE_LOG(0, "C_BASE: CAN filter update, canBusId = %d, transFilterNum = %d\n",
+              ByteAt(data, length, kHeadLen), ByteAt(data, length, kHeadLen + 1));
+    return 0;
+}
+
+int CCanPortBase::PreProcessPeripheralData(const char* data, unsigned int length,
+                                           unsigned int canId) {
+    ProcessPeripheralData(data, length, canId);
+    return 0;
+}

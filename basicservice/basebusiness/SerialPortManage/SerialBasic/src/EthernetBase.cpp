@@ -1,1 +1,48 @@
-// placeholder: implemented by its issue
+#include "EthernetBase.h"
+
+#include "CommonLog.h"
+
+#define EBASE_LOG(level, ...) \
+    Common::gclDebugPrintf(level, __FILE__, __FUNCTION__, __LINE__, __VA_ARGS__)
+
+CEthernetBase::CEthernetBase(CPeripheralManage* manage, CMsgClientManage* client,
+                             unsigned int mainId, unsigned int subId)
+    : CPeripheralBase(manage, client, PERIPHERAL_TYPE_ETHERNET, mainId, subId) {}
+
+CEthernetBase::~CEthernetBase() {
+    // An independent instance's thread must not step a half-destroyed object.
+    if (!m_bSharedThread) {
+        Stop();
+    }
+}
+
+int CEthernetBase::PeripheralThreadCycle(long long) {
+    return 0;
+}
+
+int CEthernetBase::ProcessPeripheralData() {
+    return 0;
+}
+
+int CEthernetBase::SendDataToPeripheral(const char*, unsigned int) {
+    return 0;
+}
+
+int CEthernetBase::PreProcessPeripheralData(const char*, unsigned int length) {
+    EBASE_LOG(3, "E_BASE: Data receive, mainId = %d, subId = %d, rev_length = %d\n", m_nMainId,
+              m_nSubId, length);
+    ProcessPeripheralData();
+    return 0;
+}
+
+int CEthernetBase::EthernetPortMessageRegister() {
+    return 0;
+}
+
+int CEthernetBase::EthernetPortMessageUnRegister() {
+    return 0;
+}
+
+int CEthernetBase::OnReceiveDataFromEthernetPort(const char*, int) {
+    return 0;
+}
