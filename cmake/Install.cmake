@@ -17,6 +17,10 @@ install(FILES ${CMAKE_BINARY_DIR}/BasicServiceConfig.cmake
               ${CMAKE_BINARY_DIR}/BasicServiceConfigVersion.cmake
         DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/BasicService)
 
+# The prefix as seen from <libdir>/pkgconfig/, for a .pc file that moves with the prefix.
+file(RELATIVE_PATH _pm_pc_up "/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/")
+string(REGEX REPLACE "/$" "" _pm_pc_up "${_pm_pc_up}")
+set(PM_PC_PREFIX "\${pcfiledir}/${_pm_pc_up}")
 configure_file(${CMAKE_SOURCE_DIR}/cmake/basicservice.pc.in
                ${CMAKE_BINARY_DIR}/basicservice.pc @ONLY)
 install(FILES ${CMAKE_BINARY_DIR}/basicservice.pc

@@ -18,13 +18,19 @@ if(SANITIZE)
   add_link_options(-fsanitize=${SANITIZE})
 endif()
 
-# Plug-ins are built into plugin/<kind>/ and find the libraries two levels up.
+# pm_add_plugin(<name> <kind> [NO_INSTALL] <sources...>)
+# Plug-ins are built into plugin/<kind>/, installed into the prefix's plugin/<kind>/ (unless
+# NO_INSTALL: the tests' own plug-ins) and find the libraries two levels up.
 function(pm_add_plugin name kind)
-  add_library(${name} MODULE ${ARGN})
+  cmake_parse_arguments(P "NO_INSTALL" "" "" ${ARGN})
+  add_library(${name} MODULE ${P_UNPARSED_ARGUMENTS})
   set_target_properties(${name} PROPERTIES
     PREFIX "lib"
     LIBRARY_OUTPUT_DIRECTORY ${PM_PLUGIN_OUTPUT_DIRECTORY}/${kind}
     INSTALL_RPATH "$ORIGIN/../../lib"
     CXX_VISIBILITY_PRESET hidden
     VISIBILITY_INLINES_HIDDEN ON)
+  if(NOT P_NO_INSTALL)
+    install(TARGETS ${name} LIBRARY DESTINATION ${PM_INSTALL_PLUGINDIR}/${kind})
+  endif()
 endfunction()

@@ -1,0 +1,76 @@
+// libMinimalPlugin.so: the smallest useful serial plug-in. It answers every byte it receives
+// with the same byte (an echo), and says once a second that it is alive.
+//
+// The service creates one instance per port whose serial record names this plug-in's main
+// id (see docs/plugins.md); this file is all a plug-in needs.
+#include <new>
+
+#include "BasicServiceExport.h"
+#include "CommonLog.h"
+#include "SerialBase.h"
+
+#define MINIMAL_LOG(level, ...) \
+    Common::gclDebugPrintf(level, __FILE__, __FUNCTION__, __LINE__, __VA_ARGS__)
+
+namespace {
+
+class CMinimalPlugin : public CSerialBase {
+public:
+    // Manager thread. The serial base has found the port and opened it by now, so bytes may
+    // already be on their way.
+    CMinimalPlugin(CPeripheralManage* manage, CMsgClientManage* client, unsigned int mainId,
+                   unsigned int subId)
+        : CSerialBase(manage, client, mainId, subId) {
+        // Taking the buffer lock once makes the reader thread see this object complete.
+        LockSerialBuffer();
+        ClearSerialBufferValue();
+        UnlockSerialBuffer();
+        SetThreadCircleTime(1000);
+        MINIMAL_LOG(1, "MINIMAL: created, mainId = %u, subId = %u, link = %d\n", mainId, subId,
+                    GetSerialType());
+    }
+
+    ~CMinimalPlugin() override {
+        CloseMainChipSerial();  // first: no delivery may reach a half-destroyed object
+        MINIMAL_LOG(1, "MINIMAL: released, mainId = %u, subId = %u\n", m_nMainId, m_nSubId);
+    }
+
+    // Bytes wait in the receive buffer; the buffer lock is held. Serial reader thread for a
+    // main-chip tty, manager thread for an MCU port. Must not block.
+    int ProcessPeripheralData() override {
+        char data[1024];  // GetSerialBufferData hands out at most 1024 bytes
+        unsigned int length = 0;
+        GetSerialBufferData(data, length);
+        ClearSerialBufferValue();
+        if (length == 0) {
+            return 0;
+        }
+        MINIMAL_LOG(2, "MINIMAL: %u bytes in, echoing them\n", length);
+        return SendDataToPeripheral(data, length) < 0 ? -1 : 0;
+    }
+
+    // Manager thread, once per circle time while the port is open.
+    int PeripheralThreadCycle(long long now) override {
+        MINIMAL_LOG(3, "MINIMAL: alive, mainId = %u, now = %lld\n", m_nMainId, now);
+        return 0;
+    }
+};
+
+}  // namespace
+
+// The loader finds these two by name; everything else stays hidden. No exception may reach
+// the service: a failed allocation is a null instance, which the loader logs.
+PERIPHERAL_PLUGIN_EXPORT CPeripheralBase* PeripheralCreate(CPeripheralManage* manage,
+                                                           CMsgClientManage* client,
+                                                           unsigned int mainId,
+                                                           unsigned int subId) {
+    return new (std::nothrow) CMinimalPlugin(manage, client, mainId, subId);
+}
+
+PERIPHERAL_PLUGIN_EXPORT void PeripheralRelease(CPeripheralBase* instance) {
+    if (instance == nullptr) {
+        return;
+    }
+    instance->StopPeripheralThread();  // open flag down, events unregistered
+    delete instance;
+}
