@@ -12,8 +12,8 @@ namespace Common {
 // appended to the file named by PM_LOG_FILE. Each printed line is the formatted text
 // unchanged behind a prefix "[HH:MM:SS.mmm L<level>] "; a text without a final newline
 // gets one. Records of several threads never interleave.
-void gclDebugPrintf(int level, const char* file, const char* func, int line, const char* fmt,
-                    ...) __attribute__((format(printf, 5, 6)));
+void gclDebugPrintf(int level, const char* file, const char* func, int line, const char* fmt, ...)
+    __attribute__((format(printf, 5, 6)));
 
 int GetLogLevel();
 void SetLogLevel(int level);

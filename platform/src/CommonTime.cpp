@@ -17,6 +17,8 @@ long long Q7R_TMGetSystemMicroSecond() {
     return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
 }
 
-void SetClockSourceForTest(ClockSourceFn fn) { g_clockSource.store(fn, std::memory_order_release); }
+void SetClockSourceForTest(ClockSourceFn fn) {
+    g_clockSource.store(fn, std::memory_order_release);
+}
 
 }  // namespace Common

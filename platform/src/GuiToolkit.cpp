@@ -14,7 +14,6 @@
 #define GUITK_LOG(level, ...) \
     Common::gclDebugPrintf(level, __FILE__, __FUNCTION__, __LINE__, __VA_ARGS__)
 
-
 namespace {
 
 struct TextTable {

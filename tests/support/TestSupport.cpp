@@ -8,7 +8,6 @@
 #include <stdexcept>
 #include <thread>
 
-
 namespace fs = std::filesystem;
 
 namespace pmtest {
@@ -73,7 +72,9 @@ LogCapture::LogCapture() {
     });
 }
 
-LogCapture::~LogCapture() { Common::SetLogSinkForTest(nullptr); }
+LogCapture::~LogCapture() {
+    Common::SetLogSinkForTest(nullptr);
+}
 
 std::vector<Common::LogRecord> LogCapture::Records() const {
     std::lock_guard<std::mutex> guard(m_lock);

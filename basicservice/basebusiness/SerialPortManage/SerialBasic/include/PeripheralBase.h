@@ -53,13 +53,25 @@ public:
     // Stops the independent thread, closes the port flag and unregisters. Before release.
     int StopPeripheralThread();
 
-    void SetThreadCircleTime(unsigned int ms) { m_nThreadCircleTime.store(ms, std::memory_order_relaxed); }
-    unsigned int GetThreadCircleTime() const { return m_nThreadCircleTime.load(std::memory_order_relaxed); }
+    void SetThreadCircleTime(unsigned int ms) {
+        m_nThreadCircleTime.store(ms, std::memory_order_relaxed);
+    }
+    unsigned int GetThreadCircleTime() const {
+        return m_nThreadCircleTime.load(std::memory_order_relaxed);
+    }
     bool IsSharedThread() const { return m_bSharedThread; }
-    bool GetCurPeripheralStatus() const { return m_bPeripheralStatus.load(std::memory_order_relaxed); }
-    void SetCurPeripheralStatus(bool status) { m_bPeripheralStatus.store(status, std::memory_order_relaxed); }
-    bool GetCurPeripOpenStatus() const { return m_bPeripOpenStatus.load(std::memory_order_relaxed); }
-    void SetCurPeripOpenStatus(bool status) { m_bPeripOpenStatus.store(status, std::memory_order_relaxed); }
+    bool GetCurPeripheralStatus() const {
+        return m_bPeripheralStatus.load(std::memory_order_relaxed);
+    }
+    void SetCurPeripheralStatus(bool status) {
+        m_bPeripheralStatus.store(status, std::memory_order_relaxed);
+    }
+    bool GetCurPeripOpenStatus() const {
+        return m_bPeripOpenStatus.load(std::memory_order_relaxed);
+    }
+    void SetCurPeripOpenStatus(bool status) {
+        m_bPeripOpenStatus.store(status, std::memory_order_relaxed);
+    }
     bool IsUpgrading() const { return m_bUpgrading.load(std::memory_order_relaxed); }
     void SetUpgrading(bool upgrading) { m_bUpgrading.store(upgrading, std::memory_order_relaxed); }
 

@@ -36,11 +36,11 @@ struct PeripheralPair {
 struct PeripheralProperty {
     uint32_t mainId;
     uint32_t subId;
-    uint32_t baud;      // SerialBaudRate
-    uint32_t dataBit;   // SerialDataBitMode
-    uint32_t stopBit;   // SerialStopBitMode
-    uint32_t parity;    // SerialParityMode
-    uint32_t flow;      // SerialFlowControlMode
+    uint32_t baud;         // SerialBaudRate
+    uint32_t dataBit;      // SerialDataBitMode
+    uint32_t stopBit;      // SerialStopBitMode
+    uint32_t parity;       // SerialParityMode
+    uint32_t flow;         // SerialFlowControlMode
     int32_t protocolType;  // eSerialProtocolType; 2 when the document says nothing
 };
 static_assert(sizeof(PeripheralProperty) == 32, "eight 32-bit fields");
@@ -50,7 +50,7 @@ static_assert(sizeof(PeripheralProperty) == 32, "eight 32-bit fields");
 // Sub-port behind an extension box; laid out like the head of a port entry.
 struct SerialExtendEntry_t {
     uint8_t mainFun;
-    uint8_t baudrate;     // SerialBaudRate
+    uint8_t baudrate;  // SerialBaudRate
     uint8_t subFun;
     uint8_t lineSetting[5];  // further line settings, not interpreted by the service
 };
@@ -87,8 +87,8 @@ struct EthernetEntry_t {
     uint8_t mainFun;
     uint8_t subFun;
     uint8_t reserved0[2];
-    char ip[16];      // peer IPv4 address, NUL-terminated dotted text
-    uint16_t port;    // peer port, little-endian
+    char ip[16];    // peer IPv4 address, NUL-terminated dotted text
+    uint16_t port;  // peer port, little-endian
     uint8_t setting[30];
 };
 
@@ -120,7 +120,7 @@ struct SerialParam_t {
 
 // Entry points of a protocol plug-in library (exported unmangled).
 typedef CPeripheralBase* (*PeripheralCreateFn)(CPeripheralManage* manage, CMsgClientManage* client,
-                                                unsigned int mainId, unsigned int subId);
+                                               unsigned int mainId, unsigned int subId);
 typedef void (*PeripheralReleaseFn)(CPeripheralBase* instance);
 
 #endif

@@ -1,7 +1,10 @@
 #include "SerialDevExtendBox.h"
 
-CPeripheralBase* ExtendBoxCreate(CPeripheralManage*, CMsgClientManage*, unsigned int, unsigned int) {
+CPeripheralBase* ExtendBoxCreate(CPeripheralManage*, CMsgClientManage*, unsigned int,
+                                 unsigned int) {
     return nullptr;
 }
 
-void ExtendBoxRelease(CPeripheralBase* instance) { delete instance; }
+void ExtendBoxRelease(CPeripheralBase* instance) {
+    delete instance;
+}

@@ -5,4 +5,6 @@ CPeripheralBase* ExtendBoxHubCreate(CPeripheralManage*, CMsgClientManage*, unsig
     return nullptr;
 }
 
-void ExtendBoxHubRelease(CPeripheralBase* instance) { delete instance; }
+void ExtendBoxHubRelease(CPeripheralBase* instance) {
+    delete instance;
+}
