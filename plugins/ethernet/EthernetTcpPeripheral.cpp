@@ -120,6 +120,30 @@ int CEthernetTcpPeripheral::HandlePeripParamChange() {
     return 0;
 }
 
+namespace {
+// The Ethernet setting: changed, and the answer to its request.
+constexpr int kEventEthernetParamChanged = 362;
+constexpr int kEventEthernetParamAnswer = 361 | 0x8000;
+}  // namespace
+
+int CEthernetTcpPeripheral::MessageRegister() {
+    m_pMsgClient->MSGEventRegister(m_nMsgId, kEventEthernetParamChanged, this,
+                                   &CEthernetTcpPeripheral::OnEthernetParamChanged);
+    m_pMsgClient->MSGEventRegister(m_nMsgId, kEventEthernetParamAnswer, this,
+                                   &CEthernetTcpPeripheral::OnEthernetParamChanged);
+    return 0;
+}
+
+int CEthernetTcpPeripheral::MessageUnRegister() {
+    m_pMsgClient->MSGEventUnRegister(m_nMsgId, kEventEthernetParamChanged);
+    m_pMsgClient->MSGEventUnRegister(m_nMsgId, kEventEthernetParamAnswer);
+    return 0;
+}
+
+int CEthernetTcpPeripheral::OnEthernetParamChanged(const char*, int) {
+    return HandlePeripParamChange();
+}
+
 int CEthernetTcpPeripheral::PeripheralThreadCycle(long long) {
     char line[48];
     int len = snprintf(line, sizeof(line), "HEARTBEAT %u\n", ++m_nHeartbeats);

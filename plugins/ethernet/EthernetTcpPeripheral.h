@@ -44,6 +44,12 @@ public:
     int HandlePeripParamChange() override;
     // Counts receptions. Connection thread. Returns 0.
     int ProcessPeripheralData() override;
+    // The manager tells instances of a serial change only, so the plug-in follows changes of
+    // the Ethernet setting itself. Registered on the manager's client after the manager's own
+    // handler, so the manager has stored the new record when ours runs (manager thread).
+    int MessageRegister() override;
+    int MessageUnRegister() override;
+    int OnEthernetParamChanged(const char* data, int length);
 
     // Any thread.
     uint64_t GetReceivedBytes() const { return m_nReceivedBytes.load(); }

@@ -177,16 +177,19 @@ std::string ReadLine(int fd, int timeoutMs = 5000) {
 class EthernetPluginTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        paramPeripheralEtherNet_t setting{};
-        setting.entry[3].mainFun = kEthernetMainId;
-        strcpy(setting.entry[3].ip, "127.0.0.1");
-        const uint16_t port = listener.Port();
-        const uint8_t le[2] = {static_cast<uint8_t>(port), static_cast<uint8_t>(port >> 8)};
-        memcpy(&setting.entry[3].port, le, 2);
-        ASSERT_TRUE(harness.SendEthernetSetting(setting));
+        ASSERT_TRUE(harness.SendEthernetSetting(SettingFor(listener.Port())));
         plugin =
             harness.Manager().GetPeripheralInstance(PERIPHERAL_TYPE_ETHERNET, kEthernetMainId, 0);
         ASSERT_NE(nullptr, plugin);
+    }
+
+    static paramPeripheralEtherNet_t SettingFor(uint16_t port) {
+        paramPeripheralEtherNet_t setting{};
+        setting.entry[3].mainFun = kEthernetMainId;
+        strcpy(setting.entry[3].ip, "127.0.0.1");
+        const uint8_t le[2] = {static_cast<uint8_t>(port), static_cast<uint8_t>(port >> 8)};
+        memcpy(&setting.entry[3].port, le, 2);
+        return setting;
     }
 
     pmtest::ScopedEnv backoffMin{"ETH_TCP_BACKOFF_MIN_MS", "20"};
@@ -228,6 +231,19 @@ TEST_F(EthernetPluginTest, ReconnectsAfterThePeerComesBack) {
     ASSERT_TRUE(listener.Accept());
     EXPECT_TRUE(pmtest::WaitUntil([&] { return plugin->GetCurPeripOpenStatus(); }));
     EXPECT_EQ(2u, harness.Logs().Count("ETH_TCP: [20-0] connected to 127.0.0.1:"));
+}
+
+// The manager tells nobody when only the address changes; the plug-in follows the setting's
+// change event itself.
+TEST_F(EthernetPluginTest, FollowsThePeerToItsNewPort) {
+    ASSERT_TRUE(listener.Accept());
+    Listener moved;
+    ASSERT_TRUE(harness.SendEthernetSetting(SettingFor(moved.Port())));
+    EXPECT_EQ(plugin, harness.Manager().GetPeripheralInstance(PERIPHERAL_TYPE_ETHERNET,
+                                                              kEthernetMainId, 0));
+    ASSERT_TRUE(moved.Accept());
+    EXPECT_TRUE(harness.Logs().WaitFor("ETH_TCP: [20-0] connected to 127.0.0.1:" +
+                                       std::to_string(moved.Port())));
 }
 
 TEST_F(EthernetPluginTest, ReleaseEndsTheConnection) {
