@@ -109,12 +109,12 @@ void CGpsNmea::LogFix(const nmea::GpsFix& fix) {
     if (fix.valid) {
         std::string time = nmea::FormatIsoTime(fix);
         GPS_LOG(1,
-                "GPS_NMEA: fix, mainId = %d, time = %s, lat = %.6f, lon = %.6f, speed = %.1f km/h, "
-                "quality = %d, satellites = %d\n",
-                m_nMainId, time.empty() ? "-" : time.c_str(), fix.latitude, fix.longitude,
+                "GPS_NMEA: fix, mainId = %d, subId = %d, time = %s, lat = %.6f, lon = %.6f, "
+                "speed = %.1f km/h, quality = %d, satellites = %d\n",
+                m_nMainId, m_nSubId, time.empty() ? "-" : time.c_str(), fix.latitude, fix.longitude,
                 nmea::SpeedKmh(fix.speedKnots), fix.quality, fix.satellites);
     } else if (m_bWasValid) {
-        GPS_LOG(1, "GPS_NMEA: fix lost, mainId = %d\n", m_nMainId);
+        GPS_LOG(1, "GPS_NMEA: fix lost, mainId = %d, subId = %d\n", m_nMainId, m_nSubId);
     }
     m_bWasValid = fix.valid;
 }

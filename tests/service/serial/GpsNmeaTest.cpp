@@ -329,9 +329,9 @@ TEST_F(GpsPlugin, DecodesACaptureArrivingInPieces) {
     EXPECT_EQ(fix.satellites, 10);
     EXPECT_EQ(gps.GetRejectedSentences(), 0u);
     // One line per RMC, and one for the GGA that came before the first RMC.
-    EXPECT_EQ(service.Logs().Count("GPS_NMEA: fix, mainId = 50, time = "), 11u);
+    EXPECT_EQ(service.Logs().Count("GPS_NMEA: fix, mainId = 50, subId = 0, time = "), 11u);
     EXPECT_TRUE(service.Logs().Contains(
-        "GPS_NMEA: fix, mainId = 50, time = 2010-06-03T14:52:43.000Z, lat = 34.032940, "
+        "GPS_NMEA: fix, mainId = 50, subId = 0, time = 2010-06-03T14:52:43.000Z, lat = 34.032940, "
         "lon = -117.747123, speed = 0.0 km/h, quality = 2, satellites = 10\n"));
 }
 
@@ -355,7 +355,8 @@ TEST_F(GpsPlugin, LoadedByTheManagerFromItsLibrary) {
     // The capture says *77 here.
     ASSERT_TRUE(
         m_tty.Send("$GPRMC,145244.000,A,3401.9764,N,11744.8274,W,0.00,119.27,030610,,,D*76\r\n"));
-    EXPECT_TRUE(service.Logs().WaitFor("GPS_NMEA: fix, mainId = 3, time = 2010-06-03T14:52:43"));
+    EXPECT_TRUE(
+        service.Logs().WaitFor("GPS_NMEA: fix, mainId = 3, subId = 0, time = 2010-06-03T14:52:43"));
     EXPECT_TRUE(service.Logs().WaitFor("GPS_NMEA: sentence refused (checksum), mainId = 3"));
 
     // Leaving the setting releases the instance and closes its library.
