@@ -4,6 +4,8 @@ BUILD_DIR ?= build
 CMAKE_FLAGS ?=
 JOBS ?= $(shell nproc)
 CTEST_FLAGS ?= --output-on-failure -j $(JOBS)
+# `make demo DEMO_FLAGS=--forever` keeps the demo running until Ctrl-C.
+DEMO_FLAGS ?=
 
 .PHONY: all deps configure build test demo sanitize-test tsan-test format format-check install clean
 
@@ -22,7 +24,7 @@ test: build
 	@cd $(BUILD_DIR) && ctest $(CTEST_FLAGS)
 
 demo: build
-	@bash scripts/demo.sh $(BUILD_DIR)
+	@bash scripts/demo.sh $(BUILD_DIR) $(DEMO_FLAGS)
 
 # The same tests under AddressSanitizer/UBSan and under ThreadSanitizer, in their own trees.
 sanitize-test: deps
