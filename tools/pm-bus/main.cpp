@@ -137,17 +137,17 @@ int main(int argc, char** argv) {
         fputs(kUsage, stdout);
         return 0;
     }
-    const CommandSpec* spec = FindCommand(command);
-    if (spec == nullptr) {
+    const CommandSpec* entry = FindCommand(command);
+    if (entry == nullptr) {
         return Usage("unknown command " + command);
     }
     pmbus::Arguments args;
     args.from = pmbus::kDefaultFrom;
     std::vector<std::string> words;
-    if (int rc = ParseOptions(*spec, argc, argv, args, words)) {
+    if (int rc = ParseOptions(*entry, argc, argv, args, words)) {
         return rc;
     }
-    if (spec->takesId) {
+    if (entry->takesId) {
         if (int rc = ParseIdAndPayload(command, words, args)) {
             return rc;
         }

@@ -7,6 +7,7 @@
 #include <memory>
 #include <string>
 
+#include "BusMessage.h"
 #include "CommonLog.h"
 #include "PeripheralManage.h"
 
@@ -37,38 +38,6 @@ using MallocBuffer = std::unique_ptr<unsigned char, FreeDeleter>;
 
 MallocBuffer AllocZeroed(size_t size) {
     return MallocBuffer(static_cast<unsigned char*>(calloc(1, size)));
-}
-
-void PutLe16(unsigned char* p, uint32_t v) {
-    p[0] = static_cast<unsigned char>(v);
-    p[1] = static_cast<unsigned char>(v >> 8);
-}
-
-void PutLe32(unsigned char* p, uint32_t v) {
-    for (int i = 0; i < 4; ++i) {
-        p[i] = static_cast<unsigned char>(v >> (8 * i));
-    }
-}
-
-void PutBe32(unsigned char* p, uint32_t v) {
-    for (int i = 0; i < 4; ++i) {
-        p[i] = static_cast<unsigned char>(v >> (8 * (3 - i)));
-    }
-}
-
-uint32_t GetLe16(const unsigned char* p) {
-    return p[0] | (static_cast<uint32_t>(p[1]) << 8);
-}
-
-uint32_t GetLe32(const unsigned char* p) {
-    return p[0] | (static_cast<uint32_t>(p[1]) << 8) | (static_cast<uint32_t>(p[2]) << 16) |
-           (static_cast<uint32_t>(p[3]) << 24);
-}
-
-// Byte `offset` of a received message, or 0 when the message is shorter.
-unsigned char ByteAt(const char* data, int length, unsigned int offset) {
-    return offset < static_cast<unsigned int>(length) ? static_cast<unsigned char>(data[offset])
-                                                      : 0;
 }
 
 unsigned int ItemBytes(const CanPortRecvIdProperty& entry) {
@@ -244,14 +213,11 @@ int CCanPortBase::OnReceiveDataFromCanPort(const char* data, int length) {
         CBASE_LOG(0, "C_BASE: Receive CAN port data length error ,length = %d \n", length);
         return 0;
     }
-    unsigned char fields[kRecvItemsOffset - kHeadLen];
-    for (unsigned int i = 0; i < sizeof(fields); ++i) {
-        fields[i] = ByteAt(data, length, kHeadLen + i);
-    }
-    const uint32_t funcId = GetLe16(fields + 0);
-    const uint32_t subId = GetLe16(fields + 2);
-    const unsigned int canPort = fields[4];
-    const unsigned int itemNum = GetLe16(fields + 6);
+    const MsgView msg(data, length);
+    const uint32_t funcId = msg.U16(kHeadLen + 0);
+    const uint32_t subId = msg.U16(kHeadLen + 2);
+    const unsigned int canPort = msg.Byte(kHeadLen + 4);
+    const unsigned int itemNum = msg.U16(kHeadLen + 6);
     CBASE_LOG(2, "C_BASE: Recv data, mainId = %d, subId = %d, canPort = %d, uiItemNum = %d  \n",
               m_nMainId, m_nSubId, canPort, itemNum);
     if (funcId != m_nMainId || subId != m_nSubId) {
@@ -274,7 +240,7 @@ int CCanPortBase::OnReceiveDataFromCanPort(const char* data, int length) {
 
     const unsigned char* item = reinterpret_cast<const unsigned char*>(data) + kRecvItemsOffset;
     for (unsigned int n = 0; n < itemCount; ++n) {
-        const uint32_t canId = GetLe32(item);
+        const uint32_t canId = MsgView(reinterpret_cast<const char*>(item), 4).U32(0);
         const unsigned int dataLen = item[4];
         if (dataLen > kMaxCanDataLen) {
             // The rest of the count is spent on this item: every later item is dropped.
@@ -297,7 +263,7 @@ int CCanPortBase::OnReceiveDataFromCanFilter_Get(const char* data, int length) {
         return 0;
     }
     CBASE_LOG(0, "C_BASE: CAN filter update, canBusId = %d, transFilterNum = %d\n",
-              ByteAt(data, length, kHeadLen), ByteAt(data, length, kHeadLen + 1));
+              MsgView(data, length).Byte(kHeadLen), MsgView(data, length).Byte(kHeadLen + 1));
     return 0;
 }
 

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "BusMessage.h"
 #include "CommonLog.h"
 #include "PeripheralManage.h"
 #include "SerialBase.h"
@@ -23,25 +24,6 @@ constexpr unsigned int kRecvDataOffset = 24;
 constexpr unsigned int kRecvBufferSize = 1024;
 // Message 1088: main id (uint16), sub id (uint16), data length (uint32), then the data.
 constexpr unsigned int kSendHeadSize = 8;
-
-uint16_t ReadU16(const char* p) {
-    return static_cast<uint16_t>(static_cast<unsigned char>(p[0]) |
-                                 (static_cast<unsigned char>(p[1]) << 8));
-}
-
-uint32_t ReadU32(const char* p) {
-    return static_cast<uint32_t>(ReadU16(p)) | (static_cast<uint32_t>(ReadU16(p + 2)) << 16);
-}
-
-void WriteU16(char* p, uint16_t v) {
-    p[0] = static_cast<char>(v & 0xFF);
-    p[1] = static_cast<char>(v >> 8);
-}
-
-void WriteU32(char* p, uint32_t v) {
-    WriteU16(p, static_cast<uint16_t>(v & 0xFFFF));
-    WriteU16(p + 2, static_cast<uint16_t>(v >> 16));
-}
 
 std::string Title(const char* fmt, unsigned int mainId, unsigned int subId, unsigned int length) {
     char text[128];
@@ -92,14 +74,15 @@ int CMcuSerialOpt::OnReceiveDataFromSerial(const char* data, int length) {
         return -1;
     }
     // The head fields lie within the zero-padded handler buffer even for a short message.
-    unsigned int mainId = ReadU16(data + kHeadSize);
-    unsigned int subId = ReadU16(data + kHeadSize + 2);
+    const MsgView msg(data, length);
+    unsigned int mainId = msg.U16(kHeadSize);
+    unsigned int subId = msg.U16(kHeadSize + 2);
     MCU_LOG(3, "MCU_OPT: [RECV] mainId = %d, subTd = %d \n", mainId, subId);
     if (mainId != m_pSerialBase->GetMainId() || subId != m_pSerialBase->GetSubId()) {
         return 0;
     }
 
-    uint32_t dataLength = ReadU32(data + kHeadSize + 4);
+    uint32_t dataLength = msg.U32(kHeadSize + 4);
     unsigned int received = static_cast<unsigned int>(length) > kRecvDataOffset
                                 ? static_cast<unsigned int>(length) - kRecvDataOffset
                                 : 0;
@@ -132,9 +115,9 @@ int CMcuSerialOpt::SendDataToPeripheral(const char* data, unsigned int length) {
     unsigned int mainId = m_pSerialBase->GetMainId();
     unsigned int subId = m_pSerialBase->GetSubId();
     std::vector<char> message(kSendHeadSize + length);
-    WriteU16(message.data(), static_cast<uint16_t>(mainId));
-    WriteU16(message.data() + 2, static_cast<uint16_t>(subId));
-    WriteU32(message.data() + 4, length);
+    PutLe16(message.data(), mainId);
+    PutLe16(message.data() + 2, subId);
+    PutLe32(message.data() + 4, length);
     if (length > 0) {
         memcpy(message.data() + kSendHeadSize, data, length);
     }

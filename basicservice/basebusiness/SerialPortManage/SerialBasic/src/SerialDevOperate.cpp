@@ -17,6 +17,7 @@
 
 #include "CommonLog.h"
 #include "CommonThread.h"
+#include "BusMessage.h"
 #include "SerialBase.h"
 #include "SysConfig.h"
 
@@ -80,18 +81,6 @@ int LookUpWord(const WordValue (&table)[N], const std::string& word, int fallbac
     }
     return fallback;
 }
-
-// The table lock is a plain pthread mutex; this holds it for a scope.
-class TableGuard {
-public:
-    explicit TableGuard(pthread_mutex_t& lock) : m_lock(lock) { pthread_mutex_lock(&m_lock); }
-    ~TableGuard() { pthread_mutex_unlock(&m_lock); }
-    TableGuard(const TableGuard&) = delete;
-    TableGuard& operator=(const TableGuard&) = delete;
-
-private:
-    pthread_mutex_t& m_lock;
-};
 
 long long SteadyMs() {
     using namespace std::chrono;
@@ -293,7 +282,7 @@ int CSerialDevOperate::serial_open(CSerialBase* owner, std::string path, int fla
                    path.c_str());
         return -3;
     }
-    TableGuard table(m_TableLock);
+    MutexGuard table(m_TableLock);
     if (serial_check_open_same(path) == 1) {
         SERIAL_LOG(0, "SERIAL_OPERATE: [OPEN] serial failed, serial has opened, name = %s\n",
                    path.c_str());
@@ -336,7 +325,7 @@ int CSerialDevOperate::serial_open(CSerialBase* owner, std::string path, int fla
 }
 
 int CSerialDevOperate::serial_close(int fd) {
-    TableGuard table(m_TableLock);
+    MutexGuard table(m_TableLock);
     SerialDevInfo* info = nullptr;
     {
         std::unique_lock<std::shared_mutex> view(m_TableView);
@@ -354,7 +343,7 @@ int CSerialDevOperate::serial_close(int fd) {
 }
 
 void CSerialDevOperate::serial_close_all() {
-    TableGuard table(m_TableLock);
+    MutexGuard table(m_TableLock);
     std::unique_lock<std::shared_mutex> view(m_TableView);
     for (auto& entry : m_mapSerialDev) {
         close(entry.first);
@@ -460,21 +449,21 @@ void WriteExarSequence(CSerialDevOperate& layer, int fd, int port, int reg12) {
     layer.serial_set_exar_reg(fd, port, 16, 3);
 }
 
-std::string ProductGroup(const Json::Value& spec) {
-    if (!spec.isObject()) {
+std::string ProductGroup(const Json::Value& specInfo) {
+    if (!specInfo.isObject()) {
         return std::string();
     }
-    const Json::Value& group = spec["PRODUCT_GROUP"];
+    const Json::Value& group = specInfo["PRODUCT_GROUP"];
     return group.isString() ? group.asString() : std::string();
 }
 
 }  // namespace
 
 int CSerialDevOperate::serial_set_usb_extern_property(int fd) {
-    Json::Value spec;
-    if (Q7R_GetSpecInfo(spec) == -1) {
+    Json::Value specInfo;
+    if (Q7R_GetSpecInfo(specInfo) == -1) {
         SERIAL_LOG(0, "ACC_ALARM:: Q7R_GetSpecInfo SYSTEM_CONFIG faild!\n");
-        spec = Json::Value();
+        specInfo = Json::Value();
     }
     unsigned int chipType = 0;
     int portId = -1;
@@ -489,7 +478,7 @@ int CSerialDevOperate::serial_set_usb_extern_property(int fd) {
     }
     printf("----------- %d \n", chipType);
     const bool usbSerial = (chipType == 2);
-    if (ProductGroup(spec) == "QOR") {
+    if (ProductGroup(specInfo) == "QOR") {
         printf("######## %d  \n", chipType);
         if (usbSerial && portId == 0) {
             serial_set_exar_reg(fd, portId, 3, 0);
@@ -547,7 +536,7 @@ int CSerialDevOperate::serial_cache_data(int fd, const char* data, int length) {
     if (length == 0) {
         return 0;
     }
-    TableGuard table(m_TableLock);
+    MutexGuard table(m_TableLock);
     auto it = m_mapSerialDev.find(fd);
     if (it != m_mapSerialDev.end() && it->second->owner != nullptr) {
         // A failed read's -1 goes on as it is; the owner refuses a length beyond its buffer.
@@ -567,7 +556,7 @@ void* CSerialDevOperate::SerialReadThreadEntry(void* arg) {
 }
 
 bool CSerialDevOperate::SnapshotPorts(std::vector<int>& fds, int& waitMs) {
-    TableGuard table(m_TableLock);
+    MutexGuard table(m_TableLock);
     const long long now = SteadyMs();
     for (const auto& entry : m_mapSerialDev) {
         int fd = entry.first;
@@ -665,7 +654,7 @@ void CSerialDevOperate::ReadOnePass(const std::vector<int>& fds, int timeoutMs) 
 }
 
 void CSerialDevOperate::NoteReadResult(int fd, int result, int error) {
-    TableGuard table(m_TableLock);
+    MutexGuard table(m_TableLock);
     auto info = m_mapSerialDev.find(fd);
     auto failed = m_mapFailedRead.find(fd);
     if (result > 0) {
