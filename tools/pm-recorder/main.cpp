@@ -1,5 +1,7 @@
 // pm-recorder: plays the rest of the recorder on the bus so that the service runs on a desktop.
+#include <libgen.h>
 #include <poll.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -40,7 +42,8 @@ const char kUsage[] =
     "  --root DIR       recorder root: relative links resolve here, and the main-chip ttys\n"
     "                   of its peripheral configuration become pty pairs (PATH and PATH.peer)\n"
     "  --make-root DIR  write a recorder root from the template first, then run in it\n"
-    "  --template DIR   the template of a root (default " PM_RECORDER_TEMPLATE
+    "  --template DIR   the template of a root (default: share/basicservice/examples/root\n"
+    "                   beside an installed pm-recorder, else " PM_RECORDER_TEMPLATE
     ")\n"
     "  --replay FILE    play a candump -l log to the CAN ports, from the first filter on\n"
     "  --replay-now     start the replay at once\n"
@@ -56,11 +59,27 @@ int Usage(const std::string& problem) {
     return 2;
 }
 
+// An installed pm-recorder finds the example root beside itself; one in a build tree uses the
+// source tree's.
+std::string DefaultTemplate() {
+    char self[4096];
+    ssize_t n = readlink("/proc/self/exe", self, sizeof(self) - 1);
+    if (n > 0) {
+        self[n] = '\0';
+        std::string installed = std::string(dirname(self)) + "/../share/basicservice/examples/root";
+        struct stat st;
+        if (stat(installed.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) {
+            return installed;
+        }
+    }
+    return PM_RECORDER_TEMPLATE;
+}
+
 struct Arguments {
     std::vector<std::string> words;
     std::string root;
     std::string makeRoot;
-    std::string templateDir = PM_RECORDER_TEMPLATE;
+    std::string templateDir = DefaultTemplate();
     std::string replay;
     bool replayNow = false;
     double speed = 1;
