@@ -67,7 +67,8 @@ struct PhmEvent {
     PhmHandler handler;
 };
 
-// Registration order matters to nobody but is kept as the recorder's firmware has it.
+// Handlers of one event run in registration order, and plug-ins that register an event of
+// this table after the manager rely on its handler having run first.
 // OnSwitchLanguageFinished (6739), OnGetUsbState (33827, 1060) and OnGetUDiskInfo (33887)
 // arrive with the alarm speech and USB self-test work.
 const PhmEvent kRegisteredEvents[] = {
