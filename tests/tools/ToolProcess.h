@@ -4,75 +4,48 @@
 
 #include <sys/types.h>
 
-#include <gtest/gtest.h>
-
-#include <cctype>
 #include <chrono>
-#include <map>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "TestSupport.h"
+
 namespace pmtest {
 
-// Folder of the running test executable (build/tests), and the build's bin/ beside it.
-std::string TestsDir();
-std::string BinDir();
-
+std::string TestsDir();  // folder of the test executable (build/tests)
+std::string BinDir();    // the build's bin/ beside it
 std::string ReadFile(const std::string& path);
 
-// One child process. Its environment is the test's (RECORDER_BUS of a PrivateBus included)
-// with `env` laid over it; stdin is /dev/null, stdout and stderr go to files in `outDir`.
-// A child still running at destruction is killed.
+// One tool of BinDir() with the test's environment (set variables with ScopedEnv first);
+// stdin is /dev/null, stdout and stderr go to files. Killed if still running at destruction.
 class ToolProcess {
 public:
-    ToolProcess(const std::string& program, const std::vector<std::string>& args,
-                const std::string& outDir, const std::map<std::string, std::string>& env = {});
+    ToolProcess(const std::string& tool, const std::vector<std::string>& args);
     ~ToolProcess();
+    ToolProcess(const ToolProcess&) = delete;
+    ToolProcess& operator=(const ToolProcess&) = delete;
 
     // Exit status, or 128 + signal number when killed by a signal; nullopt on time-out.
     std::optional<int> WaitExit(std::chrono::milliseconds timeout = std::chrono::seconds(10));
     void Signal(int sig);
-
-    std::string Out() const { return ReadFile(m_outPath); }
-    std::string Err() const { return ReadFile(m_errPath); }
-    bool WaitOut(const std::string& needle,
-                 std::chrono::milliseconds timeout = std::chrono::seconds(10)) const;
-    bool WaitErr(const std::string& needle,
-                 std::chrono::milliseconds timeout = std::chrono::seconds(10)) const;
-
-    ToolProcess(const ToolProcess&) = delete;
-    ToolProcess& operator=(const ToolProcess&) = delete;
+    std::string Out() const { return ReadFile(m_dir.File("out")); }
+    std::string Err() const { return ReadFile(m_dir.File("err")); }
+    bool WaitOut(const std::string& needle) const;
+    bool WaitErr(const std::string& needle) const;
 
 private:
+    TempDir m_dir;
     pid_t m_pid = -1;
     std::optional<int> m_status;
-    std::string m_outPath;
-    std::string m_errPath;
 };
 
-// Runs a tool to its end; fails the test's expectations via the returned status (nullopt when
-// it did not end in time).
 struct ToolResult {
-    std::optional<int> status;
+    std::optional<int> status;  // nullopt: still running after 10 s
     std::string out;
     std::string err;
 };
-ToolResult RunTool(const std::string& program, const std::vector<std::string>& args,
-                   const std::string& outDir, const std::map<std::string, std::string>& env = {},
-                   std::chrono::milliseconds timeout = std::chrono::seconds(10));
-
-// gtest names for table rows: the row's description with every other character as '_'.
-template <class Case>
-std::string RowName(const ::testing::TestParamInfo<Case>& info) {
-    std::string name = info.param.what;
-    for (char& c : name) {
-        if (!isalnum(static_cast<unsigned char>(c))) {
-            c = '_';
-        }
-    }
-    return name;
-}
+ToolResult RunTool(const std::string& tool, const std::vector<std::string>& args);
 
 }  // namespace pmtest
 

@@ -1,100 +1,77 @@
-// A small service for pm-host's tests: answers a request, feeds the watchdog from a thread
-// of its own, and leaves a trace of its creation and destruction in files the test names.
-#include <stdlib.h>
+// A small service for pm-host's tests. It answers request 7001 with the payload reversed,
+// feeds its watchdog from a thread of its own (no longer after 7002, again after 7003) and
+// leaves traces in files named by the environment (see docs/tools.md).
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <climits>
+#include <cstring>
+#include <cstdlib>
 #include <fstream>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include "CommonTime.h"
 #include "MsgClientManage.h"
 #include "ServiceBase.h"
-#include "TestServiceIds.h"
 
 namespace {
 
 void WriteFileNamedBy(const char* variable, const std::string& content) {
-    const char* path = getenv(variable);
-    if (path != nullptr && *path != '\0') {
+    if (const char* path = getenv(variable)) {
         std::ofstream(path) << content;
     }
 }
 
 class CTestService : public CServiceBase {
 public:
-    CTestService() : m_feeding(getenv("PM_TEST_SERVICE_NO_FEED") == nullptr) {
-        m_client.RegisterHandler(kOwnId, pmtest::kEchoRequest,
-                                 [this](const char* data, int len) { return OnEcho(data, len); });
-        m_client.RegisterHandler(kOwnId, pmtest::kStopFeeding, [this](const char*, int) {
-            m_feeding = false;
+    CTestService() {
+        m_client.RegisterHandler(kOwnId, 7001, [this](const char* data, int len) {
+            if (len >= 16) {
+                Common::SMessageHead head;
+                memcpy(&head, data, sizeof head);
+                std::string payload(data + 16, data + len);
+                std::reverse(payload.begin(), payload.end());
+                m_client.MSGResponseMessage(&head, payload.data(),
+                                            static_cast<int>(payload.size()));
+            }
             return 0;
         });
-        m_client.RegisterHandler(kOwnId, pmtest::kResumeFeeding, [this](const char*, int) {
-            m_feeding = true;
-            return 0;
+        for (int id : {7002, 7003}) {
+            m_client.RegisterHandler(kOwnId, id, [this, id](const char*, int) {
+                m_feeding = id == 7003;
+                return 0;
+            });
+        }
+        m_thread = std::thread([this] {
+            while (!m_stop) {
+                m_client.MSGWaitForEvent(20);
+                if (m_feeding) {
+                    m_client.MSGFeedWatchDog(Common::Q7R_TMGetSystemMicroSecond());
+                }
+            }
         });
-        m_thread = std::thread([this] { Loop(); });
     }
 
     ~CTestService() override {
         m_stop = true;
         m_thread.join();
-        for (int id : {pmtest::kEchoRequest, pmtest::kStopFeeding, pmtest::kResumeFeeding}) {
-            m_client.MSGEventUnRegister(kOwnId, id);
-        }
         WriteFileNamedBy("PM_TEST_SERVICE_MARKER", "destroyed\n");
     }
 
 private:
     static constexpr int kOwnId = 77;
-
-    void Loop() {
-        while (!m_stop) {
-            m_client.MSGWaitForEvent(20);
-            if (m_feeding) {
-                m_client.MSGFeedWatchDog(Common::Q7R_TMGetSystemMicroSecond());
-            }
-        }
-    }
-
-    // Answers with the request's payload reversed, so the test can tell the answer apart.
-    int OnEcho(const char* data, int len) {
-        if (data == nullptr || len < 16) {
-            return 0;
-        }
-        std::vector<char> payload(data + 16, data + len);
-        std::reverse(payload.begin(), payload.end());
-        Common::SMessageHead head;
-        std::copy(data, data + 16, reinterpret_cast<char*>(&head));
-        m_client.MSGResponseMessage(&head, payload.data(), static_cast<int>(payload.size()));
-        return 0;
-    }
-
     CMsgClientManage m_client{"TestService.77", 300000};
-    std::atomic<bool> m_feeding;
+    std::atomic<bool> m_feeding{getenv("PM_TEST_SERVICE_NO_FEED") == nullptr};
     std::atomic<bool> m_stop{false};
     std::thread m_thread;
 };
 
 }  // namespace
 
-#ifndef PM_TEST_SERVICE_WITHOUT_CREATE
 extern "C" __attribute__((visibility("default"))) CServiceBase* Create() {
     char cwd[PATH_MAX];
     WriteFileNamedBy("PM_TEST_SERVICE_CWD", getcwd(cwd, sizeof cwd) != nullptr ? cwd : "?");
-    if (getenv("PM_TEST_SERVICE_CREATE_NULL") != nullptr) {
-        return nullptr;
-    }
-    return new CTestService();
+    return getenv("PM_TEST_SERVICE_CREATE_NULL") != nullptr ? nullptr : new CTestService();
 }
-#else
-// Something to export, so that the library is a valid one that merely lacks Create.
-extern "C" __attribute__((visibility("default"))) int NotCreate() {
-    return 0;
-}
-#endif

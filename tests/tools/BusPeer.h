@@ -1,14 +1,13 @@
-// A bus client of the test's own, playing the service: it sends what the service sends and
-// keeps every message it registered for.
-#ifndef TESTS_SIMULATOR_BUS_PEER_H
-#define TESTS_SIMULATOR_BUS_PEER_H
+// A bus client of the test's own, pumped on a thread of its own, that keeps every message it
+// registered for: it plays the service to the simulator and a responder to pm-bus.
+#ifndef TESTS_TOOLS_BUS_PEER_H
+#define TESTS_TOOLS_BUS_PEER_H
 
 #include <algorithm>
 #include <atomic>
 #include <cstdint>
 #include <cstring>
 #include <mutex>
-#include <string>
 #include <thread>
 #include <vector>
 
@@ -29,6 +28,7 @@ public:
         m_stop = true;
         m_thread.join();
     }
+    CMsgClientManage& Client() { return m_client; }
 
     void Record(uint32_t id) {
         m_client.RegisterHandler(m_ownId, static_cast<int>(id), [this](const char* d, int l) {
@@ -41,20 +41,16 @@ public:
             return 0;
         });
     }
-    void Send(uint32_t id, const std::vector<uint8_t>& payload, bool request = false,
-              int from = -1) {
+    void Send(uint32_t id, const std::vector<uint8_t>& payload, bool request = false) {
         m_client.MSGSendMessage(0, static_cast<int>(id), request ? 1 : 0,
                                 reinterpret_cast<const char*>(payload.data()),
-                                static_cast<int>(payload.size()), from < 0 ? m_ownId : from);
+                                static_cast<int>(payload.size()), m_ownId);
     }
     std::vector<SeenMessage> Seen(uint32_t id) const {
         std::lock_guard<std::mutex> guard(m_lock);
         std::vector<SeenMessage> out;
-        for (const SeenMessage& m : m_seen) {
-            if (m.head.nEventId == id) {
-                out.push_back(m);
-            }
-        }
+        std::copy_if(m_seen.begin(), m_seen.end(), std::back_inserter(out),
+                     [id](const SeenMessage& m) { return m.head.nEventId == id; });
         return out;
     }
     std::vector<uint32_t> SeenIds() const {
@@ -68,10 +64,6 @@ public:
     bool WaitFor(uint32_t id, size_t count = 1) const {
         return WaitUntil([&] { return Seen(id).size() >= count; });
     }
-    void Clear() {
-        std::lock_guard<std::mutex> guard(m_lock);
-        m_seen.clear();
-    }
 
 private:
     void Loop() {
@@ -81,7 +73,7 @@ private:
     }
 
     int m_ownId;
-    CMsgClientManage m_client{"pmtest.service", 300000};
+    CMsgClientManage m_client{"pmtest.peer", 300000};
     mutable std::mutex m_lock;
     std::vector<SeenMessage> m_seen;
     std::atomic<bool> m_stop{false};
