@@ -1,7 +1,7 @@
 // Logs from a process of its own, so that PM_LOG_LEVEL and PM_LOG_FILE are read afresh.
 //   pm_log_child levels            one record at each level 0..4
-//   pm_log_child long <n>          one record of n characters without a final newline
-//   pm_log_child threads <t> <n>   t threads logging n records each, at once
+//   pm_log_child threads <t> <n>   t threads logging n long records each, at once; every
+//                                  other record lacks its final newline
 #include <stdlib.h>
 #include <string.h>
 
@@ -11,46 +11,28 @@
 
 #include "CommonLog.h"
 
-namespace {
-
-void LogLevels() {
-    for (int level = 0; level <= 4; ++level) {
-        Common::gclDebugPrintf(level, __FILE__, __FUNCTION__, __LINE__, "level %d record\n", level);
+int main(int argc, char** argv) {
+    if (argc == 2 && strcmp(argv[1], "levels") == 0) {
+        for (int level = 0; level <= 4; ++level) {
+            Common::gclDebugPrintf(level, __FILE__, __func__, __LINE__, "level %d record\n", level);
+        }
+        return 0;
     }
-}
-
-void LogLong(int n) {
-    std::string text(static_cast<size_t>(n), 'x');
-    Common::gclDebugPrintf(0, __FILE__, __FUNCTION__, __LINE__, "%s", text.c_str());
-}
-
-void LogFromThreads(int threads, int records) {
-    const std::string payload(200, 'p');
+    if (argc != 4 || strcmp(argv[1], "threads") != 0) {
+        return 2;
+    }
+    const std::string payload(1000, 'p');  // longer than the logger's stack buffer
     std::vector<std::thread> pool;
-    for (int t = 0; t < threads; ++t) {
-        pool.emplace_back([t, records, &payload] {
-            for (int i = 0; i < records; ++i) {
-                Common::gclDebugPrintf(0, __FILE__, __FUNCTION__, __LINE__,
-                                       "thread %d record %d %s\n", t, i, payload.c_str());
+    for (int t = 0; t < atoi(argv[2]); ++t) {
+        pool.emplace_back([t, n = atoi(argv[3]), &payload] {
+            for (int i = 0; i < n; ++i) {
+                Common::gclDebugPrintf(0, __FILE__, __func__, __LINE__, "thread %d record %d %s%s",
+                                       t, i, payload.c_str(), i % 2 ? "" : "\n");
             }
         });
     }
     for (auto& thread : pool) {
         thread.join();
-    }
-}
-
-}  // namespace
-
-int main(int argc, char** argv) {
-    if (argc == 2 && strcmp(argv[1], "levels") == 0) {
-        LogLevels();
-    } else if (argc == 3 && strcmp(argv[1], "long") == 0) {
-        LogLong(atoi(argv[2]));
-    } else if (argc == 4 && strcmp(argv[1], "threads") == 0) {
-        LogFromThreads(atoi(argv[2]), atoi(argv[3]));
-    } else {
-        return 2;
     }
     return 0;
 }

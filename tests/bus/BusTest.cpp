@@ -1,0 +1,453 @@
+// The message bus: addresses, the broker, the client, and requests between processes.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <zmq.h>
+
+#include <atomic>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <optional>
+#include <set>
+#include <thread>
+
+#include "MsgBroker.h"
+#include "MsgClientManage.h"
+#include "TestSupport.h"
+
+namespace {
+
+using Common::BusEndpoints;
+using Common::CMsgBroker;
+using Msgs = std::vector<std::string>;
+
+constexpr int kEvent = 3001;
+constexpr int kMarker = 3002;
+
+uint32_t Word(const std::string& msg, int index) {
+    uint32_t v = 0;
+    for (int i = 3; i >= 0; --i) {
+        v = (v << 8) | static_cast<unsigned char>(msg.at(static_cast<size_t>(4 * index + i)));
+    }
+    return v;
+}
+
+// Handlers run on the thread that pumps, so the tests read their inboxes without a lock.
+CMsgClientManage::HandlerFn Into(Msgs& inbox) {
+    return [&inbox](const char* data, int len) {
+        inbox.emplace_back(data, static_cast<size_t>(len));
+        return 0;
+    };
+}
+
+template <class Pred>
+bool PumpUntil(CMsgClientManage& client, Pred pred,
+               std::chrono::milliseconds timeout = std::chrono::seconds(5)) {
+    return pmtest::WaitUntil(
+        [&] {
+            client.MSGWaitForEvent(10);
+            return pred();
+        },
+        timeout);
+}
+
+int Send(CMsgClientManage& client, int eventId, const std::string& payload, int ownId = 1,
+         int needAnswer = 0) {
+    return client.MSGSendMessage(0, eventId, needAnswer, payload.data(),
+                                 static_cast<int>(payload.size()), ownId);
+}
+
+TEST(BusAddress, FromRecorderBus) {
+    struct Case {
+        std::optional<std::string> value;
+        const char* in;  // "" when the value is refused
+        const char* out;
+        const char* lock;
+    };
+    const Case cases[] = {
+        {std::nullopt, "ipc:///tmp/recorder-bus.in", "ipc:///tmp/recorder-bus.out",
+         "/tmp/recorder-bus.lock"},
+        {"", "ipc:///tmp/recorder-bus.in", "ipc:///tmp/recorder-bus.out", "/tmp/recorder-bus.lock"},
+        {"bus", "ipc://bus.in", "ipc://bus.out", "bus.lock"},
+        {"ipc:///run/b", "ipc:///run/b.in", "ipc:///run/b.out", "/run/b.lock"},
+        {"tcp://h:65534", "tcp://h:65534", "tcp://h:65535", ""},
+        {"tcp://h:65535", "", "", ""},  // no room for PORT+1
+        {"tcp://h:0", "", "", ""},
+        {"tcp://:5555", "", "", ""},
+        {"tcp://h:55x", "", "", ""},
+        {"udp://h:5555", "", "", ""},
+        {"/" + std::string(104, 'p'), "", "", ""},  // with ".out" 109 > 107 bytes
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.value.value_or("(unset)"));
+        pmtest::ScopedEnv env("RECORDER_BUS", c.value);
+        pmtest::LogCapture log;
+        BusEndpoints ep = Common::BusEndpointsFromEnv();
+        EXPECT_EQ(ep.in, c.in);
+        EXPECT_EQ(ep.out, c.out);
+        EXPECT_EQ(ep.lock, c.lock);
+        EXPECT_EQ(log.Contains("RECORDER_BUS \"" + c.value.value_or("")), *c.in == '\0');
+    }
+    EXPECT_EQ(CMsgBroker(BusEndpoints{}).Start(), -1);
+}
+
+TEST(Broker, IpcFilesAreOwnerOnlyAndASecondBrokerIsRefused) {
+    pmtest::TempDir dir;
+    BusEndpoints ep;
+    ASSERT_TRUE(Common::ParseBusAddress(dir.File("bus"), ep));
+    mode_t old = umask(0);  // the modes must not depend on the caller's umask
+    CMsgBroker first(ep);
+    int rc = first.Start();
+    umask(old);
+    ASSERT_EQ(rc, 0);
+    for (const char* name : {"bus.in", "bus.out", "bus.lock"}) {
+        struct stat st {};
+        ASSERT_EQ(stat(dir.File(name).c_str(), &st), 0) << name;
+        EXPECT_EQ(st.st_mode & 07777, 0600u) << name;
+    }
+
+    CMsgBroker second(ep);
+    EXPECT_EQ(second.Start(), 1);
+    pmtest::ScopedEnv env("RECORDER_BUS", dir.File("bus"));
+    CMsgClientManage client("probe", 300000);
+    EXPECT_TRUE(client.IsConnected()) << "the refused broker took over the sockets";
+
+    first.Stop();
+    for (const char* name : {"bus.in", "bus.out", "bus.lock"}) {
+        EXPECT_NE(access(dir.File(name).c_str(), F_OK), 0) << name;
+    }
+    EXPECT_EQ(second.Start(), 0) << "free once the first one stopped";
+}
+
+TEST(BusProcesses, RequestAndAnswerThroughTheBroker) {
+    constexpr int kRequest = 1149;
+    pmtest::PrivateBus bus;
+    CMsgClientManage client("BasicService.10", 300000);
+    Msgs answers;
+    client.RegisterHandler(10, kRequest | Common::kMsgAnswerBit, Into(answers));
+
+    std::unique_ptr<FILE, int (*)(FILE*)> peer(popen(BUS_PEER_PATH " 1149 1150", "r"), pclose);
+    ASSERT_TRUE(peer);
+    char line[16] = "";
+    ASSERT_NE(fgets(line, sizeof line, peer.get()), nullptr);
+    ASSERT_STREQ(line, "ready\n");
+
+    // Sent once each: the peer's registrations are in force once it says so.
+    const Msgs payloads = {"", "abc", std::string(5000, 'z')};
+    for (const std::string& p : payloads) {
+        ASSERT_EQ(Send(client, kRequest, p, 10, 1), 0);
+    }
+    ASSERT_TRUE(PumpUntil(client, [&] { return answers.size() == payloads.size(); }));
+    for (size_t i = 0; i < payloads.size(); ++i) {
+        const std::string& p = payloads[i];
+        const std::string& answer = answers[i];
+        ASSERT_EQ(answer.size(), 16 + 16 + p.size());
+        EXPECT_EQ(Word(answer, 0), kRequest | 0x8000u);
+        EXPECT_EQ(Word(answer, 1), 0u) << "answers carry no sender";
+        EXPECT_EQ(Word(answer, 3), (16u + p.size()) | (1u << 24)) << "bit 24, not bit 23";
+        // The request's head as the peer received it, echoed in the answer.
+        const std::string request = answer.substr(16);
+        EXPECT_EQ(Word(request, 0), static_cast<uint32_t>(kRequest));
+        EXPECT_EQ(Word(request, 1), 10u);
+        EXPECT_EQ(Word(request, 2), Word(answers[0], 2) + i) << "per-client sequence";
+        EXPECT_EQ(Word(request, 3), p.size() | (1u << 23));
+        EXPECT_EQ(Word(answer, 2), Word(request, 2)) << "sequence number copied";
+        EXPECT_EQ(request.substr(16), p);
+    }
+
+    ASSERT_EQ(Send(client, 1150, ""), 0);
+    int status = pclose(peer.release());
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+}
+
+class BusClient : public ::testing::Test {
+protected:
+    pmtest::PrivateBus m_bus;
+};
+
+TEST_F(BusClient, HandlersOfOneIdRunInOrderInEveryClientTheSenderIncluded) {
+    CMsgClientManage a("a", 300000);
+    CMsgClientManage b("b", 300000);
+    Msgs calls;
+    auto tag = [&calls](const std::string& name) {
+        return [&calls, name](const char* data, int len) {
+            calls.push_back(name + ":" + std::string(data + 16, static_cast<size_t>(len) - 16));
+            return 0;
+        };
+    };
+    a.RegisterHandler(30, kEvent, tag("a30"));
+    a.RegisterHandler(10, kEvent, tag("a10"));
+    a.RegisterHandler(20, kEvent, tag("a20"));
+    Msgs atB;
+    b.RegisterHandler(2, kEvent, Into(atB));
+
+    ASSERT_EQ(Send(a, kEvent, "1", 1234), 0);
+    ASSERT_TRUE(PumpUntil(a, [&] { return calls.size() == 3; }));
+    EXPECT_EQ(calls, (Msgs{"a30:1", "a10:1", "a20:1"}));
+    ASSERT_TRUE(PumpUntil(b, [&] { return atB.size() == 1; }));
+    EXPECT_EQ(Word(atB[0], 0), static_cast<uint32_t>(kEvent));
+    EXPECT_EQ(Word(atB[0], 1), 1234u);
+    EXPECT_EQ(Word(atB[0], 3), 1u) << "no flags";
+
+    calls.clear();
+    a.MSGEventUnRegister(10, kEvent);
+    a.MSGEventUnRegister(99, kEvent);             // never registered: ignored
+    a.RegisterHandler(30, kEvent, tag("new30"));  // same ownId: replaced in place
+    ASSERT_EQ(Send(a, kEvent, "2"), 0);
+    ASSERT_TRUE(PumpUntil(a, [&] { return calls.size() == 2; }));
+    EXPECT_EQ(calls, (Msgs{"new30:2", "a20:2"}));
+}
+
+TEST_F(BusClient, ShortMessageReadsAsZerosBeyondItsEnd) {
+    CMsgClientManage client("pad", 300000);
+    Msgs records;  // the length, then 200 bytes of payload, however short the message
+    client.RegisterHandler(1, kEvent, [&](const char* data, int len) {
+        records.push_back(std::to_string(len) + ":" + std::string(data + 16, 200));
+        return 0;
+    });
+    ASSERT_EQ(Send(client, kEvent, std::string(1000, '\xAB')), 0);  // leaves the buffer dirty
+    ASSERT_EQ(Send(client, kEvent, "abcd"), 0);
+    ASSERT_TRUE(PumpUntil(client, [&] { return records.size() == 2; }));
+    EXPECT_EQ(records[0].substr(0, 5), "1016:");
+    EXPECT_EQ(records[1], "20:abcd" + std::string(196, '\0'));
+}
+
+TEST_F(BusClient, HandlerMayDeleteAnotherAndRegisterDuringDispatch) {
+    CMsgClientManage client("manager", 300000);
+    // A peripheral whose destructor unregisters its handler, as the manager's instances do.
+    struct Peer {
+        CMsgClientManage& bus;
+        int* calls;
+        ~Peer() { bus.MSGEventUnRegister(20, kEvent); }
+    };
+    int peerCalls = 0;
+    std::unique_ptr<Peer> peer(new Peer{client, &peerCalls});
+    Msgs late;
+    int nested = -1;
+    client.RegisterHandler(10, kEvent, [&](const char*, int) {
+        nested = client.MSGWaitForEvent(0);  // refused: it would reuse this very buffer
+        peer.reset();
+        client.RegisterHandler(10, kMarker, Into(late));
+        return 0;
+    });
+    Peer* raw = peer.get();
+    client.RegisterHandler(20, kEvent, [raw](const char*, int) { return ++*raw->calls; });
+
+    ASSERT_EQ(Send(client, kEvent, "x"), 0);
+    ASSERT_TRUE(PumpUntil(client, [&] { return peer == nullptr; }));
+    ASSERT_EQ(Send(client, kMarker, "m"), 0);
+    ASSERT_TRUE(PumpUntil(client, [&] { return late.size() == 1; }));
+    EXPECT_EQ(peerCalls, 0);
+    EXPECT_EQ(nested, 0);
+}
+
+TEST_F(BusClient, RegistrationIsInForceWhenItReturns) {
+    CMsgClientManage receiver("receiver", 300000);
+    CMsgClientManage sender("sender", 300000);
+    // A socket that keeps sending looks at news from its peers (such as subscriptions) only
+    // now and then; the registration must not depend on that.
+    std::atomic<bool> stop{false};
+    std::thread noise([&] {
+        while (!stop) {
+            Send(sender, 4999, "noise");
+            std::this_thread::sleep_for(std::chrono::microseconds(20));
+        }
+    });
+    Msgs inbox;
+    int lost = 0;
+    for (size_t i = 0; i < 100 && lost == 0; ++i) {
+        int event = 5000 + static_cast<int>(i);
+        receiver.RegisterHandler(1, event, Into(inbox));
+        Send(sender, event, "once");  // never repeated
+        if (!PumpUntil(
+                receiver, [&] { return inbox.size() == i + 1; }, std::chrono::seconds(2))) {
+            lost = event;
+        }
+    }
+    stop = true;
+    noise.join();
+    EXPECT_EQ(lost, 0) << "event " << lost << " was lost";
+}
+
+TEST_F(BusClient, FourSendingThreadsLoseOrTearNothing) {
+    constexpr uint32_t kThreads = 4;
+    constexpr uint32_t kPerThread = 2500;
+    auto fill = [](uint32_t t, uint32_t i) { return static_cast<char>('A' + t * 16 + i % 16); };
+    CMsgClientManage client("threads", 300000);
+    std::set<std::pair<uint32_t, uint32_t>> seen;
+    std::set<uint32_t> seqs;
+    int bad = 0;
+    client.RegisterHandler(1, kEvent, [&](const char* data, int len) {
+        const std::string msg(data, static_cast<size_t>(len));
+        if (len != 16 + 48) {
+            return ++bad;
+        }
+        uint32_t t = Word(msg, 4);
+        uint32_t i = Word(msg, 5);
+        bad += Word(msg, 1) != 100 + t || msg.substr(24) != std::string(40, fill(t, i)) ||
+               !seen.insert({t, i}).second;
+        seqs.insert(Word(msg, 2));
+        return 0;
+    });
+
+    std::atomic<bool> stop{false};
+    std::thread churn([&] {  // registrations from another thread while the waiter dispatches
+        Msgs unused;
+        for (int i = 0; !stop; ++i) {
+            client.RegisterHandler(2, 7000 + i % 8, Into(unused));
+            client.MSGEventUnRegister(2, 7000 + i % 8);
+        }
+    });
+    std::atomic<int> failures{0};
+    std::vector<std::thread> senders;
+    for (uint32_t t = 0; t < kThreads; ++t) {
+        senders.emplace_back([&, t] {
+            for (uint32_t i = 0; i < kPerThread; ++i) {
+                char payload[48];
+                memcpy(payload, &t, 4);
+                memcpy(payload + 4, &i, 4);
+                memset(payload + 8, fill(t, i), 40);
+                int ownId = static_cast<int>(100 + t);
+                failures += client.MSGSendMessage(0, kEvent, 0, payload, 48, ownId) != 0;
+            }
+        });
+    }
+    bool all = PumpUntil(
+        client, [&] { return seen.size() == kThreads * kPerThread; }, std::chrono::seconds(20));
+    for (auto& s : senders) {
+        s.join();
+    }
+    stop = true;
+    churn.join();
+    EXPECT_TRUE(all) << seen.size() << " of " << kThreads * kPerThread << " arrived";
+    EXPECT_EQ(failures, 0);
+    EXPECT_EQ(bad, 0);
+    EXPECT_EQ(seqs.size(), kThreads * kPerThread) << "sequence numbers unique";
+}
+
+TEST_F(BusClient, BurstOfHundredThousandArrivesWhole) {
+    constexpr uint32_t kCount = 100000;
+    CMsgClientManage sender("burst", 300000);
+    CMsgClientManage receiver("sink", 300000);
+    uint32_t next = 0;
+    bool inOrder = true;
+    receiver.RegisterHandler(1, kEvent, [&](const char* data, int len) {
+        uint32_t index;
+        memcpy(&index, data + 16, sizeof index);
+        inOrder = inOrder && len == 20 && index == next++;
+        return 0;
+    });
+    int failures = 0;
+    for (uint32_t i = 0; i < kCount; ++i) {
+        failures +=
+            sender.MSGSendMessage(0, kEvent, 0, reinterpret_cast<const char*>(&i), 4, 1) != 0;
+    }
+    EXPECT_EQ(failures, 0);
+    EXPECT_TRUE(PumpUntil(
+        receiver, [&] { return next >= kCount; }, std::chrono::seconds(30)))
+        << next << " of " << kCount << " arrived";
+    EXPECT_TRUE(inOrder);
+}
+
+TEST_F(BusClient, WatchdogIsPublishedAtMostOncePerSecond) {
+    CMsgClientManage monitor(nullptr, 300000);
+    CMsgClientManage client("BasicService.10", 300000);
+    Msgs dog;
+    monitor.RegisterHandler(1, static_cast<int>(Common::kMsgWatchdogEvent), Into(dog));
+
+    // Fed far more often than once a second until the second report arrives.
+    const auto start = std::chrono::steady_clock::now();
+    int feeds = 0;
+    ASSERT_TRUE(PumpUntil(
+        monitor,
+        [&] {
+            auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(
+                std::chrono::steady_clock::now() - start);
+            client.MSGFeedWatchDog(1000000 + ms.count());
+            ++feeds;
+            return dog.size() >= 2;
+        },
+        std::chrono::seconds(4)));
+    EXPECT_GT(feeds, 20);
+    ASSERT_EQ(dog.size(), 2u);
+    ASSERT_EQ(dog[0].size(), 16u + 40u);
+    EXPECT_EQ(Word(dog[0], 1), 0u);
+    EXPECT_EQ(dog[0].substr(16, 32), "BasicService.10" + std::string(17, '\0'));
+    long long t1;
+    long long t2;
+    memcpy(&t1, dog[0].data() + 48, 8);
+    memcpy(&t2, dog[1].data() + 48, 8);
+    EXPECT_GE(t1, 1000000);
+    EXPECT_GE(t2 - t1, 990) << "second report too early";
+}
+
+TEST_F(BusClient, MalformedFramesAreDroppedWithALogLine) {
+    pmtest::LogCapture log;
+    CMsgClientManage client("strict", 300000);
+    Msgs inbox;
+    client.RegisterHandler(1, kEvent, Into(inbox));
+
+    void* ctx = zmq_ctx_new();
+    void* raw = zmq_socket(ctx, ZMQ_PUB);
+    ASSERT_EQ(zmq_connect(raw, ("ipc://" + m_bus.Address() + ".in").c_str()), 0);
+    auto frame = [](uint32_t lengthField, size_t payload, uint32_t sender = 9) {
+        std::string f(16 + payload, 'p');
+        uint32_t head[4] = {kEvent, sender, 1, lengthField};
+        memcpy(&f[0], head, sizeof head);
+        return f;
+    };
+    const std::string good = frame(4, 4);
+    const std::string part = frame(4, 4, 8);  // well formed, but one part of two
+    const Msgs bad = {frame(0, 0).substr(0, 10), frame(100, 4)};
+    // The raw socket cannot tell when it is connected: repeat until a second good frame
+    // arrives; the bad frames sent after the first good one went out for certain, in order.
+    ASSERT_TRUE(PumpUntil(client, [&] {
+        zmq_send(raw, part.data(), part.size(), ZMQ_SNDMORE);
+        zmq_send(raw, part.data(), part.size(), 0);
+        for (const std::string& f : bad) {
+            zmq_send(raw, f.data(), f.size(), 0);
+        }
+        zmq_send(raw, good.data(), good.size(), 0);
+        return inbox.size() >= 2;
+    }));
+    zmq_close(raw);
+    zmq_ctx_term(ctx);
+
+    EXPECT_TRUE(log.Contains("dropped a frame of 10 bytes"));
+    EXPECT_TRUE(log.Contains("length field 100, but 4 payload bytes"));
+    EXPECT_TRUE(log.Contains("dropped a part of a multi-part message"));
+    for (const std::string& msg : inbox) {
+        EXPECT_EQ(msg, good);
+    }
+}
+
+TEST(BusClientOffline, StaysUsableAndConnectsWhenTheBrokerAppears) {
+    pmtest::LogCapture log;
+    {
+        pmtest::ScopedEnv env("RECORDER_BUS", std::string("udp://nowhere"));
+        CMsgClientManage lost("lost", 300000);
+        EXPECT_TRUE(log.Contains("MSG_CLIENT: lost: no valid bus address"));
+        EXPECT_EQ(lost.RegisterHandler(1, kEvent, [](const char*, int) { return 0; }), 0);
+        EXPECT_EQ(Send(lost, kEvent, "x"), -1);
+        EXPECT_EQ(lost.MSGWaitForEvent(5), 0);
+        lost.MSGFeedWatchDog(1);
+    }
+    pmtest::TempDir dir;
+    pmtest::ScopedEnv env("RECORDER_BUS", dir.File("bus"));
+    CMsgClientManage early("early", 300000);  // waits about two seconds for a broker
+    EXPECT_FALSE(early.IsConnected());
+    EXPECT_TRUE(log.Contains("MSG_CLIENT: early: no bus broker answered"));
+
+    CMsgBroker broker;
+    ASSERT_EQ(broker.Start(), 0);
+    ASSERT_TRUE(PumpUntil(early, [&] { return early.IsConnected(); }));
+    EXPECT_TRUE(log.Contains("MSG_CLIENT: early: the bus broker at"));
+    Msgs inbox;
+    early.RegisterHandler(1, kEvent, Into(inbox));
+    ASSERT_EQ(Send(early, kEvent, "late"), 0);
+    ASSERT_TRUE(PumpUntil(early, [&] { return inbox.size() == 1; }));
+}
+
+}  // namespace
