@@ -1,21 +1,23 @@
-// The manager's state handlers, called the way the bus calls them but on the test thread (the
-// manager's own thread is not started), with messages exactly as long as they are: a read
-// past the message shows under AddressSanitizer.
+// The status-relay handlers, called as the bus calls them but on the test thread, with
+// messages exactly as long as they are: a read past one shows under AddressSanitizer.
+#include <stdio.h>
 #include <string.h>
 
-#include <memory>
-#include <ostream>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
-#include "ManagerHarness.h"
+#include "ServiceHarness.h"
 
-namespace mgrtest {
 namespace {
 
+using pmtest::Message;
+using pmtest::ServiceHarness;
+using pmtest::TestManage;
 using PhmHandler = int (CPeripheralManage::*)(const char*, int);
+
+const char* const kEightChannels = R"({"PRODUCT_TYPE": 6, "VI_CHN_NUM": 4, "DIGITAL_CHN_NUM": 4})";
 
 // Every piece of state a handler may change, as bytes.
 std::vector<uint8_t> Snapshot(TestManage& m) {
@@ -24,19 +26,14 @@ std::vector<uint8_t> Snapshot(TestManage& m) {
         const uint8_t* b = static_cast<const uint8_t*>(p);
         out.insert(out.end(), b, b + n);
     };
-    const uint16_t paramState = m.m_nParamState;
-    const uint32_t words[] = {m.m_nStatusState, m.GetCurVideoLossState(), m.GetDebugLevel(),
-                              m.m_ucDeviceModuleReady, m.m_ucCpxOccupy.load()};
-    add(&paramState, sizeof(paramState));
+    const uint32_t words[] = {m.m_nParamState,   m.m_nStatusState,        m.GetCurVideoLossState(),
+                              m.GetDebugLevel(), m.m_ucDeviceModuleReady, m.m_ucCpxOccupy.load()};
     add(words, sizeof(words));
     add(m.m_stuSysLedState, sizeof(m.m_stuSysLedState));
     add(m.m_stuStorageStatus, sizeof(m.m_stuStorageStatus));
     add(m.m_stuVehicleInfo, sizeof(m.m_stuVehicleInfo));
     add(m.m_stuIpcSetting, sizeof(m.m_stuIpcSetting));
     add(&m.m_stuFtpSetting, sizeof(m.m_stuFtpSetting));
-    add(&m.m_stuSystemSerialParam.stuSerialSetting, sizeof(paramSerialSetting_t));
-    add(&m.m_stuCanParam, sizeof(m.m_stuCanParam));
-    add(&m.m_stuEthernetParam, sizeof(m.m_stuEthernetParam));
     return out;
 }
 
@@ -51,478 +48,210 @@ std::vector<std::string> ManagerLines(const pmtest::LogCapture& logs) {
     return lines;
 }
 
+std::vector<std::string> Lines(const char* text) {
+    return text == nullptr ? std::vector<std::string>{} : std::vector<std::string>{text};
+}
+
 class ManagerHandlerTest : public ::testing::Test {
 protected:
-    ManagerHandlerTest() : m_manage(std::make_unique<TestManage>()) { m_env.Logs().Clear(); }
-
-    int Call(PhmHandler handler, const std::vector<char>& message) {
-        return (m_manage.get()->*handler)(message.data(), static_cast<int>(message.size()));
+    int Deliver(PhmHandler handler, const std::vector<char>& message) {
+        return (M().*handler)(message.data(), static_cast<int>(message.size()));
     }
-    int Call(PhmHandler handler, uint32_t eventId, const std::vector<uint8_t>& payload,
-             long headLength = -1) {
-        return Call(handler, Message(eventId, payload, headLength));
+    int Call(PhmHandler handler, const std::vector<uint8_t>& payload, long headLength = -1) {
+        return Deliver(handler, Message(1, payload, headLength));
     }
-    TestManage& M() { return *m_manage; }
-    pmtest::LogCapture& Logs() { return m_env.Logs(); }
+    TestManage& M() { return service.Manager(); }
+    pmtest::LogCapture& Logs() { return service.Logs(); }
 
-    ManagerEnv m_env;
-    std::unique_ptr<TestManage> m_manage;
+    ServiceHarness service{pmtest::kNoPeripherals, kEightChannels};
 };
 
-// ---- a message that is not even a head -----------------------------------------------------
-
-struct ShortCase {
-    const char* name;
-    PhmHandler handler;
-    const char* nullText;   // logged for a null message; nullptr: nothing
-    const char* shortText;  // logged for 10 bytes; nullptr: nothing
-};
-
-// Test names and failure messages show the case's name, not its bytes.
-void PrintTo(const ShortCase& c, std::ostream* os) {
-    *os << c.name;
+// first, first + 1, ...
+std::vector<uint8_t> Counting(size_t size, uint8_t first = 1) {
+    std::vector<uint8_t> bytes(size);
+    for (size_t i = 0; i < size; ++i) {
+        bytes[i] = static_cast<uint8_t>(first + i);
+    }
+    return bytes;
 }
 
-class ShortMessageTest : public ManagerHandlerTest,
-                         public ::testing::WithParamInterface<ShortCase> {};
-
-TEST_P(ShortMessageTest, OnlyLogs) {
-    const ShortCase& c = GetParam();
-    const std::vector<uint8_t> before = Snapshot(M());
-
-    (M().*c.handler)(nullptr, 0);
-    std::vector<std::string> expected;
-    if (c.nullText != nullptr) {
-        expected.push_back(c.nullText);
-    }
-    EXPECT_EQ(ManagerLines(Logs()), expected) << "null message";
-
-    Logs().Clear();
-    const std::vector<char> tenBytes(10, '\x7F');
-    (M().*c.handler)(tenBytes.data(), static_cast<int>(tenBytes.size()));
-    expected.clear();
-    if (c.shortText != nullptr) {
-        expected.push_back(c.shortText);
-    }
-    EXPECT_EQ(ManagerLines(Logs()), expected) << "10-byte message";
-    EXPECT_EQ(Snapshot(M()), before);
-}
-
-const char* const kDeviceModuleText = "S_MANAGE: device module complete length or msg is error \n";
-
-const ShortCase kShortCases[] = {
-    {"DebugLevel", &CPeripheralManage::OnSetDebugLevel, nullptr, nullptr},
-    {"DeviceModule", &CPeripheralManage::OnDeviceModuleComplete, kDeviceModuleText,
-     kDeviceModuleText},
-    {"ReleaseSerial", &CPeripheralManage::OnDeviceModuleReleaseSerial, kDeviceModuleText,
-     kDeviceModuleText},
-    {"Serial", &CPeripheralManage::OnUpdateSerialParamSetting,
-     "S_MANAGE: Serial port param length error \n", "S_MANAGE: Serial port param length error \n"},
-    {"Can", &CPeripheralManage::OnUpdateCanParamSetting, "S_MANAGE: CAN port param length error \n",
-     "S_MANAGE: CAN port param length error \n"},
-    {"Ethernet", &CPeripheralManage::OnUpdateEthernetParamSetting,
-     "S_MANAGE: Ethernet port param length error \n",
-     "S_MANAGE: Ethernet port param length error \n"},
-    {"Ipc", &CPeripheralManage::OnUpdataIPCSetting, "ipc param length error \n",
-     "ipc param length error \n"},
-    {"DigitalVideoLoss", &CPeripheralManage::OnUpdataDigitalVideoLossStatus,
-     "S_MANAGE: Update IPC video loss length error \n",
-     "S_MANAGE: Update IPC video loss length error \n"},
-    {"VideoLoss", &CPeripheralManage::OnUpdataVideoLossStatus,
-     "S_MANAGE: Update video loss length error \n", "S_MANAGE: Update video loss length error \n"},
-    {"Led", &CPeripheralManage::OnUpdateLedState, "S_MANAGE: OnUpdateLedState msg param error \n",
-     "S_MANAGE: Update Led panel state msgerror=0\n"},
-    {"Storage", &CPeripheralManage::OnUpdataStorageStatus,
-     "S_MANAGE: OnUpdataStorageStatus param error\n",
-     "S_MANAGE: OnUpdataStorageStatus param error\n"},
-    {"Vehicle", &CPeripheralManage::OnUpdateDeviceVehicleInfo, nullptr, nullptr},
-    {"Ftp", &CPeripheralManage::OnGetFtpParam, "S_MANAGE: OnGetFtpParam param error\n",
-     "S_MANAGE: OnGetFtpParam param error\n"},
-    {"ProxyData", &CPeripheralManage::OnDispatchProxyData,
-     "S_MANAGE: Protocol proxy param length error \n",
-     "S_MANAGE: Protocol proxy param length error \n"},
-    {"UpgradingInfo", &CPeripheralManage::OnGetUpgradingPeripInfo,
-     "S_MANAGE: OnGetFtpParam param error\n", "S_MANAGE: OnGetFtpParam param error\n"},
-};
-
-INSTANTIATE_TEST_SUITE_P(Manager, ShortMessageTest, ::testing::ValuesIn(kShortCases),
-                         [](const auto& info) { return std::string(info.param.name); });
-
-// ---- a head whose length field is not the message's size -----------------------------------
-
-struct HeadLengthCase {
-    const char* name;
-    PhmHandler handler;
-    size_t size;          // the size the handler expects
-    const char* logText;  // printf text of the log with the wrong length; nullptr: silent
-};
-
-void PrintTo(const HeadLengthCase& c, std::ostream* os) {
-    *os << c.name;
-}
-
-class HeadLengthTest : public ManagerHandlerTest,
-                       public ::testing::WithParamInterface<HeadLengthCase> {};
-
-TEST_P(HeadLengthTest, WrongLengthChangesNothing) {
-    const HeadLengthCase& c = GetParam();
-    std::vector<uint8_t> payload(c.size, 0x01);
-    payload[0] = 0x00;  // a debug-level message's own marker
-    payload[1] = 0x1A;
-    const std::vector<uint8_t> before = Snapshot(M());
-    for (long wrong : {static_cast<long>(c.size) - 1, static_cast<long>(c.size) + 1, 0L}) {
-        SCOPED_TRACE(wrong);
+TEST_F(ManagerHandlerTest, ShortWrongLengthAndValidMessages) {
+    const char* const kModule = "S_MANAGE: device module complete length or msg is error \n";
+    const std::string path = "/dev/ttyAMA1";  // sent without its NUL: the message ends the text
+    const std::vector<uint8_t> debug = {0x00, 0x1A, 0x05, 0x00, 0, 0, 0, 0};  // marker, level
+    std::vector<uint8_t> proxy(80, 0);
+    proxy[64] = 1;  // the type field
+    proxy[66] = 7;  // the function id
+    const struct {
+        const char* name;
+        PhmHandler handler;
+        const char* nullLog;   // logged for a null message; nullptr: silent
+        const char* shortLog;  // logged for 10 bytes
+        int headLength;        // the only head length it takes; 0: any
+        const char* wrongLog;  // printf text for another head length
+        std::vector<uint8_t> valid;
+        const char* validLog;  // a line the valid message gives; nullptr: none
+        bool changes;          // the valid message changes the manager's state
+    } cases[] = {
+        {"debug level", &CPeripheralManage::OnSetDebugLevel, nullptr, nullptr, 8, nullptr, debug,
+         "S_MANAGE: Set debug level = 5\n", true},
+        {"module ready", &CPeripheralManage::OnDeviceModuleComplete, kModule, kModule, 0, nullptr,
+         std::vector<uint8_t>(1, 3), "S_MANAGE: DeviceManage module init state = 0x3\n", true},
+        {"tty released", &CPeripheralManage::OnDeviceModuleReleaseSerial, kModule, kModule, 0,
+         nullptr, std::vector<uint8_t>(path.begin(), path.end()),
+         "S_MANAGE: DeviceManage broadcast cpx release serial, product_type = 6, path = "
+         "/dev/ttyAMA1, cpx_occupy = 0\n",
+         true},
+        {"digital video loss", &CPeripheralManage::OnUpdataDigitalVideoLossStatus,
+         "S_MANAGE: Update IPC video loss length error \n",
+         "S_MANAGE: Update IPC video loss length error \n", 6,
+         "S_MANAGE: Update IPC video loss failed msgerror=%d\n", std::vector<uint8_t>(6, 0),
+         "S_MANAGE: IPC Video loss state update, state = 0x0, DigitalChnNum = 4\n", true},
+        {"video loss", &CPeripheralManage::OnUpdataVideoLossStatus,
+         "S_MANAGE: Update video loss length error \n",
+         "S_MANAGE: Update video loss length error \n", 4,
+         "S_MANAGE: Update video loss failed msgerror=%d\n", Counting(4),
+         "S_MANAGE: Vi Video loss state update, state = 0x1, ViChnNum = 4\n", true},
+        // Without its module tag, deliberately.
+        {"IPC", &CPeripheralManage::OnUpdataIPCSetting, "ipc param length error \n",
+         "ipc param length error \n", 0, nullptr, Counting(408),
+         "S_MANAGE: IPC param has changed, and re get video loss state\n", true},
+        {"LED", &CPeripheralManage::OnUpdateLedState,
+         "S_MANAGE: OnUpdateLedState msg param error \n",
+         "S_MANAGE: Update Led panel state msgerror=0\n", 16,
+         "S_MANAGE: Update Led panel state msgerror=%d\n", Counting(16),
+         "S_MANAGE: Update Led state, record = 1, net = 2, err = 3, gps = 4, alarm = 5, vloss = "
+         "6, hdd = 7, sd = 8, sys = 9\n",
+         true},
+        {"storage", &CPeripheralManage::OnUpdataStorageStatus,
+         "S_MANAGE: OnUpdataStorageStatus param error\n",
+         "S_MANAGE: OnUpdataStorageStatus param error\n", 0, nullptr, Counting(32),
+         "S_MANAGE: storage status: error_sd = 1\n", true},
+        {"vehicle", &CPeripheralManage::OnUpdateDeviceVehicleInfo, nullptr, nullptr, 0, nullptr,
+         Counting(56), nullptr, true},
+        {"FTP", &CPeripheralManage::OnGetFtpParam, "S_MANAGE: OnGetFtpParam param error\n",
+         "S_MANAGE: OnGetFtpParam param error\n", 0, nullptr, Counting(416),
+         "S_MANAGE: FTP param changed\n", true},
+        {"proxy data", &CPeripheralManage::OnDispatchProxyData,
+         "S_MANAGE: Protocol proxy param length error \n",
+         "S_MANAGE: Protocol proxy param length error \n", 0, nullptr, proxy,
+         "S_MANAGE: serialInfo--uiFuncId:7, uiDataLen:84, len = 0\n", false},
+        // The FTP handler's text, deliberately.
+        {"upgrading peripherals", &CPeripheralManage::OnGetUpgradingPeripInfo,
+         "S_MANAGE: OnGetFtpParam param error\n", "S_MANAGE: OnGetFtpParam param error\n", 0,
+         nullptr, Counting(2, 2), "S_MANAGE: Get upgrading peripheral, type = 3, source = 2\n",
+         false},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
         Logs().Clear();
-        Call(c.handler, 1, payload, wrong);
-        std::vector<std::string> expected;
-        if (c.logText != nullptr) {
-            char text[128];
-            snprintf(text, sizeof(text), c.logText, static_cast<int>(wrong));
-            expected.push_back(text);
+        const std::vector<uint8_t> before = Snapshot(M());
+        (M().*c.handler)(nullptr, 0);
+        EXPECT_EQ(ManagerLines(Logs()), Lines(c.nullLog)) << "null message";
+        Logs().Clear();
+        Deliver(c.handler, std::vector<char>(10, '\x7F'));
+        EXPECT_EQ(ManagerLines(Logs()), Lines(c.shortLog)) << "10 bytes";
+        for (long wrong : {c.headLength - 1L, c.headLength + 1L, 0L}) {
+            if (c.headLength == 0) {
+                break;
+            }
+            Logs().Clear();
+            Call(c.handler, c.valid, wrong);
+            char text[96] = {};
+            snprintf(text, sizeof(text), c.wrongLog == nullptr ? "" : c.wrongLog,
+                     static_cast<int>(wrong));
+            EXPECT_EQ(ManagerLines(Logs()), Lines(c.wrongLog == nullptr ? nullptr : text)) << wrong;
         }
-        EXPECT_EQ(ManagerLines(Logs()), expected);
+        EXPECT_EQ(Snapshot(M()), before);
+        Logs().Clear();
+        Call(c.handler, c.valid);
+        if (c.validLog != nullptr) {
+            EXPECT_EQ(Logs().Count(c.validLog), 1u) << c.validLog;
+        }
+        EXPECT_EQ(Snapshot(M()) != before, c.changes);
     }
-    EXPECT_EQ(Snapshot(M()), before);
 }
 
-const HeadLengthCase kHeadLengthCases[] = {
-    {"DebugLevel", &CPeripheralManage::OnSetDebugLevel, 8, nullptr},
-    {"DigitalVideoLoss", &CPeripheralManage::OnUpdataDigitalVideoLossStatus, 6,
-     "S_MANAGE: Update IPC video loss failed msgerror=%d\n"},
-    {"VideoLoss", &CPeripheralManage::OnUpdataVideoLossStatus, 4,
-     "S_MANAGE: Update video loss failed msgerror=%d\n"},
-    {"Led", &CPeripheralManage::OnUpdateLedState, 16,
-     "S_MANAGE: Update Led panel state msgerror=%d\n"},
-};
-
-INSTANTIATE_TEST_SUITE_P(Manager, HeadLengthTest, ::testing::ValuesIn(kHeadLengthCases),
-                         [](const auto& info) { return std::string(info.param.name); });
-
-// ---- valid messages ------------------------------------------------------------------------
-
-TEST_F(ManagerHandlerTest, DebugLevelNeedsItsMarker) {
-    Call(&CPeripheralManage::OnSetDebugLevel, 10, {0x00, 0x1A, 0x05, 0x00, 0, 0, 0, 0});
-    EXPECT_EQ(M().GetDebugLevel(), 5u);
-    EXPECT_EQ(ManagerLines(Logs()), std::vector<std::string>{"S_MANAGE: Set debug level = 5\n"});
-
-    Logs().Clear();
-    Call(&CPeripheralManage::OnSetDebugLevel, 10, {0x01, 0x1A, 0x07, 0x00, 0, 0, 0, 0});
-    EXPECT_EQ(M().GetDebugLevel(), 5u);
-    EXPECT_TRUE(ManagerLines(Logs()).empty());
-}
-
-TEST_F(ManagerHandlerTest, DeviceModuleReadyIsBitZero) {
-    Call(&CPeripheralManage::OnDeviceModuleComplete, 1150, {0x03});
-    EXPECT_EQ(M().m_ucDeviceModuleReady, 1);
-    EXPECT_EQ(Logs().Count("S_MANAGE: DeviceManage module init state = 0x3\n"), 1u);
-    Call(&CPeripheralManage::OnDeviceModuleComplete, 1150, {0x02});
-    EXPECT_EQ(M().m_ucDeviceModuleReady, 0);
-    Call(&CPeripheralManage::OnDeviceModuleComplete, 1150, {});  // the head alone reads as 0
-    EXPECT_EQ(M().m_ucDeviceModuleReady, 0);
-}
-
-TEST_F(ManagerHandlerTest, IpcChangeAsksForVideoLossAgain) {
-    M().m_nStatusState = 0x07;
-    Call(&CPeripheralManage::OnUpdataIPCSetting, 320, Zeros(408));
-    EXPECT_EQ(M().m_nParamState & PARAM_STATE_IPC, 0);
-    EXPECT_EQ(M().m_nStatusState, 0x07u) << "an unchanged setting leaves the states alone";
-
-    std::vector<uint8_t> ipc(408, 0);
-    ipc[407] = 1;
-    Call(&CPeripheralManage::OnUpdataIPCSetting, 320, ipc);
-    EXPECT_EQ(M().m_nStatusState, static_cast<uint32_t>(STATUS_STATE_LED));
-    EXPECT_EQ(memcmp(M().m_stuIpcSetting, ipc.data(), ipc.size()), 0);
-    EXPECT_EQ(Logs().Count("S_MANAGE: IPC param has changed, and re get video loss state\n"), 1u);
-}
-
-// Channel 0 is a digital channel with protocol 5, channel 1 one with protocol 7.
-void SetDigitalChannels(TestManage& m) {
-    m.m_stuIpcSetting[8] = 1;
-    m.m_stuIpcSetting[8 + 6] = 5;
-    m.m_stuIpcSetting[208] = 1;
-    m.m_stuIpcSetting[208 + 6] = 7;
-}
-
-TEST_F(ManagerHandlerTest, DigitalVideoLossFollowsMatchingProtocols) {
-    SetDigitalChannels(M());
-    ASSERT_EQ(M().m_nTotalChnNum, 8u);
+TEST_F(ManagerHandlerTest, VideoLossFollowsTheIpcChannels) {
+    // Channel 0 is digital with protocol 5, channel 1 digital with protocol 7.
+    M().m_stuIpcSetting[8] = 1;
+    M().m_stuIpcSetting[8 + 6] = 5;
+    M().m_stuIpcSetting[208] = 1;
+    M().m_stuIpcSetting[208 + 6] = 7;
     M().m_nVideoLossState = 0x80;  // channel 7 has no IPC entry: nothing here changes it
-    // Head length 6: protocols of channels 0-3 at data bytes 0-3, states at 4 and on.
-    Call(&CPeripheralManage::OnUpdataDigitalVideoLossStatus, 1284, {5, 9, 0, 0, 1, 1});
+    // Protocols of channels 0-3 at data bytes 0-3, their states at 4 and on.
+    Call(&CPeripheralManage::OnUpdataDigitalVideoLossStatus, {5, 9, 0, 0, 1, 1});
     EXPECT_EQ(M().GetCurVideoLossState(), 0x81u) << "channel 1 has another protocol";
-    EXPECT_TRUE(M().m_nStatusState & STATUS_STATE_DIGITAL_VLOSS);
-
-    Call(&CPeripheralManage::OnUpdataDigitalVideoLossStatus, 1284, {5, 7, 0, 0, 0, 1});
+    Call(&CPeripheralManage::OnUpdataDigitalVideoLossStatus, {5, 7, 0, 0, 0, 1});
     EXPECT_EQ(M().GetCurVideoLossState(), 0x82u);
+    Call(&CPeripheralManage::OnUpdataVideoLossStatus, {0xFD, 0xFF, 0xFF, 0xFF});
+    EXPECT_EQ(M().GetCurVideoLossState(), 0x8Eu) << "0, 1 digital; 4 on not analogue";
+
+    // A changed IPC setting asks for both video-loss states again; an unchanged one does not.
+    M().m_nStatusState = 0x07;
+    const uint8_t* ipc = M().m_stuIpcSetting;
+    Call(&CPeripheralManage::OnUpdataIPCSetting, std::vector<uint8_t>(ipc, ipc + 408));
+    EXPECT_EQ(M().m_nStatusState, 0x07u);
+    Call(&CPeripheralManage::OnUpdataIPCSetting, std::vector<uint8_t>(408, 0));
+    EXPECT_EQ(M().m_nStatusState, static_cast<uint32_t>(STATUS_STATE_LED));
 }
 
-TEST_F(ManagerHandlerTest, AnalogueVideoLossKeepsDigitalChannels) {
-    SetDigitalChannels(M());
-    Call(&CPeripheralManage::OnUpdataDigitalVideoLossStatus, 1284, {5, 0, 0, 0, 1, 0});
-    ASSERT_EQ(M().GetCurVideoLossState(), 0x01u);
-
-    Call(&CPeripheralManage::OnUpdataVideoLossStatus, 1052, {0xFE, 0xFF, 0xFF, 0xFF});
-    EXPECT_EQ(M().GetCurVideoLossState(), 0x0Du) << "channel 1 is digital, 4 and up not analogue";
-    EXPECT_TRUE(M().m_nStatusState & STATUS_STATE_VLOSS);
-
-    Call(&CPeripheralManage::OnUpdataVideoLossStatus, 1052, {0, 0, 0, 0});
-    EXPECT_EQ(M().GetCurVideoLossState(), 0x01u);
-}
-
-TEST_F(ManagerHandlerTest, LedStateTakesTenBytes) {
+TEST_F(ManagerHandlerTest, LedStateTakesTenBytesAndTheSdLedFollowsAUsableDisk) {
     M().m_stuSysLedState[10] = 0xAA;
     M().m_stuSysLedState[11] = 0xBB;
-    std::vector<uint8_t> led(16);
-    for (size_t i = 0; i < led.size(); ++i) {
-        led[i] = static_cast<uint8_t>(i + 1);
-    }
-    Call(&CPeripheralManage::OnUpdateLedState, 1122, led);
-    uint8_t out[12] = {};
-    M().GetCurSysLedState(out);
+    Call(&CPeripheralManage::OnUpdateLedState, Counting(16));
+    uint8_t led[12] = {};
+    M().GetCurSysLedState(led);
     const uint8_t expected[12] = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 0xAA, 0xBB};
-    EXPECT_EQ(memcmp(out, expected, sizeof(out)), 0);
-    EXPECT_TRUE(M().m_nStatusState & STATUS_STATE_LED);
-    EXPECT_EQ(Logs().Count("S_MANAGE: Update Led state, record = 1, net = 2, err = 3, gps = 4, "
-                           "alarm = 5, vloss = 6, hdd = 7, sd = 8, sys = 9\n"),
-              1u);
-    M().GetCurSysLedState(nullptr);
-}
+    EXPECT_EQ(memcmp(led, expected, sizeof(led)), 0);
 
-struct Disk {
-    uint8_t state, type, valid;
-};
-
-struct StorageCase {
-    const char* name;
-    Disk disk0, disk1;
-    uint8_t sd;
-};
-
-void PrintTo(const StorageCase& c, std::ostream* os) {
-    *os << c.name;
-}
-
-class StorageTest : public ManagerHandlerTest, public ::testing::WithParamInterface<StorageCase> {};
-
-TEST_P(StorageTest, SdLedFollowsUsableDisk) {
-    const StorageCase& c = GetParam();
-    M().m_stuSysLedState[7] = c.sd ? 0 : 1;
-    std::vector<uint8_t> status(32, 0);
-    for (int i = 0; i < 32; ++i) {
-        status[i] = static_cast<uint8_t>(0x40 + i);
+    const struct {
+        uint8_t state, type, valid;  // of disk 1; disk 0 is absent
+        uint8_t sd;
+    } disks[] = {{2, 1, 1, 1}, {6, 1, 1, 1}, {3, 1, 1, 0}, {5, 2, 1, 0}, {5, 1, 2, 0}};
+    for (const auto& d : disks) {
+        std::vector<uint8_t> status(32, 0);
+        status[28] = d.state;
+        status[30] = d.type;
+        status[31] = d.valid;
+        Call(&CPeripheralManage::OnUpdataStorageStatus, status);
+        EXPECT_EQ(M().m_stuSysLedState[7], d.sd) << int(d.state) << int(d.type) << int(d.valid);
     }
-    const Disk disks[] = {c.disk0, c.disk1};
-    for (int i = 0; i < 2; ++i) {
-        status[24 + 4 * i] = disks[i].state;
-        status[24 + 4 * i + 2] = disks[i].type;
-        status[24 + 4 * i + 3] = disks[i].valid;
-    }
-    Call(&CPeripheralManage::OnUpdataStorageStatus, 2053, status);
-    EXPECT_EQ(M().m_stuSysLedState[7], c.sd);
-    EXPECT_EQ(memcmp(M().m_stuStorageStatus, status.data(), status.size()), 0);
-    char text[96];
     // valid and i are printed swapped against their labels.
-    snprintf(text, sizeof(text), "S_MANAGE: i = %d, valid = 0, type = %d, state = %d\n",
-             c.disk0.valid, c.disk0.type, c.disk0.state);
-    EXPECT_EQ(Logs().Count(text), 1u) << text;
+    EXPECT_EQ(Logs().Count("S_MANAGE: i = 2, valid = 1, type = 1, state = 5\n"), 1u);
 }
-
-const StorageCase kStorageCases[] = {
-    {"NoDisk", {0, 0, 0}, {0, 0, 0}, 0},           {"FirstDiskState2", {2, 1, 1}, {0, 0, 0}, 1},
-    {"SecondDiskState5", {0, 0, 0}, {5, 1, 1}, 1}, {"State6", {6, 1, 1}, {0, 0, 0}, 1},
-    {"OtherState", {3, 1, 1}, {4, 1, 1}, 0},       {"OtherType", {2, 2, 1}, {0, 0, 0}, 0},
-    {"NotValid", {2, 1, 0}, {5, 1, 2}, 0},
-};
-
-INSTANTIATE_TEST_SUITE_P(Manager, StorageTest, ::testing::ValuesIn(kStorageCases),
-                         [](const auto& info) { return std::string(info.param.name); });
-
-struct VehicleCase {
-    const char* name;
-    uint32_t first, second;
-    uint8_t flags;
-    uint8_t led10;  // LED byte 10 afterwards (it was 1)
-};
-
-void PrintTo(const VehicleCase& c, std::ostream* os) {
-    *os << c.name;
-}
-
-class VehicleTest : public ManagerHandlerTest, public ::testing::WithParamInterface<VehicleCase> {};
-
-TEST_P(VehicleTest, LedByteTenRule) {
-    const VehicleCase& c = GetParam();
-    M().m_stuSysLedState[10] = 1;
-    std::vector<uint8_t> info(56, 0x21);
-    for (int i = 0; i < 4; ++i) {
-        info[i] = static_cast<uint8_t>(c.first >> (8 * i));
-        info[48 + i] = static_cast<uint8_t>(c.second >> (8 * i));
-    }
-    info[52] = c.flags;
-    Call(&CPeripheralManage::OnUpdateDeviceVehicleInfo, 1081, info);
-    EXPECT_EQ(M().m_stuSysLedState[10], c.led10);
-    EXPECT_EQ(memcmp(M().m_stuVehicleInfo, info.data(), info.size()), 0);
-}
-
-const VehicleCase kVehicleCases[] = {
-    {"BothSetNoFlags", 0x08, 0x08, 0x00, 0}, {"BothSetHighWords", 0x1008, 0x80000008, 0x01, 0},
-    {"FlagFourAlone", 0x08, 0x08, 0x10, 1},  {"FlagsFourAndThree", 0x08, 0x08, 0x18, 0},
-    {"FirstClear", 0x07, 0x08, 0x00, 1},     {"SecondClear", 0x08, 0xF7, 0x00, 1},
-};
-
-INSTANTIATE_TEST_SUITE_P(Manager, VehicleTest, ::testing::ValuesIn(kVehicleCases),
-                         [](const auto& info) { return std::string(info.param.name); });
-
-TEST_F(ManagerHandlerTest, FtpSettingIsKeptWhole) {
-    std::vector<uint8_t> ftp(416);
-    for (size_t i = 0; i < ftp.size(); ++i) {
-        ftp[i] = static_cast<uint8_t>(i * 7);
-    }
-    Call(&CPeripheralManage::OnGetFtpParam, 284, ftp);
-    EXPECT_EQ(M().m_nParamState & PARAM_STATE_FTP, 0);
-    tag_MsgFtpSetting out{};
-    M().GetFtpParam(out);
-    EXPECT_EQ(memcmp(out.data, ftp.data(), ftp.size()), 0);
-    EXPECT_EQ(Logs().Count("S_MANAGE: FTP param changed\n"), 1u);
-}
-
-// ---- the co-processor's tty ----------------------------------------------------------------
-
-struct CpxCase {
-    const char* name;
-    int productType;
-    const char* cpxPath;  // nullptr: the product shares no tty
-};
-
-void PrintTo(const CpxCase& c, std::ostream* os) {
-    *os << c.name;
-}
-
-class CpxTest : public ::testing::TestWithParam<CpxCase> {
-protected:
-    CpxTest() : m_env(kFullConfig, SystemConfig(GetParam().productType)) {}
-    ManagerEnv m_env;
-};
-
-TEST_P(CpxTest, OccupancyFollowsTheReleaseOfItsOwnTty) {
-    const CpxCase& c = GetParam();
-    TestManage manage;
-    const std::vector<std::string> paths = {"/dev/ttyAMA1", "/dev/ttyAMA3", "/dev/ttyAMA1x", ""};
-    auto occupied = [&](const std::string& path) { return manage.CheckCpxOccupancySerial(path); };
-    for (const std::string& path : paths) {
-        EXPECT_EQ(occupied(path), c.cpxPath != nullptr && path == c.cpxPath ? 1 : 0) << path;
-    }
-    for (const std::string& path : paths) {
-        if (c.cpxPath != nullptr && path == c.cpxPath) {
-            continue;
-        }
-        const std::vector<char> msg = Message(1151, path.c_str(), path.size() + 1);
-        manage.OnDeviceModuleReleaseSerial(msg.data(), static_cast<int>(msg.size()));
-    }
-    EXPECT_EQ(manage.m_ucCpxOccupy.load(), 1) << "another tty's release";
-    if (c.cpxPath == nullptr) {
-        return;
-    }
-    // Sent without its terminating NUL: the end of the message ends the text.
-    const std::vector<char> msg = Message(1151, c.cpxPath, strlen(c.cpxPath));
-    manage.OnDeviceModuleReleaseSerial(msg.data(), static_cast<int>(msg.size()));
-    EXPECT_EQ(occupied(c.cpxPath), 0);
-    char text[160];
-    snprintf(text, sizeof(text),
-             "S_MANAGE: DeviceManage broadcast cpx release serial, product_type = %d, path = %s, "
-             "cpx_occupy = 0\n",
-             c.productType, c.cpxPath);
-    EXPECT_EQ(m_env.Logs().Count(text), 1u) << text;
-}
-
-TEST_P(CpxTest, ReleaseBroadcastOnlyForItsOwnTty) {
-    const CpxCase& c = GetParam();
-    Recorder recorder({6724, 9000});
-    TestManage manage;
-    for (const char* path : {"/dev/ttyAMA1", "/dev/ttyAMA3", "/dev/ttyAMA2"}) {
-        manage.BroadcastCpxSerialRelease(path);
-    }
-    // Messages of one sender arrive in order: once this is in, every broadcast is.
-    manage.GetMsgClient()->MSGSendMessage(0, 9000, 0, nullptr, 0, 10);
-    ASSERT_TRUE(recorder.WaitCount(9000, 1));
-
-    const auto events = recorder.Events();
-    std::vector<std::vector<char>> broadcasts;
-    for (const auto& event : events) {
-        if (event.id == 6724) {
-            broadcasts.emplace_back(event.message.begin() + 16, event.message.end());
-        }
-    }
-    if (c.cpxPath == nullptr) {
-        EXPECT_TRUE(broadcasts.empty());
-        return;
-    }
-    ASSERT_EQ(broadcasts.size(), 1u);
-    std::vector<char> expected(28, 0);
-    memcpy(expected.data(), c.cpxPath, strlen(c.cpxPath));
-    EXPECT_EQ(broadcasts[0], expected);
-}
-
-const CpxCase kCpxCases[] = {
-    {"Product6", 6, "/dev/ttyAMA1"},
-    {"Product14", 14, "/dev/ttyAMA3"},
-    {"Product0", 0, nullptr},
-    {"Product18", 18, nullptr},
-};
-
-INSTANTIATE_TEST_SUITE_P(Manager, CpxTest, ::testing::ValuesIn(kCpxCases),
-                         [](const auto& info) { return std::string(info.param.name); });
-
-// ---- power-down ----------------------------------------------------------------------------
-
-TEST_F(ManagerHandlerTest, PowerdownAsksForSerialSettingOnlyInSelfTest) {
-    Recorder recorder({315, 9000});
-    M().OnProcessPowerdown(nullptr, 0);
-    EXPECT_EQ(Logs().Count(" m_ucTestEnable=0\n"), 1u);
-    M().m_ucTestEnable = 1;
-    M().OnProcessPowerdown(nullptr, 0);
-    EXPECT_EQ(Logs().Count(" m_ucTestEnable=1\n"), 1u);
-    M().GetMsgClient()->MSGSendMessage(0, 9000, 0, nullptr, 0, 10);
-    ASSERT_TRUE(recorder.WaitCount(9000, 1));
-    EXPECT_EQ(recorder.Ids(), (std::vector<int>{315, 9000}));
-    const auto events = recorder.Events();
-    EXPECT_EQ(events[0].message.size(), 16u) << "no payload";
-}
-
-// ---- the answer about upgrading peripherals ------------------------------------------------
 
 TEST_F(ManagerHandlerTest, UpgradingPeripheralsAnswerHoldsAtMostFour) {
     constexpr int kRequest = 7300;
-    Recorder recorder({kRequest | 0x8000});
-    for (unsigned int id = 30; id < 36; ++id) {
-        auto* probe = new ProbePeripheral(&M(), PERIPHERAL_TYPE_SERIAL, id, id - 29);
-        probe->SetUpgrading(id != 31);
-        M().AddInstance(probe);
+    service.Watch(kRequest | 0x8000);
+    for (unsigned id = 30; id < 36; ++id) {
+        auto* p =
+            new CPeripheralBase(&M(), M().GetMsgClient(), PERIPHERAL_TYPE_SERIAL, id, id - 29);
+        p->SetUpgrading(id != 31);
+        M().AddInstance(p);
     }
-    M().AddInstance(new ProbePeripheral(&M(), PERIPHERAL_TYPE_CANPORT, 40, 0));
-
+    M().AddInstance(new CPeripheralBase(&M(), M().GetMsgClient(), PERIPHERAL_TYPE_CANPORT, 40, 0));
     std::vector<char> request = Message(kRequest, std::vector<uint8_t>{2, 0});
-    request[8] = 0x5A;  // the sequence number the answer must carry back
-    M().OnGetUpgradingPeripInfo(request.data(), static_cast<int>(request.size()));
-    ASSERT_TRUE(recorder.WaitCount(kRequest | 0x8000, 1));
-
-    const std::vector<char> answer = recorder.Events()[0].message;
-    ASSERT_EQ(answer.size(), 16u + 52u);
-    EXPECT_EQ(answer[8], 0x5A);
-    const std::vector<uint8_t> expected = {0, 30, 1, 0, 0, 0, 0, 0, 0,  //
-                                           0, 32, 3, 0, 0, 0, 0, 0, 0,  //
-                                           0, 33, 4, 0, 0, 0, 0, 0, 0,  //
-                                           0, 34, 5, 0, 0, 0, 0, 0, 0,  //
-                                           2, 4};                       // source, count
-    EXPECT_EQ(std::vector<uint8_t>(answer.begin() + 16, answer.begin() + 16 + 38), expected);
-    EXPECT_EQ(std::vector<char>(answer.begin() + 16 + 38, answer.end()), std::vector<char>(14, 0));
+    request[8] = 0x5A;  // the sequence number the answer carries back
+    Deliver(&CPeripheralManage::OnGetUpgradingPeripInfo, request);
+    ASSERT_TRUE(service.WaitCount(kRequest | 0x8000, 1));
+    const pmtest::BusMessage answer = service.Received(kRequest | 0x8000)[0];
+    EXPECT_EQ(answer.head.nSeq, 0x5Au);
+    std::vector<uint8_t> expected(52, 0);
+    const uint8_t entries[] = {30, 1, 32, 3, 33, 4, 34, 5};  // main and sub ids
+    for (int i = 0; i < 4; ++i) {
+        expected[9 * i + 1] = entries[2 * i];
+        expected[9 * i + 2] = entries[2 * i + 1];
+    }
+    expected[36] = 2;  // source
+    expected[37] = 4;  // count
+    EXPECT_EQ(answer.payload, expected);
     EXPECT_EQ(Logs().Count("S_MANAGE: Upgrading peripheral list full, skip mainId = 35"), 1u);
-
     // An unknown source or type gets no answer.
-    M().OnGetUpgradingPeripInfo(Message(kRequest, std::vector<uint8_t>{4, 0}).data(), 18);
-    M().OnGetUpgradingPeripInfo(Message(kRequest, std::vector<uint8_t>{0, 3}).data(), 18);
-    EXPECT_EQ(Logs().Count("S_MANAGE: Get upgrading peripheral, type = 3, source = 0\n"), 1u);
+    Call(&CPeripheralManage::OnGetUpgradingPeripInfo, {4, 0});
+    Call(&CPeripheralManage::OnGetUpgradingPeripInfo, {0, 3});
+    ASSERT_TRUE(service.Flush());
+    EXPECT_EQ(service.Count(kRequest | 0x8000), 1u);
 }
 
 }  // namespace
-}  // namespace mgrtest
