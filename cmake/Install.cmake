@@ -13,7 +13,8 @@ configure_package_config_file(${CMAKE_SOURCE_DIR}/cmake/BasicServiceConfig.cmake
   INSTALL_DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/BasicService)
 write_basic_package_version_file(${CMAKE_BINARY_DIR}/BasicServiceConfigVersion.cmake
   COMPATIBILITY SameMajorVersion)
-install(FILES ${CMAKE_BINARY_DIR}/BasicServiceConfig.cmake
+install(FILES ${CMAKE_SOURCE_DIR}/cmake/plugin-exports.map
+              ${CMAKE_BINARY_DIR}/BasicServiceConfig.cmake
               ${CMAKE_BINARY_DIR}/BasicServiceConfigVersion.cmake
         DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/BasicService)
 

@@ -18,18 +18,27 @@ if(SANITIZE)
   add_link_options(-fsanitize=${SANITIZE})
 endif()
 
-# pm_add_plugin(<name> <kind> [NO_INSTALL] <sources...>)
-# Plug-ins are built into plugin/<kind>/, installed into the prefix's plugin/<kind>/ (unless
-# NO_INSTALL: the tests' own plug-ins) and find the libraries two levels up.
+# pm_add_plugin(<name> <kind> [NO_INSTALL] [ALLOW_UNDEFINED] <sources...>)
+# Plug-ins are built into plugin/<kind>/, link the SDK, export their two entry points only,
+# find the libraries two levels up and are installed into the prefix's plugin/<kind>/ (unless
+# NO_INSTALL: the tests' own plug-ins). Undefined symbols are link errors unless
+# ALLOW_UNDEFINED (a test plug-in that dlopen must refuse).
+set(PM_PLUGIN_EXPORTS ${CMAKE_CURRENT_LIST_DIR}/plugin-exports.map)
 function(pm_add_plugin name kind)
-  cmake_parse_arguments(P "NO_INSTALL" "" "" ${ARGN})
+  cmake_parse_arguments(P "NO_INSTALL;ALLOW_UNDEFINED" "" "" ${ARGN})
   add_library(${name} MODULE ${P_UNPARSED_ARGUMENTS})
+  target_link_libraries(${name} PRIVATE BasicService::SDK)
+  target_link_options(${name} PRIVATE -Wl,--version-script=${PM_PLUGIN_EXPORTS})
+  if(NOT P_ALLOW_UNDEFINED)
+    target_link_options(${name} PRIVATE -Wl,--no-undefined)
+  endif()
   set_target_properties(${name} PROPERTIES
     PREFIX "lib"
     LIBRARY_OUTPUT_DIRECTORY ${PM_PLUGIN_OUTPUT_DIRECTORY}/${kind}
     INSTALL_RPATH "$ORIGIN/../../lib"
     CXX_VISIBILITY_PRESET hidden
-    VISIBILITY_INLINES_HIDDEN ON)
+    VISIBILITY_INLINES_HIDDEN ON
+    LINK_DEPENDS ${PM_PLUGIN_EXPORTS})
   if(NOT P_NO_INSTALL)
     install(TARGETS ${name} LIBRARY DESTINATION ${PM_INSTALL_PLUGINDIR}/${kind})
   endif()
