@@ -5,9 +5,13 @@
 #include <dlfcn.h>
 #include <stdio.h>
 #include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include <atomic>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -33,6 +37,7 @@ const char* const kConfig = R"({
     {"DEV_SERIAL_FUNCID": 43, "DEV_SERIAL_LIB_NAME": "libTestDup"},
     {"DEV_SERIAL_FUNCID": 44, "DEV_SERIAL_LIB_NAME": "libTestUnloadable"},
     {"DEV_SERIAL_FUNCID": 45, "DEV_SERIAL_LIB_NAME": "libTestMissingFile"},
+    {"DEV_SERIAL_FUNCID": 46, "DEV_SERIAL_LIB_NAME": "libTestThrowCreate"},
     {"DEV_SERIAL_FUNCID": 1, "DEV_SERIAL_LIB_NAME": "libTestSerialProbe"},
     {"DEV_SERIAL_FUNCID": 149, "DEV_SERIAL_LIB_NAME": "libTestSerialProbe"}],
   "DEVICE_CANPORT_SETTING": [{"DEV_CANPORT_FUNCID": 12, "DEV_CANPORT_LIB_NAME": "libTestCanProbe",
@@ -157,6 +162,11 @@ INSTANTIATE_TEST_SUITE_P(
                  "S_MANAGE: Cannot load plugin, name = ../plugin/serial/libTestUnloadable.so, "
                  "err : ",
                  "libTestUnloadable.so", false, false, nullptr},
+        // What a factory throws stays in the loader; the library is named at level 0.
+        LoadCase{"CreatorThrows", 46, 0,
+                 "S_MANAGE: Plugin factory threw, name = libTestThrowCreate, type = 0, mainId = "
+                 "46, subId = 0, what = no device on this port",
+                 "libTestThrowCreate.so", true, false, "TEST_PLUGIN: throw-create"},
         LoadCase{"NoFileMatches", 45, 0, "S_MANAGE: lib [libTestMissingFile] load finish", nullptr,
                  false, false, nullptr},
         LoadCase{"NotConfigured", 99, -1,
@@ -222,6 +232,97 @@ TEST_F(LoaderTest, ARecordWithoutInstanceIsTakenFirst) {
     EXPECT_TRUE(
         Logged("S_MANAGE: Close Dll success, type = 0, mainID = 77, subId = 0, name = ghost"));
     EXPECT_EQ(service.Logs().Count("TEST_PLUGIN: release"), 0u);
+}
+
+TEST_F(LoaderTest, AFactoryThrowingAnythingIsANullInstance) {
+    EXPECT_EQ(Create(46, 1), 0);
+    EXPECT_TRUE(
+        Logged("S_MANAGE: Plugin factory threw, name = libTestThrowCreate, type = 0, "
+               "mainId = 46, subId = 1, what = (not a std::exception)"));
+    EXPECT_TRUE(Logged("S_MANAGE: Create new instance failed, type = 0, mainId = 46, subId = 1"));
+
+    // Within a switch as well: the switch fails with its own text and keeps the record.
+    ASSERT_EQ(Create(7, 1), 0);
+    PeripheralProperty_t& record = service.Manager().m_listPeripheralPlugin.back();
+    void* thrower = dlopen("../plugin/serial/libTestThrowCreate.so", RTLD_LAZY);
+    ASSERT_NE(thrower, nullptr);
+    record.pCreate = reinterpret_cast<PeripheralCreateFn>(dlsym(thrower, "PeripheralCreate"));
+    EXPECT_EQ(service.Manager().SwitchPeripheralInSameLib(7, 1, 2), -1);
+    EXPECT_TRUE(
+        Logged("S_MANAGE: Switch instance failed, [Create ptr is NULL], mainId = 7, "
+               "oldSubID = 1, newSubID = 2, name = libTestSerialProbe"));
+    EXPECT_FALSE(Logged("S_MANAGE: Create new instance failed, type = 0, mainId = 7"));
+    EXPECT_EQ(service.Manager().LiveIds(), std::vector<std::string>{"none"});
+    dlclose(thrower);
+}
+
+// Entries that match the configured name but cannot be a library are passed over: dlopen
+// of a FIFO would never return.
+TEST_F(LoaderTest, OnlyRegularFilesOrLinksToThemAreLoaded) {
+    const std::string tag = "libTestOdd" + std::to_string(getpid());
+    const std::string dir = "../plugin/serial/";
+    const std::string fifo = dir + tag + "Fifo.so";
+    const std::string folder = dir + tag + "Dir.so";
+    const std::string link = dir + tag + "Link.so";
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    ASSERT_EQ(mkdir(folder.c_str(), 0700), 0);
+    service.Manager().m_mapPeripheralLibName[PERIPHERAL_TYPE_SERIAL][47] = tag;
+    EXPECT_EQ(Create(47), 0);
+    EXPECT_TRUE(Logged("S_MANAGE: Skip plugin entry, not a regular file, path = " + fifo));
+    EXPECT_TRUE(Logged("S_MANAGE: Skip plugin entry, not a regular file, path = " + folder));
+    EXPECT_TRUE(service.Manager().m_listPeripheralPlugin.empty());
+
+    ASSERT_EQ(symlink("libTestSerialProbe.so", link.c_str()), 0);
+    EXPECT_EQ(Create(47), 0);
+    EXPECT_TRUE(Logged("S_MANAGE: Find lib success, begin to open, dir = " + link));
+    EXPECT_EQ(service.Manager().LiveIds(), std::vector<std::string>{"0:47:0"});
+    unlink(fifo.c_str());
+    rmdir(folder.c_str());
+    unlink(link.c_str());
+}
+
+// Teardown hands a releaser only instances: a third-party releaser need not check for null.
+TEST(LoaderTeardown, ARecordWithoutInstanceIsNotReleased) {
+    static int nullReleases = 0;
+    static int releases = 0;
+    {
+        ServiceHarness service{kConfig};
+        ASSERT_EQ(service.Manager().CreatePeripheralInstance(PERIPHERAL_TYPE_SERIAL, 7, 1), 0);
+        PeripheralProperty_t& probe = service.Manager().m_listPeripheralPlugin.front();
+        probe.pRelease = [](CPeripheralBase* instance) {
+            ++(instance == nullptr ? nullReleases : releases);
+            delete instance;
+        };
+        service.Manager().m_listPeripheralPlugin.push_back(
+            {nullptr, probe.pCreate, probe.pRelease, "ghost", nullptr});
+    }
+    EXPECT_EQ(releases, 1);
+    EXPECT_EQ(nullReleases, 0);
+}
+
+// Initialize walks the records (dropping one without instance) before the manager thread
+// runs: a setting handled at once on that thread appends to the same list. ThreadSanitizer
+// sees the two meet when the walk comes after the start.
+TEST(LoaderStart, RecordsAreWalkedBeforeTheManagerThreadRuns) {
+    ServiceHarness service{kConfig};
+    service.Manager().m_listPeripheralPlugin.push_back(
+        {nullptr, nullptr, nullptr, "ghost", nullptr});
+    const auto setting = Bytes(SerialSetting({{0, 7, 0, 3}}));
+    std::atomic<bool> created{false};
+    std::thread recorder([&] {
+        while (!created.load()) {  // whatever arrives before the registration is lost
+            service.Send(316, setting);
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+    });
+    service.Start(true);
+    EXPECT_TRUE(service.Logs().WaitFor(Journal("init", 7, 0)));
+    created = true;
+    recorder.join();
+    EXPECT_TRUE(
+        service.Logs().Contains("S_MANAGE: Periphral Plugin[ghost] Is NULL, and delete it"));
+    service.Manager().Stop();
+    EXPECT_EQ(service.Manager().LiveIds(), std::vector<std::string>{"0:7:0"});
 }
 
 // ---- look-ups in the kept parameter records ----

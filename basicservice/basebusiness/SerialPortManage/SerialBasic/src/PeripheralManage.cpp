@@ -6,15 +6,18 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <exception>
 #include <memory>
 
 #include "BusMessage.h"
 #include "CommonLog.h"
 #include "CommonTime.h"
 #include "PeripheralBase.h"
+#include "SerialBase.h"
 #include "SerialDevExtendBox.h"
 #include "SerialDevExtendBoxHub.h"
 #include "SerialDevOperate.h"
@@ -238,6 +241,30 @@ void LogSerialProperty(const PeripheralProperty& p, size_t size) {
             static_cast<int>(size));
 }
 
+// A plug-in's factory is foreign code: whatever it throws must not cross into the service,
+// where nothing expects it and the process would end without naming the library.
+CPeripheralBase* CallCreator(PeripheralCreateFn create, CPeripheralManage* manage,
+                             CMsgClientManage* client, const std::string& name,
+                             ePeripheralType type, unsigned int mainId, unsigned int subId) {
+    const char* what = nullptr;
+    try {
+        return create(manage, client, mainId, subId);
+    } catch (const std::exception& e) {
+        PHM_LOG(0,
+                "S_MANAGE: Plugin factory threw, name = %s, type = %d, mainId = %d, subId = %d, "
+                "what = %s\n",
+                name.c_str(), type, mainId, subId, e.what());
+        return nullptr;
+    } catch (...) {
+        what = "(not a std::exception)";
+    }
+    PHM_LOG(0,
+            "S_MANAGE: Plugin factory threw, name = %s, type = %d, mainId = %d, subId = %d, "
+            "what = %s\n",
+            name.c_str(), type, mainId, subId, what);
+    return nullptr;
+}
+
 struct DirCloser {
     void operator()(DIR* dir) const { closedir(dir); }
 };
@@ -332,9 +359,10 @@ CPeripheralManage::~CPeripheralManage() {
     // The instances go before the device layer and the bus client: their releasers close
     // ports and unregister events through both.
     for (PeripheralProperty_t& record : m_listPeripheralPlugin) {
-        if (record.pRelease != nullptr) {
-            record.pRelease(record.pInstance);
-            record.pInstance = nullptr;
+        // A record a failed switch left behind has nothing to release; a plug-in's releaser
+        // need not expect null.
+        if (record.pRelease != nullptr && record.pInstance != nullptr) {
+            ReleaseInstance(record);
         }
         if (record.pLibHandle != nullptr) {
             dlclose(record.pLibHandle);
@@ -355,9 +383,7 @@ int CPeripheralManage::Initialize() {
         PHM_LOG(0, "S_MANAGE: @@@@@ No Peripheral......\n");
     }
     PhmMessageRegister();
-    Start(0);
-    m_pSerialDevOperate->serial_init();
-
+    // The records are the manager thread's once it runs: walk them before it starts.
     for (auto it = m_listPeripheralPlugin.begin(); it != m_listPeripheralPlugin.end();) {
         if (it->pInstance == nullptr) {
             PHM_LOG(0, "S_MANAGE: Periphral Plugin[%s] Is NULL, and delete it\n",
@@ -372,6 +398,8 @@ int CPeripheralManage::Initialize() {
                 it->pInstance->GetSubId(), it->strName.c_str());
         ++it;
     }
+    Start(0);
+    m_pSerialDevOperate->serial_init();
     return 0;
 }
 
@@ -693,6 +721,12 @@ int CPeripheralManage::OpenPeripheralLib(ePeripheralType type, unsigned int main
             result = -1;
             break;
         }
+        // dlopen of a FIFO or a device never returns; a directory cannot load either.
+        struct stat info;
+        if (stat(path, &info) != 0 || !S_ISREG(info.st_mode)) {
+            PHM_LOG(0, "S_MANAGE: Skip plugin entry, not a regular file, path = %s\n", path);
+            continue;
+        }
         PHM_LOG(2, "S_MANAGE: Find lib success, begin to open, dir = %s\n", path);
         result = LoadPeripheralLibFile(path, name, type, mainId, subId);
         break;
@@ -719,7 +753,7 @@ int CPeripheralManage::LoadPeripheralLibFile(const char* path, const std::string
     }
     PHM_LOG(2, "S_MANAGE: Find the lib so, then create it, type = %d, mainId = %d, subId = %d\n",
             type, mainId, subId);
-    CPeripheralBase* instance = create(this, m_pMsgClient, mainId, subId);
+    CPeripheralBase* instance = CallCreator(create, this, m_pMsgClient, name, type, mainId, subId);
     if (instance == nullptr) {
         PHM_LOG(0, "S_MANAGE: Create new instance failed, type = %d, mainId = %d, subId = %d\n",
                 type, mainId, subId);
@@ -734,6 +768,11 @@ int CPeripheralManage::LoadPeripheralLibFile(const char* path, const std::string
     }
     m_listPeripheralPlugin.push_back(PeripheralProperty_t{handle, create, release, name, instance});
     return 0;
+}
+
+void CPeripheralManage::ReleaseInstance(PeripheralProperty_t& record) {
+    record.pRelease(record.pInstance);
+    record.pInstance = nullptr;
 }
 
 int CPeripheralManage::LoadPeripheralPlugin(ePeripheralType type, unsigned int oldMainId,
@@ -778,14 +817,20 @@ int CPeripheralManage::SwitchPeripheralInSameLib(unsigned int mainId, unsigned i
                 mainId, oldSubId, newSubId, record->strName.c_str());
         return -1;
     }
+    const ePeripheralType type = record->pInstance != nullptr
+                                     ? record->pInstance->GetPeripheralType()
+                                     : PERIPHERAL_TYPE_SERIAL;
     if (record->pInstance != nullptr) {
-        record->pRelease(record->pInstance);
-        record->pInstance = nullptr;
+        ReleaseInstance(*record);
     }
-    record->pInstance = record->pCreate(this, m_pMsgClient, mainId, newSubId);
+    record->pInstance =
+        CallCreator(record->pCreate, this, m_pMsgClient, record->strName, type, mainId, newSubId);
     if (record->pInstance == nullptr) {
-        PHM_LOG(0, "S_MANAGE: Create new instance failed, type = %d, mainId = %d, subId = %d\n",
-                PERIPHERAL_TYPE_SERIAL, mainId, newSubId);
+        // The record stays without instance: nothing is rolled back.
+        PHM_LOG(0,
+                "S_MANAGE: Switch instance failed, [Create ptr is NULL], mainId = %d, oldSubID = "
+                "%d, newSubID = %d, name = %s\n",
+                mainId, oldSubId, newSubId, record->strName.c_str());
         return -1;
     }
     record->pInstance->Initialize();
@@ -817,7 +862,7 @@ int CPeripheralManage::RemovePeripheralInstance(ePeripheralType type, unsigned i
                 "%d, name = %s\n",
                 type, mainId, subId, name);
         if (record->pInstance != nullptr) {
-            record->pRelease(record->pInstance);
+            ReleaseInstance(*record);
         }
         record->pInstance = nullptr;
     } else {
