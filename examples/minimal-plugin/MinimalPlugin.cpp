@@ -16,22 +16,17 @@ namespace {
 
 class CMinimalPlugin : public CSerialBase {
 public:
-    // Manager thread. The serial base has found the port and opened it by now, so bytes may
-    // already be on their way.
+    // Manager thread. The serial base has found the port and opened it by now; what arrives
+    // waits until the manager has called Initialize() on the finished object.
     CMinimalPlugin(CPeripheralManage* manage, CMsgClientManage* client, unsigned int mainId,
                    unsigned int subId)
         : CSerialBase(manage, client, mainId, subId) {
-        // Taking the buffer lock once makes the reader thread see this object complete.
-        LockSerialBuffer();
-        ClearSerialBufferValue();
-        UnlockSerialBuffer();
         SetThreadCircleTime(1000);
         MINIMAL_LOG(1, "MINIMAL: created, mainId = %u, subId = %u, link = %d\n", mainId, subId,
                     GetSerialType());
     }
 
     ~CMinimalPlugin() override {
-        CloseMainChipSerial();  // first: no delivery may reach a half-destroyed object
         MINIMAL_LOG(1, "MINIMAL: released, mainId = %u, subId = %u\n", m_nMainId, m_nSubId);
     }
 

@@ -21,19 +21,11 @@ CGpsNmea::CGpsNmea(CPeripheralManage* manage, CMsgClientManage* client, unsigned
       m_nRejected(0),
       m_llLastSentenceTime(Common::Q7R_TMGetSystemMicroSecond()),
       m_bSilenceWarned(false) {
-    // The port may already deliver: start from an empty buffer, under its lock, so the
-    // reader thread sees this object complete before its first ProcessPeripheralData.
-    LockSerialBuffer();
-    ClearSerialBufferValue();
-    UnlockSerialBuffer();
     GPS_LOG(1, "GPS_NMEA: created, mainId = %d, subId = %d, link = %d, port = %s\n", mainId, subId,
             GetSerialType(), GetSerialName().c_str());
 }
 
-CGpsNmea::~CGpsNmea() {
-    // No delivery may reach this object while it is taken apart.
-    CloseMainChipSerial();
-}
+CGpsNmea::~CGpsNmea() = default;
 
 int CGpsNmea::PeripheralInitialize() {
     const PeripheralProperty& property = GetSerialProperty();

@@ -21,10 +21,6 @@ CLoopbackTest::CLoopbackTest(CPeripheralManage* manage, CMsgClientManage* client
       m_nWrong(0),
       m_nTimeouts(0),
       m_nSendErrors(0) {
-    // Under the buffer lock: the reader thread may deliver as soon as the port is open.
-    LockSerialBuffer();
-    ClearSerialBufferValue();
-    UnlockSerialBuffer();
     SetThreadCircleTime(kCycleMs);
     LOOP_LOG(1, "LOOPBACK: created, mainId = %d, subId = %d, link = %d, port = %s\n", mainId, subId,
              GetSerialType(), GetSerialName().c_str());
@@ -32,8 +28,6 @@ CLoopbackTest::CLoopbackTest(CPeripheralManage* manage, CMsgClientManage* client
 
 CLoopbackTest::~CLoopbackTest() {
     LogSummary();
-    // No delivery may reach this object while it is taken apart.
-    CloseMainChipSerial();
 }
 
 int CLoopbackTest::PeripheralInitialize() {

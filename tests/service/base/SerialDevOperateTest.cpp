@@ -4,6 +4,7 @@
 #include <string.h>
 #include <sys/ioctl.h>
 #include <termios.h>
+#include <unistd.h>
 
 #include <condition_variable>
 #include <filesystem>
@@ -358,6 +359,74 @@ TEST_F(SerialDevOperateTest, AHungUpPortNeitherSpinsNorStarvesTheOthers) {
     EXPECT_EQ(service.Logs().Count(failed), 1u) << "logged once, however often it is read";
     EXPECT_EQ(journal.BytesOf(1), "");
     EXPECT_TRUE(layer->serial_is_open(deadFd)) << "the port stays until its link closes it";
+}
+
+// A peer that stops reading fills the output queue: a write then gives up after a short
+// wait instead of holding its caller (the manager thread) for good.
+TEST_F(SerialDevOperateTest, AWriteToAFullOutputQueueIsDroppedAndCounted) {
+    Pty pty;
+    const int fd = OpenRaw(pty, 1);
+    const std::string chunk(1024, 'w');
+    int refused = 0;
+    for (int i = 0; i < 512 && refused < 3; ++i) {  // far more than a pty's queue holds
+        refused += layer->serial_write(fd, chunk.data(), chunk.size()) == -1 ? 1 : 0;
+    }
+    EXPECT_EQ(refused, 3);
+    EXPECT_EQ(service.Logs().Count("SERIAL_OPERATE: [WRITE] fd = " + std::to_string(fd) +
+                                   ", output queue full for 100 ms, 1024 bytes dropped, writes "
+                                   "dropped so far = 1\n"),
+              1u);
+    EXPECT_EQ(fcntl(fd, F_GETFL) & O_NONBLOCK, 0) << "the port stays blocking for the others";
+    EXPECT_EQ(pty.Receive(1024), chunk) << "what went out before is intact";
+}
+
+// A tty must never sit on a standard stream's number: it would take every printf, and the
+// reader never serves descriptor 0.
+TEST_F(SerialDevOperateTest, APortIsNeverGivenDescriptorZero) {
+    Pty first, second;
+    const int savedStdin = dup(STDIN_FILENO);  // -1: there was no stdin to begin with
+    close(STDIN_FILENO);
+    const int fd = OpenRaw(first, 1);
+    if (savedStdin >= 0) {
+        dup2(savedStdin, STDIN_FILENO);
+        close(savedStdin);
+    }
+    EXPECT_GE(fd, 3);
+    OpenRaw(second, 2);
+    ASSERT_EQ(layer->serial_init(), 0);
+    ASSERT_TRUE(first.Send("one"));
+    ASSERT_TRUE(second.Send("two"));
+    EXPECT_TRUE(WaitUntil([&] { return journal.BytesOf(1) == "one"; }));
+    EXPECT_TRUE(WaitUntil([&] { return journal.BytesOf(2) == "two"; }));
+}
+
+// A held owner's bytes wait in the kernel; let go, it gets them all, and at once.
+TEST_F(SerialDevOperateTest, AHeldOwnerGetsItsBytesOnlyOnceLetGo) {
+    Pty held, free;
+    RecordingSerial* owner = Owner(1);
+    layer->serial_hold_owner(owner);
+    const int heldFd = layer->serial_open(owner, held.SlavePath(), kOpenFlags);
+    ASSERT_GE(heldFd, 0);
+    ASSERT_EQ(layer->serial_set_property(heldFd, 0x0F, 115200, SERIAL_DATA_BIT_8, SERIAL_STOP_BIT_1,
+                                         SERIAL_PARITY_NONE, SERIAL_FLOW_NONE),
+              1);
+    OpenRaw(free, 2);
+    ASSERT_EQ(layer->serial_init(), 0);
+    ASSERT_TRUE(held.Send("early"));
+    ASSERT_TRUE(free.Send("other"));
+    ASSERT_TRUE(WaitUntil([&] { return journal.BytesOf(2) == "other"; }));
+    int pending = 0;
+    ASSERT_EQ(ioctl(heldFd, FIONREAD, &pending), 0);
+    EXPECT_EQ(pending, 5) << "still in the kernel";
+    EXPECT_EQ(journal.BytesOf(1), "");
+    layer->serial_release_owner(owner);
+    EXPECT_TRUE(WaitUntil([&] { return journal.BytesOf(1) == "early"; }));
+    EXPECT_EQ(layer->serial_cache_data(heldFd, "late", 4), 0);
+    layer->serial_hold_owner(owner);
+    EXPECT_EQ(layer->serial_cache_data(heldFd, "gone", 4), 0);
+    EXPECT_EQ(journal.BytesOf(1), "earlylate") << "nothing reaches an owner being released";
+    layer->serial_forget_owner(owner);
+    EXPECT_FALSE(layer->serial_is_open(heldFd)) << "an owner's leftover port goes with it";
 }
 
 }  // namespace

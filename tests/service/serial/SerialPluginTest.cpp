@@ -263,6 +263,7 @@ TEST(LoopbackPlugin, CountsEchoesWrongEchoesAndTimeouts) {
     auto service = Service(tty.SlavePath());
     ASSERT_TRUE(service->SendSetting(SerialSetting({{4, kPlainId}})));
     CLoopbackTest tester(&service->Manager(), service->ManagerClient(), kPlainId, 0);
+    ASSERT_EQ(tester.Initialize(), 0);  // as the manager does; bytes are delivered from here on
     ASSERT_TRUE(tester.GetCurPeripOpenStatus());
     long long now = 1000;
     auto cycle = [&](long long step) {  // the frame that went out, empty when none did

@@ -4,15 +4,19 @@
 #include <string.h>
 #include <termios.h>
 
+#include <atomic>
+#include <cstdlib>
 #include <map>
 #include <memory>
 #include <string>
+#include <thread>
 
 #include <gtest/gtest.h>
 
 #include "MainChipSerialOpt.h"
 #include "Pty.h"
 #include "SerialBase.h"
+#include "SerialDevOperate.h"
 #include "SerialFrame.h"
 #include "ServiceHarness.h"
 
@@ -55,11 +59,7 @@ std::unique_ptr<ServiceHarness> Service(const std::map<int, std::string>& paths 
 class TestSerial : public CSerialBase {
 public:
     TestSerial(ServiceHarness& service, unsigned mainId, unsigned subId = 0)
-        : CSerialBase(&service.Manager(), service.ManagerClient(), mainId, subId) {
-        // The reader thread takes this lock before it calls us: it then sees a whole object.
-        LockSerialBuffer();
-        UnlockSerialBuffer();
-    }
+        : CSerialBase(&service.Manager(), service.ManagerClient(), mainId, subId) {}
     ~TestSerial() override { CloseMainChipSerial(); }
 
     // Takes the buffer (unless told to leave it) and keeps the bytes. Buffer lock held.
@@ -226,8 +226,8 @@ TEST(MainChipSerial, BytesTravelBothWaysAndSettingsReachTheTty) {
     ASSERT_TRUE(service->SendSetting(SerialSetting({{4, kPlainId}})));
     TestSerial serial(*service, kPlainId);
     ASSERT_TRUE(serial.GetCurPeripOpenStatus());
-
-    ASSERT_TRUE(tty.Send("$GPGGA,1"));
+    ASSERT_TRUE(tty.Send("$GPGGA,1"));  // waits in the kernel until the instance is whole
+    ASSERT_EQ(serial.Initialize(), 0);
     ASSERT_TRUE(tty.Send("23\r\n"));
     EXPECT_TRUE(WaitUntil([&] { return serial.Received() == "$GPGGA,123\r\n"; }));
 
@@ -262,6 +262,131 @@ TEST(MainChipSerial, ProtocolZeroBytesGoOutFramed) {
     EXPECT_EQ(serial.SendDataToPeripheral("\x05\x7E\x01\x7D", 4), 1);
     EXPECT_EQ(Hex(tty.Receive(10)), "7E 80 05 02 7D 5E 01 7D 5D 7F");
     EXPECT_EQ(serial.SendDataToPeripheral("", 0), -1);
+}
+
+// ---- what plug-ins do that the base must survive ----
+
+// A plug-in may resize its buffer from its own delivery, where the lock is already held.
+TEST(SerialBuffer, APlugInMayResizeItsBufferFromItsDelivery) {
+    class Resizing : public TestSerial {
+    public:
+        using TestSerial::TestSerial;
+        int ProcessPeripheralData() override {
+            SetSerialMaxBufferSize(4096);
+            return TestSerial::ProcessPeripheralData();
+        }
+    };
+    auto service = Service();
+    Resizing serial(*service, kPlainId);
+    std::atomic<bool> done{false};
+    std::thread delivery([&] {
+        serial.PreProcessPeripheralData("abc", 3);
+        done = true;
+    });
+    if (!WaitUntil([&] { return done.load(); })) {
+        ADD_FAILURE() << "the delivery deadlocked on its own buffer lock";
+        delivery.detach();
+        std::_Exit(1);
+    }
+    delivery.join();
+    EXPECT_EQ(serial.Received(), "abc");
+    EXPECT_EQ(serial.GetSerialMaxBufferSize(), 4096u);
+
+    // In a grown buffer the kept tail overlaps its new place: still zeros, never a bad copy.
+    const std::string pattern(3000, 'p');
+    char out[1024];
+    unsigned length = 0;
+    serial.LockSerialBuffer();
+    ASSERT_EQ(serial.SetSerialBufferValue(pattern.data(), 3000), 0);
+    serial.GetSerialBufferData(out, length);
+    serial.UnlockSerialBuffer();
+    EXPECT_EQ(serial.Buffer(), std::string(1976, '\0'));
+}
+
+// Bytes that wait on the tty reach the plug-in only once it is whole, not while its
+// constructor still runs.
+TEST(MainChipSerial, NothingIsDeliveredBeforeInitialize) {
+    class SlowlyBuilt : public TestSerial {
+    public:
+        SlowlyBuilt(ServiceHarness& service, unsigned mainId) : TestSerial(service, mainId) {
+            // The reader has every chance to deliver meanwhile (it rescans its ports at least
+            // once a second), and must not.
+            WaitUntil([&] { return early.load(); }, std::chrono::milliseconds(1500));
+            whole = true;
+        }
+        int ProcessPeripheralData() override {
+            early = early || !whole;
+            return TestSerial::ProcessPeripheralData();
+        }
+        std::atomic<bool> whole{false};
+        std::atomic<bool> early{false};
+    };
+    Pty tty;
+    ASSERT_TRUE(tty.MakeRaw());
+    auto service = Service({{4, tty.SlavePath()}});
+    ASSERT_TRUE(service->SendSetting(SerialSetting({{4, kPlainId}})));
+    ASSERT_TRUE(tty.Send("waiting"));
+    SlowlyBuilt serial(*service, kPlainId);
+    ASSERT_EQ(serial.Initialize(), 0);
+    EXPECT_TRUE(WaitUntil([&] { return serial.Received() == "waiting"; }));
+    EXPECT_FALSE(serial.early.load());
+}
+
+// A second open fails without losing the port already open, and the port goes with its
+// instance: nothing is left in the table to deliver to freed memory.
+TEST(MainChipSerial, AFailedReopenKeepsThePortAndItGoesWithTheInstance) {
+    Pty tty, other;
+    auto service = Service({{4, tty.SlavePath()}});
+    ASSERT_TRUE(service->SendSetting(SerialSetting({{4, kPlainId}})));
+    auto serial = std::make_unique<TestSerial>(*service, kPlainId);
+    const int fd = serial->MainChipLink()->GetSerialFd();
+    ASSERT_GE(fd, 0);
+    EXPECT_EQ(serial->OpenMainChipSerial(other.SlavePath(), true, 2306), -3);
+    EXPECT_EQ(serial->MainChipLink()->GetSerialFd(), fd);
+    EXPECT_TRUE(serial->GetCurPeripOpenStatus());
+    EXPECT_TRUE(
+        service->Logs().Contains("MainChip_Opt: Open failed (-3), keep the open "
+                                 "m_nSerialFd = " +
+                                 std::to_string(fd)));
+    serial.reset();
+    CSerialDevOperate* layer = service->Manager().GetSerialDevOperatePtr();
+    EXPECT_FALSE(layer->serial_is_open(fd));
+    EXPECT_EQ(layer->serial_check_perip_open(kPlainId, 0), -1);
+}
+
+// An independent instance deleted without StopPeripheralThread (as a careless releaser does)
+// while its thread delivers: the base waits for the thread before it frees anything.
+TEST(McuSerial, AnIndependentInstanceIsNotFreedUnderItsOwnThread) {
+    class Slow : public CSerialBase {
+    public:
+        Slow(CPeripheralManage* manage, unsigned mainId)
+            : CSerialBase(manage, nullptr, mainId, 0) {}
+        int ProcessPeripheralData() override {
+            inDelivery = true;
+            WaitUntil([&] { return deleting.load(); });
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));  // the delete goes on
+            char out[1024];
+            unsigned length = 0;
+            GetSerialBufferData(out, length);
+            return 0;
+        }
+        std::atomic<bool> inDelivery{false};
+        std::atomic<bool> deleting{false};
+    };
+    auto service = Service();
+    ASSERT_TRUE(service->SendSetting(SerialSetting({{2, kPlainId}})));
+    Slow* serial = new Slow(&service->Manager(), kPlainId);
+    ASSERT_EQ(serial->Initialize(), 0);
+    std::string payload(
+        "\x32\x00\x00\x00\x03\x00\x00\x00"
+        "abc",
+        11);
+    ASSERT_TRUE(WaitUntil([&] {
+        service->Send(1090, payload.data(), payload.size());  // until its thread listens
+        return WaitUntil([&] { return serial->inDelivery.load(); }, std::chrono::milliseconds(50));
+    }));
+    serial->deleting = true;
+    delete serial;  // a sanitizer sees any touch of freed memory by the thread
 }
 
 // ---- MCU port ----

@@ -199,7 +199,8 @@ private:
                          unsigned int mainId, const char* failText);
     int LoadPeripheralLibFile(const char* path, const std::string& name, ePeripheralType type,
                               unsigned int mainId, unsigned int subId);
-    // Hands the record's instance to its releaser and clears it.
+    // Hands the record's instance to its releaser (the serial reader delivers nothing to it
+    // from here on) and clears it.
     void ReleaseInstance(PeripheralProperty_t& record);
 
     // Pieces of UpdateSerialInstance, one port at a time.

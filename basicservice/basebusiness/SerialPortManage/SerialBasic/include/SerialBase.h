@@ -12,6 +12,7 @@
 
 class CMcuSerialOpt;
 class CMainChipSerialOpt;
+class CSerialDevOperate;
 
 // Where a serial peripheral is attached, from the index of its port entry in the serial
 // parameter setting.
@@ -122,6 +123,7 @@ protected:
 
 private:
     void FindFatherSerial();
+    CSerialDevOperate* DeviceLayer() const;
     // Logs why a sub-port's request cannot go through its father box; returns -1.
     int FatherSerialUnavailable();
 };

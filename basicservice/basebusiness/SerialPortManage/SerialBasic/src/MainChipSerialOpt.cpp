@@ -55,13 +55,26 @@ int CMainChipSerialOpt::OpenMainChipSerial(std::string path, bool retry, int fla
         return m_nSerialFd.load();
     }
     m_strSerialName = path;
-    m_nSerialFd = m_pSerialDevOperate->serial_open(m_pSerialBase, path, flags);
-    MAINCHIP_LOG(0, "MainChip_Opt: Open serial result, m_nSerialFd = %d\n", m_nSerialFd.load());
-    if (m_nSerialFd < 0 && !retry) {
-        return m_nSerialFd.load();
+    const int result = KeepOpenPort(m_pSerialDevOperate->serial_open(m_pSerialBase, path, flags));
+    MAINCHIP_LOG(0, "MainChip_Opt: Open serial result, m_nSerialFd = %d\n", result);
+    if (result < 0 && !retry) {
+        return result;
     }
     m_pSerialBase->SetCurPeripOpenStatus(m_nSerialFd >= 0);
-    return m_nSerialFd.load();
+    return result;
+}
+
+// A failed open must not overwrite the port this link already holds: closing it later needs
+// the number, and the table would otherwise keep delivering to an owner that is gone.
+int CMainChipSerialOpt::KeepOpenPort(int result) {
+    const int held = m_nSerialFd.load();
+    if (result < 0 && held >= 0) {
+        MAINCHIP_LOG(0, "MainChip_Opt: Open failed (%d), keep the open m_nSerialFd = %d\n", result,
+                     held);
+        return result;
+    }
+    m_nSerialFd = result;
+    return result;
 }
 
 int CMainChipSerialOpt::SetMainChipSerialProperty(unsigned char mask, unsigned int speed,
@@ -146,11 +159,11 @@ int CMainChipSerialOpt::SerialOpenThreadBody() {
     if (!m_bOpenThreadRun.load()) {
         return 0;
     }
-    m_nSerialFd =
-        m_pSerialDevOperate->serial_open(m_pSerialBase, m_strSerialName, kMainChipOpenFlags);
+    const int result = KeepOpenPort(
+        m_pSerialDevOperate->serial_open(m_pSerialBase, m_strSerialName, kMainChipOpenFlags));
     MAINCHIP_LOG(1,
                  "MainChip_Opt: DeviceManage relsease Serial[%s], open result,  m_nSerialFd = %d\n",
-                 m_strSerialName.c_str(), m_nSerialFd.load());
+                 m_strSerialName.c_str(), result);
     m_bOpenThreadRun = false;
     // Open even when the open failed: the plug-in's cycle then runs and may retry itself.
     m_pSerialBase->SetCurPeripOpenStatus(true);

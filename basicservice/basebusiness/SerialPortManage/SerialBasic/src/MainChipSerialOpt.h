@@ -41,6 +41,9 @@ public:
     bool IsOpenThreadActive() const { return m_bOpenThreadActive.load(); }
 
 private:
+    // Stores an open's result unless it failed while a port is held; returns the result.
+    int KeepOpenPort(int result);
+
     CSerialDevOperate* m_pSerialDevOperate;  // not owned
     std::atomic<bool> m_bOpenThreadRun;
     std::atomic<int> m_nSerialFd;

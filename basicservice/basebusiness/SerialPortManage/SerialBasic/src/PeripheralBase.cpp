@@ -5,6 +5,9 @@
 
 #include "CommonLog.h"
 #include "CommonTime.h"
+#include "PeripheralManage.h"
+#include "SerialBase.h"
+#include "SerialDevOperate.h"
 
 #define PBASE_LOG(level, ...) \
     Common::gclDebugPrintf(level, __FILE__, __FUNCTION__, __LINE__, __VA_ARGS__)
@@ -65,6 +68,12 @@ int CPeripheralBase::HandlePeripParamChange() {
 }
 
 int CPeripheralBase::Initialize() {
+    // Whole now: the serial reader may deliver what waited in the kernel meanwhile.
+    if (const auto* serial = dynamic_cast<const CSerialBase*>(this)) {
+        if (CSerialDevOperate* layer = m_pPeripheralManage->GetSerialDevOperatePtr()) {
+            layer->serial_release_owner(serial);
+        }
+    }
     if (PeripheralInitialize() < 0) {
         PBASE_LOG(0, "P_BASE: This Peripheral init falied, type = %d, mainId = %d, subId = %d\n",
                   m_ePeripheralType, m_nMainId, m_nSubId);

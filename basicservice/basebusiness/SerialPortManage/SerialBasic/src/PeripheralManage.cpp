@@ -771,6 +771,11 @@ int CPeripheralManage::LoadPeripheralLibFile(const char* path, const std::string
 }
 
 void CPeripheralManage::ReleaseInstance(PeripheralProperty_t& record) {
+    if (const auto* serial = dynamic_cast<const CSerialBase*>(record.pInstance)) {
+        if (m_pSerialDevOperate != nullptr) {
+            m_pSerialDevOperate->serial_hold_owner(serial);
+        }
+    }
     record.pRelease(record.pInstance);
     record.pInstance = nullptr;
 }

@@ -148,12 +148,23 @@ CSerialBase::CSerialBase(CPeripheralManage* manage, CMsgClientManage* client, un
       m_ucMaintainPort(0) {
     InitSerialProperty();
     m_pBuffer = new char[m_nMaxBufferSize]();
-    pthread_mutex_init(&m_BufferLock, nullptr);
+    // Recursive: a plug-in may resize or clear its buffer from ProcessPeripheralData, which
+    // runs with the lock held.
+    pthread_mutexattr_t recursive;
+    pthread_mutexattr_init(&recursive);
+    pthread_mutexattr_settype(&recursive, PTHREAD_MUTEX_RECURSIVE);
+    pthread_mutex_init(&m_BufferLock, &recursive);
+    pthread_mutexattr_destroy(&recursive);
     m_nBufferLength = 0;
 
     if (m_nSerialType == SERIAL_LINK_MCU) {
         m_pMcuSerialOpt = new CMcuSerialOpt(this);  // sets the open flag
     } else if (IsMainChipLink(m_nSerialType)) {
+        // The tty opens now, but the plug-in's part of this object does not exist yet: its
+        // bytes wait in the kernel until Initialize.
+        if (CSerialDevOperate* layer = DeviceLayer()) {
+            layer->serial_hold_owner(this);
+        }
         m_pMainChipSerialOpt = new CMainChipSerialOpt(this);
         SetCurPeripOpenStatus(false);
         if (!m_bExtend && m_nSerialType == SERIAL_LINK_MAINCHIP) {
@@ -178,6 +189,10 @@ CSerialBase::CSerialBase(CPeripheralManage* manage, CMsgClientManage* client, un
 }
 
 CSerialBase::~CSerialBase() {
+    // An independent instance's thread must not run a handler on a half-destroyed object.
+    if (!m_bSharedThread) {
+        Stop();
+    }
     if (m_nSerialType == SERIAL_LINK_MCU) {
         delete m_pMcuSerialOpt;
         m_pMcuSerialOpt = nullptr;
@@ -188,10 +203,18 @@ CSerialBase::~CSerialBase() {
         delete m_pMainChipSerialOpt;
         m_pMainChipSerialOpt = nullptr;
     }
+    // A port the plug-in opened and lost track of must not outlive the owner it delivers to.
+    if (CSerialDevOperate* layer = DeviceLayer()) {
+        layer->serial_forget_owner(this);
+    }
     delete[] m_pBuffer;
     m_pBuffer = nullptr;
     m_pFatherSerial = nullptr;
     pthread_mutex_destroy(&m_BufferLock);
+}
+
+CSerialDevOperate* CSerialBase::DeviceLayer() const {
+    return m_pPeripheralManage != nullptr ? m_pPeripheralManage->GetSerialDevOperatePtr() : nullptr;
 }
 
 int CSerialBase::InitSerialProperty() {
@@ -331,7 +354,7 @@ int CSerialBase::SetSerialBufferValue(const char* data, unsigned int length) {
     // Zeroed before the copy: a source inside the buffer reads back as zero bytes, which is
     // what GetSerialBufferData relies on for the tail it keeps.
     memset(m_pBuffer, 0, m_nMaxBufferSize);
-    memcpy(m_pBuffer, data, length);
+    memmove(m_pBuffer, data, length);  // the source may lie inside the buffer
     m_nBufferLength = length;
     return 0;
 }

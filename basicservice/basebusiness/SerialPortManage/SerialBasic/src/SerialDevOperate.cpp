@@ -2,6 +2,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/ioctl.h>
@@ -31,6 +32,13 @@ constexpr int kIdleSleepMs = 1000;
 // How long a port whose read failed (hang-up, unplugged adapter) stays out of select.
 constexpr int kFailedReadRetryMs = 200;
 constexpr size_t kReadChunk = 1024;
+// How long a write may wait for room in a tty's output queue before its bytes are dropped:
+// the callers are the manager thread and peripheral threads, which must keep turning.
+constexpr int kWriteWaitMs = 100;
+constexpr long long kWriteDropLogPeriodMs = 1000;
+// Descriptors 0-2 are the standard streams' numbers: a tty that gets one (the host closed a
+// stream) would receive every printf, and the reader never serves descriptor 0.
+constexpr int kFirstPortFd = 3;
 
 struct WordValue {
     const char* word;
@@ -194,7 +202,13 @@ void serial_termios_set_line(struct termios& tio, unsigned char mask, SerialData
 }
 
 CSerialDevOperate::CSerialDevOperate()
-    : m_nMaxFd(-1), m_bSelectFailed(false), m_bReaderStop(false), m_nReaderCount(0) {
+    : m_nMaxFd(-1),
+      m_bSelectFailed(false),
+      m_nWriteDrops(0),
+      m_llWriteDropLogMs(0),
+      m_bReaderStop(false),
+      m_bTableChanged(false),
+      m_nReaderCount(0) {
     pthread_mutex_init(&m_TableLock, nullptr);
     if (pipe2(m_nWakePipe, O_CLOEXEC | O_NONBLOCK) != 0) {
         SERIAL_LOG(1, "SERIAL_OPERATE: no wake pipe (%s), teardown waits for the reader's select\n",
@@ -237,18 +251,14 @@ void CSerialDevOperate::StopReader() {
     std::unique_lock<std::mutex> lock(m_ReaderLock);
     m_bReaderStop = true;
     m_ReaderCond.notify_all();
-    if (m_nWakePipe[1] >= 0) {
-        char byte = 1;
-        if (write(m_nWakePipe[1], &byte, 1) < 0) {
-            // Full pipe: the reader has a wake-up pending already.
-        }
-    }
+    WakeSelect();
     m_ReaderCond.wait(lock, [this] { return m_nReaderCount == 0; });
 }
 
 bool CSerialDevOperate::ReaderPause(int ms) {
     std::unique_lock<std::mutex> lock(m_ReaderLock);
-    m_ReaderCond.wait_for(lock, std::chrono::milliseconds(ms), [this] { return m_bReaderStop; });
+    m_ReaderCond.wait_for(lock, std::chrono::milliseconds(ms),
+                          [this] { return m_bReaderStop || m_bTableChanged; });
     return !m_bReaderStop;
 }
 
@@ -303,6 +313,17 @@ int CSerialDevOperate::serial_open(CSerialBase* owner, std::string path, int fla
         SERIAL_LOG(1, "SERIAL_OPERATE: [OPEN] open %s: %s\n", path.c_str(), strerror(error));
         return -2;
     }
+    if (fd < kFirstPortFd) {
+        const int moved = fcntl(fd, F_DUPFD_CLOEXEC, kFirstPortFd);
+        SERIAL_LOG(1,
+                   "SERIAL_OPERATE: [OPEN] fd = %d is a standard stream's number, moved to fd "
+                   "= %d, name = %s\n",
+                   fd, moved, path.c_str());
+        if (moved >= 0) {
+            close(fd);
+            fd = moved;
+        }
+    }
     // Blocking from here on: the reader only reads what select reported.
     if (fcntl(fd, F_SETFL, 0) < 0) {
         SERIAL_LOG(0, "SERIAL_OPERATE: [OPEN] fcntl failed\n");
@@ -315,6 +336,7 @@ int CSerialDevOperate::serial_open(CSerialBase* owner, std::string path, int fla
         openCount = m_mapSerialDev.size();
     }
     m_mapFailedRead.erase(fd);
+    WakeReader();
     SERIAL_LOG(
         0,
         "SERIAL_OPERATE: [OPEN] serial success, fd = %d, name = %s, mainId = %d, subId = %d, "
@@ -339,7 +361,66 @@ int CSerialDevOperate::serial_close(int fd) {
     close(fd);
     delete info;
     m_mapFailedRead.erase(fd);
+    WakeReader();
     return 1;
+}
+
+void CSerialDevOperate::serial_hold_owner(const CSerialBase* owner) {
+    if (owner == nullptr) {
+        return;
+    }
+    // Taken with the table lock: once this returns no delivery to the owner is under way.
+    MutexGuard table(m_TableLock);
+    m_setHeldOwners.insert(owner);
+}
+
+void CSerialDevOperate::serial_release_owner(const CSerialBase* owner) {
+    MutexGuard table(m_TableLock);
+    if (m_setHeldOwners.erase(owner) != 0) {
+        WakeReader();
+    }
+}
+
+void CSerialDevOperate::serial_forget_owner(const CSerialBase* owner) {
+    MutexGuard table(m_TableLock);
+    m_setHeldOwners.erase(owner);
+    for (auto it = m_mapSerialDev.begin(); it != m_mapSerialDev.end();) {
+        if (it->second->owner != owner) {
+            ++it;
+            continue;
+        }
+        SERIAL_LOG(0, "SERIAL_OPERATE: [CLOSE] fd = %d, name = %s outlived its owner, closed\n",
+                   it->first, it->second->name);
+        const int fd = it->first;
+        SerialDevInfo* info = it->second;
+        {
+            std::unique_lock<std::shared_mutex> view(m_TableView);
+            it = m_mapSerialDev.erase(it);
+        }
+        close(fd);
+        delete info;
+        m_mapFailedRead.erase(fd);
+    }
+    WakeReader();
+}
+
+void CSerialDevOperate::WakeReader() {
+    {
+        // A reader pausing without ports waits on the condition, one in select on the pipe.
+        std::lock_guard<std::mutex> guard(m_ReaderLock);
+        m_bTableChanged = true;
+        m_ReaderCond.notify_all();
+    }
+    WakeSelect();
+}
+
+void CSerialDevOperate::WakeSelect() {
+    if (m_nWakePipe[1] >= 0) {
+        char byte = 1;
+        if (write(m_nWakePipe[1], &byte, 1) < 0) {
+            // Full pipe: the reader has a wake-up pending already.
+        }
+    }
 }
 
 void CSerialDevOperate::serial_close_all() {
@@ -522,14 +603,49 @@ int CSerialDevOperate::serial_write(int fd, const char* data, unsigned int lengt
         SERIAL_LOG(0, "SERIAL_OPERATE: [WRITE] failed, length < 0\n");
         return -1;
     }
-    ssize_t written = write(fd, data, length);
+    ssize_t written = BoundedWrite(fd, data, length);
     int error = errno;
     SERIAL_LOG(3, "SERIAL_OPERATE: wirte data len = %d, length = %d\n", static_cast<int>(written),
                length);
-    if (written < 0) {
-        SERIAL_LOG(1, "SERIAL_OPERATE: [WRITE] fd = %d: %s\n", fd, strerror(error));
+    if (written >= 0) {
+        return written == static_cast<ssize_t>(length) ? 1 : -1;
     }
-    return written == static_cast<ssize_t>(length) ? 1 : -1;
+    if (error != EAGAIN) {
+        SERIAL_LOG(1, "SERIAL_OPERATE: [WRITE] fd = %d: %s\n", fd, strerror(error));
+        return -1;
+    }
+    std::lock_guard<std::mutex> guard(m_WriteDropLock);
+    ++m_nWriteDrops;
+    const long long now = SteadyMs();
+    if (m_nWriteDrops == 1 || now - m_llWriteDropLogMs >= kWriteDropLogPeriodMs) {
+        m_llWriteDropLogMs = now;
+        SERIAL_LOG(0,
+                   "SERIAL_OPERATE: [WRITE] fd = %d, output queue full for %d ms, %u bytes "
+                   "dropped, writes dropped so far = %llu\n",
+                   fd, kWriteWaitMs, length, m_nWriteDrops);
+    }
+    return -1;
+}
+
+// The port stays blocking for everybody else; only this one write may not wait, since a
+// peer that stopped reading would otherwise hold the calling thread for good.
+ssize_t CSerialDevOperate::BoundedWrite(int fd, const char* data, unsigned int length) {
+    struct pollfd ready = {fd, POLLOUT, 0};
+    int polled = poll(&ready, 1, kWriteWaitMs);
+    if (polled == 0) {
+        errno = EAGAIN;
+        return -1;
+    }
+    const int flags = fcntl(fd, F_GETFL);
+    const bool toggled =
+        flags >= 0 && (flags & O_NONBLOCK) == 0 && fcntl(fd, F_SETFL, flags | O_NONBLOCK) == 0;
+    ssize_t written = write(fd, data, length);
+    const int error = errno;
+    if (toggled) {
+        fcntl(fd, F_SETFL, flags);
+    }
+    errno = error;
+    return written;
 }
 
 int CSerialDevOperate::serial_cache_data(int fd, const char* data, int length) {
@@ -538,6 +654,11 @@ int CSerialDevOperate::serial_cache_data(int fd, const char* data, int length) {
     }
     MutexGuard table(m_TableLock);
     auto it = m_mapSerialDev.find(fd);
+    if (it != m_mapSerialDev.end() && m_setHeldOwners.count(it->second->owner) != 0) {
+        SERIAL_LOG(2, "SERIAL_OPERATE: [READ] fd = %d, owner not ready, %d bytes dropped\n", fd,
+                   length);
+        return 0;
+    }
     if (it != m_mapSerialDev.end() && it->second->owner != nullptr) {
         // A failed read's -1 goes on as it is; the owner refuses a length beyond its buffer.
         it->second->owner->PreProcessPeripheralData(data, static_cast<unsigned int>(length));
@@ -564,6 +685,9 @@ bool CSerialDevOperate::SnapshotPorts(std::vector<int>& fds, int& waitMs) {
             continue;  // logged when it was opened
         }
         m_nMaxFd = std::max(m_nMaxFd, fd);
+        if (m_setHeldOwners.count(entry.second->owner) != 0) {
+            continue;  // its bytes wait in the kernel until the owner is let go
+        }
         auto failed = m_mapFailedRead.find(fd);
         long long rest =
             failed == m_mapFailedRead.end() ? 0 : failed->second + kFailedReadRetryMs - now;
@@ -583,6 +707,7 @@ void CSerialDevOperate::serial_read() {
             if (m_bReaderStop) {
                 break;
             }
+            m_bTableChanged = false;  // the snapshot below sees every change so far
         }
         std::vector<int> fds;
         int waitMs = kSelectTimeoutMs;

@@ -8,6 +8,7 @@
 #include <condition_variable>
 #include <map>
 #include <mutex>
+#include <set>
 #include <shared_mutex>
 #include <string>
 #include <vector>
@@ -66,6 +67,14 @@ public:
     int serial_set_exar_reg(int fd, int block, int reg, int value);
     int serial_write(int fd, const char* data, unsigned int length);
     int serial_cache_data(int fd, const char* data, int length);
+    // Delivery to an owner that is being built or taken apart would reach a half-made object:
+    // its ports stay out of the reader's select (bytes wait in the kernel) until it is let go.
+    // The serial base holds itself while it is constructed; CPeripheralBase::Initialize lets
+    // go; the manager holds an instance again before its releaser runs. Any thread.
+    void serial_hold_owner(const CSerialBase* owner);
+    void serial_release_owner(const CSerialBase* owner);
+    // An owner going away: closes whatever port it still has (logged) and forgets its hold.
+    void serial_forget_owner(const CSerialBase* owner);
     // The reader loop; returns only when the layer is being destroyed. Run it through
     // serial_init, which registers the thread so that the destructor waits for it.
     void serial_read();
@@ -79,6 +88,11 @@ private:
     void ReadOnePass(const std::vector<int>& fds, int timeoutMs);
     void NoteReadResult(int fd, int result, int error);
     void NoteSelectFailure(int error);
+    // Makes the reader take a fresh snapshot of the table at once.
+    void WakeReader();
+    void WakeSelect();  // the pipe alone: callable with m_ReaderLock held
+    // One non-blocking write after at most kWriteWaitMs for room; -1 when the queue stays full.
+    ssize_t BoundedWrite(int fd, const char* data, unsigned int length);
     // Sleeps up to `ms` unless the layer is being destroyed; false once it is.
     bool ReaderPause(int ms);
     void StopReader();
@@ -94,12 +108,17 @@ private:
     // left out of select for a while, so a hung-up tty cannot keep the reader spinning.
     std::map<int, long long> m_mapFailedRead;
     bool m_bSelectFailed;  // reader thread only: one log per run of select failures
+    std::set<const CSerialBase*> m_setHeldOwners;  // guarded by m_TableLock
+    std::mutex m_WriteDropLock;                    // guards the two fields below
+    unsigned long long m_nWriteDrops;              // writes refused for a full output queue
+    long long m_llWriteDropLogMs;                  // steady ms of the last log of drops
 
     std::mutex m_ReaderLock;
     std::condition_variable m_ReaderCond;
     bool m_bReaderStop;
-    int m_nReaderCount;  // reader threads started and not yet finished
-    int m_nWakePipe[2];  // written by the destructor to end the reader's select at once
+    bool m_bTableChanged;  // the port table changed since the reader's last snapshot
+    int m_nReaderCount;    // reader threads started and not yet finished
+    int m_nWakePipe[2];    // written by the destructor to end the reader's select at once
 };
 
 #endif
