@@ -70,10 +70,13 @@ public:
     // sequence number, sender 0, bit 24 set. Any thread. Returns 0 or -1.
     int MSGResponseMessage(Common::SMessageHead* request, const char* data, int len);
 
-    // Waits up to `ms` for the first message, then runs the handlers of every message already
-    // received, on the calling thread. Call it from one thread per client; it is not re-entrant
-    // (a nested call from a handler logs and returns 0). Returns the number of messages
-    // dispatched.
+    // Waits up to `ms` for the first message, then runs the handlers of the messages already
+    // received, oldest first, on the calling thread: at most 256, and no more once `ms` (at
+    // least 10 ms) has passed and one has run, so that the caller's loop keeps turning under
+    // a flood; the rest waits for the next call, which then does not wait. At most 131,072
+    // messages (64 MiB) wait; past that the oldest are dropped, counted in a log line. Call it
+    // from one thread per client; it is not re-entrant (a nested call from a handler logs and
+    // returns 0). Returns the number of messages dispatched.
     int MSGWaitForEvent(unsigned int ms);
 
     // Remembers `now`; at most once a second publishes kMsgWatchdogEvent with the client's name

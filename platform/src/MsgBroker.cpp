@@ -12,8 +12,10 @@
 #include <unistd.h>
 #include <zmq.h>
 
+#include <algorithm>
 #include <atomic>
 #include <mutex>
+#include <set>
 #include <thread>
 
 #include "CommonLog.h"
@@ -29,6 +31,12 @@ constexpr const char* kIpc = "ipc://";
 constexpr const char* kTcp = "tcp://";
 constexpr size_t kMaxIpcPath = sizeof(sockaddr_un::sun_path) - 1;
 constexpr int kListenBacklog = 128;
+// What the broker keeps for one subscriber that does not keep up; past it the newest messages
+// for that subscriber are dropped, so that one slow client cannot grow the broker without bound
+// (a burst of 100,000 messages still fits). Input waiting for the broker is bounded the same
+// way; past it the publishers wait (their own queues refuse sends, logged, when full).
+constexpr int kSubscriberHighWaterMark = 131072;
+constexpr int kInputHighWaterMark = 131072;
 
 bool StartsWith(const std::string& s, const char* prefix) {
     return s.rfind(prefix, 0) == 0;
@@ -100,6 +108,61 @@ BusEndpoints BusEndpointsFromEnv() {
     }
     return endpoints;
 }
+
+namespace {
+
+// True when something accepts connections at the ipc socket file `path`: a running broker.
+bool IpcAnswers(const std::string& path) {
+    int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0) {
+        return false;
+    }
+    struct sockaddr_un addr;
+    memset(&addr, 0, sizeof addr);
+    addr.sun_family = AF_UNIX;
+    memcpy(addr.sun_path, path.c_str(), std::min(path.size(), sizeof addr.sun_path - 1));
+    bool answers = connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0;
+    close(fd);
+    return answers;
+}
+
+// The files of the brokers this process runs, removed at exit() too: a program that ends
+// without stopping its broker (a service that calls exit(1)) must not leave sockets and a lock
+// file behind that look like a live bus.
+class LiveFiles {
+public:
+    static LiveFiles& Get() {
+        static LiveFiles* files = new LiveFiles();  // never destroyed: used from atexit
+        return *files;
+    }
+    void Add(const BusEndpoints* endpoints) {
+        std::lock_guard<std::mutex> guard(m_lock);
+        if (!m_registered) {
+            m_registered = atexit([] { Get().RemoveAll(); }) == 0;
+        }
+        m_live.insert(endpoints);
+    }
+    void Remove(const BusEndpoints* endpoints) {
+        std::lock_guard<std::mutex> guard(m_lock);
+        m_live.erase(endpoints);
+    }
+
+private:
+    void RemoveAll() {
+        std::lock_guard<std::mutex> guard(m_lock);
+        for (const BusEndpoints* e : m_live) {
+            unlink(IpcPath(e->in).c_str());
+            unlink(IpcPath(e->out).c_str());
+            unlink(e->lock.c_str());
+        }
+        m_live.clear();
+    }
+    std::mutex m_lock;
+    std::set<const BusEndpoints*> m_live;
+    bool m_registered = false;
+};
+
+}  // namespace
 
 struct CMsgBroker::Impl {
     explicit Impl(BusEndpoints ep) : endpoints(std::move(ep)) {}
@@ -248,6 +311,17 @@ int CMsgBroker::Impl::StartLocked() {
         if (rc != 0) {
             return rc;
         }
+        // The lock file can be deleted under a running broker; its sockets cannot be faked.
+        for (const std::string& endpoint : {endpoints.in, endpoints.out}) {
+            if (IpcAnswers(IpcPath(endpoint))) {
+                BUS_LOG(0,
+                        "MSG_BROKER: a broker answers at %s although the lock file %s was "
+                        "missing; not taking over\n",
+                        endpoint.c_str(), endpoints.lock.c_str());
+                ReleaseLock();
+                return 1;
+            }
+        }
     }
     ctx = zmq_ctx_new();
     if (ctx == nullptr) {
@@ -257,11 +331,12 @@ int CMsgBroker::Impl::StartLocked() {
     }
     xsub = zmq_socket(ctx, ZMQ_XSUB);
     xpub = zmq_socket(ctx, ZMQ_XPUB);
-    int unlimited = 0;
+    int input = kInputHighWaterMark;
+    int perSubscriber = kSubscriberHighWaterMark;
     int linger = 0;
     if (xsub == nullptr || xpub == nullptr ||
-        zmq_setsockopt(xsub, ZMQ_RCVHWM, &unlimited, sizeof unlimited) != 0 ||
-        zmq_setsockopt(xpub, ZMQ_SNDHWM, &unlimited, sizeof unlimited) != 0 ||
+        zmq_setsockopt(xsub, ZMQ_RCVHWM, &input, sizeof input) != 0 ||
+        zmq_setsockopt(xpub, ZMQ_SNDHWM, &perSubscriber, sizeof perSubscriber) != 0 ||
         zmq_setsockopt(xsub, ZMQ_LINGER, &linger, sizeof linger) != 0 ||
         zmq_setsockopt(xpub, ZMQ_LINGER, &linger, sizeof linger) != 0) {
         BUS_LOG(0, "MSG_BROKER: cannot make sockets: %s\n", zmq_strerror(zmq_errno()));
@@ -292,6 +367,9 @@ int CMsgBroker::Impl::StartLocked() {
         Cleanup();
         return -1;
     }
+    if (ipc) {
+        LiveFiles::Get().Add(&endpoints);
+    }
     proxy = std::thread([this] { Run(); });
     running = true;
     BUS_LOG(1, "MSG_BROKER: serving %s -> %s\n", endpoints.in.c_str(), endpoints.out.c_str());
@@ -313,6 +391,7 @@ void CMsgBroker::Impl::StopLocked() {
     }
     zmq_ctx_shutdown(ctx);
     proxy.join();
+    LiveFiles::Get().Remove(&endpoints);
     Cleanup();
     running = false;
     BUS_LOG(1, "MSG_BROKER: stopped serving %s\n", endpoints.in.c_str());

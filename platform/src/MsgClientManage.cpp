@@ -48,6 +48,23 @@ constexpr std::chrono::seconds kWatchdogInterval(1);
 constexpr std::chrono::seconds kRefusalLogInterval(1);
 // Buffers above this are released after dispatch, so that one burst does not pin memory.
 constexpr size_t kKeepBufferBytes = 4u << 20;
+// Received messages waiting for dispatch (a burst of 100,000 small messages fits). Past either
+// limit the oldest are dropped: every message the recorder sends is either a whole state or
+// setting, which a newer one of the same kind replaces, or a request that its sender repeats;
+// the newest are the ones worth keeping.
+constexpr size_t kMaxQueuedMessages = 131072;
+constexpr size_t kMaxQueuedBytes = 64u << 20;
+// ZeroMQ's own queue in front of ours, which every wait drains; it fills only when a sender
+// outpaces the drain, and past it the broker drops what is newest.
+constexpr int kSubHighWaterMark = 65536;
+// One drain takes at most this many messages off the socket, so that a sender faster than the
+// drain cannot keep the waiting thread there.
+constexpr int kDrainBatch = 4096;
+// One MSGWaitForEvent dispatches at most this many messages, and stops after its wait time
+// (but not before kMinDispatchMs) once one has run: the caller's loop (watchdog, stop) turns.
+constexpr size_t kDispatchBatch = 256;
+constexpr Ms kMinDispatchTime(10);
+constexpr std::chrono::seconds kDropLogInterval(1);
 
 // One ZeroMQ context (and I/O thread) for all clients of a process; ended with the last
 // client so that lingering messages are flushed before the process goes on.
@@ -153,6 +170,10 @@ struct CMsgClientManage::Impl {
     void PollSocket(Clock::time_point deadline);
     void DrainLocked();
     void Classify(const char* data, size_t size, bool more);
+    size_t QueuedLocked() const { return inFrames.size() - inHead; }
+    void QueueLocked(const char* data, size_t size);
+    void CompactLocked();
+    void TakeBatchLocked();
 
     int Register(int ownId, uint32_t eventId, HandlerFn fn);
     int Unregister(int ownId, uint32_t eventId);
@@ -195,7 +216,11 @@ struct CMsgClientManage::Impl {
     zmq_msg_t rxMsg;
     bool skipMore = false;
     std::vector<char> inBytes;
-    std::vector<Frame> inFrames;
+    std::vector<Frame> inFrames;  // from inHead on: not yet taken for dispatch, oldest first
+    size_t inHead = 0;
+    uint64_t dropped = 0;  // oldest messages dropped for room, ever
+    uint64_t droppedLogged = 0;
+    Clock::time_point lastDropLog{};
     uint64_t nextRound = 1;
     uint64_t appliedUpTo = 0;
     std::vector<uint64_t> openRounds;
@@ -208,6 +233,7 @@ struct CMsgClientManage::Impl {
     std::mutex waitLock;
     std::vector<char> dispBytes;
     std::vector<Frame> dispFrames;
+    size_t dispNext = 0;  // the first of dispFrames not dispatched yet
     std::vector<char> handlerBuf;
     size_t handlerDirty = 0;  // bytes of handlerBuf that may be non-zero
     std::vector<uint64_t> snapshot;
@@ -262,7 +288,7 @@ void CMsgClientManage::Impl::Open() {
     int hwm = kPubHighWaterMark;
     int noDrop = 1;
     int pubLinger = kPubLingerMs;
-    int unlimited = 0;
+    int subHwm = kSubHighWaterMark;
     int subLinger = 0;
     size_t fdSize = sizeof subFd;
     const char* step = "socket";
@@ -272,7 +298,7 @@ void CMsgClientManage::Impl::Open() {
         ok = zmq_setsockopt(pub, ZMQ_SNDHWM, &hwm, sizeof hwm) == 0 &&
              zmq_setsockopt(pub, ZMQ_XPUB_NODROP, &noDrop, sizeof noDrop) == 0 &&
              zmq_setsockopt(pub, ZMQ_LINGER, &pubLinger, sizeof pubLinger) == 0 &&
-             zmq_setsockopt(sub, ZMQ_RCVHWM, &unlimited, sizeof unlimited) == 0 &&
+             zmq_setsockopt(sub, ZMQ_RCVHWM, &subHwm, sizeof subHwm) == 0 &&
              zmq_setsockopt(sub, ZMQ_LINGER, &subLinger, sizeof subLinger) == 0 &&
              zmq_getsockopt(sub, ZMQ_FD, &subFd, &fdSize) == 0;
     }
@@ -514,13 +540,15 @@ void CMsgClientManage::Impl::PollSocket(Clock::time_point deadline) {
     }
 }
 
-// Takes everything the socket holds. Receiving until EAGAIN also processes the socket's
-// pending commands, which is what re-arms subFd.
+// Takes what the socket holds, at most kDrainBatch messages. Receiving until EAGAIN also
+// processes the socket's pending commands, which is what re-arms subFd; a drain cut short
+// leaves `settled` false, so the next one comes without polling.
 void CMsgClientManage::Impl::DrainLocked() {
     if (sub == nullptr) {
         return;
     }
-    for (;;) {
+    settled = false;
+    for (int taken = 0; taken < kDrainBatch; ++taken) {
         int rc = zmq_msg_recv(&rxMsg, sub, ZMQ_DONTWAIT);
         if (rc < 0) {
             int err = zmq_errno();
@@ -568,8 +596,71 @@ void CMsgClientManage::Impl::Classify(const char* data, size_t size, bool more) 
                 tag, eventId, length, size - kHeadSize);
         return;
     }
+    QueueLocked(data, size);
+}
+
+void CMsgClientManage::Impl::QueueLocked(const char* data, size_t size) {
+    while (QueuedLocked() > 0 &&
+           (QueuedLocked() >= kMaxQueuedMessages ||
+            inBytes.size() - inFrames[inHead].offset + size > kMaxQueuedBytes)) {
+        ++inHead;
+        ++dropped;
+    }
+    if (dropped > droppedLogged) {
+        Clock::time_point now = Clock::now();
+        if (droppedLogged == 0 || now - lastDropLog >= kDropLogInterval) {
+            BUS_LOG(0,
+                    "MSG_CLIENT: %s: receive queue full (%zu messages or %zu bytes): dropped the "
+                    "oldest, %llu dropped so far\n",
+                    tag, kMaxQueuedMessages, kMaxQueuedBytes,
+                    static_cast<unsigned long long>(dropped));
+            droppedLogged = dropped;
+            lastDropLog = now;
+        }
+    }
+    CompactLocked();
     inFrames.push_back(Frame{inBytes.size(), size});
     inBytes.insert(inBytes.end(), data, data + size);
+}
+
+// Forgets the frames before inHead once they are at least half of the queue: amortised, a
+// message is moved a bounded number of times.
+void CMsgClientManage::Impl::CompactLocked() {
+    if (inHead == inFrames.size()) {
+        inFrames.clear();
+        inBytes.clear();
+        inHead = 0;
+        return;
+    }
+    if (inHead < 64 || inHead * 2 < inFrames.size()) {
+        return;
+    }
+    const size_t base = inFrames[inHead].offset;
+    inBytes.erase(inBytes.begin(), inBytes.begin() + static_cast<std::ptrdiff_t>(base));
+    inFrames.erase(inFrames.begin(), inFrames.begin() + static_cast<std::ptrdiff_t>(inHead));
+    for (Frame& f : inFrames) {
+        f.offset -= base;
+    }
+    inHead = 0;
+}
+
+// Moves the oldest queued messages, at most kDispatchBatch, to the dispatch buffers.
+void CMsgClientManage::Impl::TakeBatchLocked() {
+    const size_t count = std::min(QueuedLocked(), kDispatchBatch);
+    if (count == 0) {
+        return;
+    }
+    const size_t first = inFrames[inHead].offset;
+    const Frame& last = inFrames[inHead + count - 1];
+    const size_t end = last.offset + last.size;
+    dispBytes.assign(inBytes.begin() + static_cast<std::ptrdiff_t>(first),
+                     inBytes.begin() + static_cast<std::ptrdiff_t>(end));
+    for (size_t i = 0; i < count; ++i) {
+        const Frame& f = inFrames[inHead + i];
+        dispFrames.push_back(Frame{f.offset - first, f.size});
+    }
+    inHead += count;
+    CompactLocked();
 }
 
 // ---- registrations -------------------------------------------------------------------------
@@ -655,21 +746,35 @@ int CMsgClientManage::Impl::Wait(unsigned ms) {
     if (!connected.load()) {
         Reprobe();
     }
+    const Clock::time_point start = Clock::now();
     {
         std::unique_lock<std::mutex> lk(recvLock);
-        WaitLocked(
-            lk, [this] { return !inFrames.empty(); }, Clock::now() + Ms(ms));
-        inBytes.swap(dispBytes);
-        inFrames.swap(dispFrames);
+        if (dispNext < dispFrames.size()) {
+            DrainLocked();  // a backlog is being worked off: keep the socket moving all the same
+        } else {
+            dispFrames.clear();
+            dispBytes.clear();
+            dispNext = 0;
+            WaitLocked(
+                lk, [this] { return QueuedLocked() > 0; }, start + Ms(ms));
+            TakeBatchLocked();
+        }
     }
-    for (const Frame& f : dispFrames) {
+    const Clock::time_point budgetEnd = start + std::max<Ms>(Ms(ms), kMinDispatchTime);
+    int count = 0;
+    while (dispNext < dispFrames.size() && (count == 0 || Clock::now() < budgetEnd)) {
+        const Frame& f = dispFrames[dispNext++];
         const char* src = dispBytes.data() + f.offset;
         char* buf = PrepareHandlerBuffer(src, f.size);
         CallHandlers(GetLe32(src), buf, static_cast<int>(f.size));
+        ++count;
     }
-    int count = static_cast<int>(dispFrames.size());
+    if (dispNext < dispFrames.size()) {
+        return count;  // the rest waits for the next call
+    }
     dispFrames.clear();
     dispBytes.clear();
+    dispNext = 0;
     if (dispBytes.capacity() > kKeepBufferBytes) {
         std::vector<char>().swap(dispBytes);
         std::vector<Frame>().swap(dispFrames);

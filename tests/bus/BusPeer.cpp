@@ -1,15 +1,44 @@
-// The other process of the two-process bus test:
+// The other process of the bus tests:
 //   bus_peer <requestId> <quitId>
-// Answers every request with the request's head and payload, prints "ready" once registered,
-// and exits on <quitId> or after ten quiet seconds, so that a failed test leaves nothing behind.
+//     Answers every request with the request's head and payload, prints "ready" once
+//     registered, and exits on <quitId> or after ten quiet seconds, so that a failed test
+//     leaves nothing behind.
+//   bus_peer flood <eventId> <bytes> <seconds>
+//     Sends <bytes>-byte messages <eventId> as fast as the bus takes them for <seconds>.
 #include <stdio.h>
 #include <stdlib.h>
+#include <string.h>
+
+#include <chrono>
+#include <string>
 
 #include "MsgClientManage.h"
 
+namespace {
+
+int Flood(int eventId, size_t bytes, int seconds) {
+    CMsgClientManage bus("BusFlood", 300000);
+    const std::string payload(bytes, 'f');
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
+    printf("flooding\n");
+    fflush(stdout);
+    while (std::chrono::steady_clock::now() < end) {
+        for (int i = 0; i < 100; ++i) {
+            bus.MSGSendMessage(0, eventId, 0, payload.data(), static_cast<int>(bytes), 77);
+        }
+    }
+    return 0;
+}
+
+}  // namespace
+
 int main(int argc, char** argv) {
+    if (argc == 5 && strcmp(argv[1], "flood") == 0) {
+        return Flood(atoi(argv[2]), strtoul(argv[3], nullptr, 10), atoi(argv[4]));
+    }
     if (argc != 3) {
-        fprintf(stderr, "usage: %s <requestId> <quitId>\n", argv[0]);
+        fprintf(stderr, "usage: %s <requestId> <quitId> | flood <eventId> <bytes> <seconds>\n",
+                argv[0]);
         return 2;
     }
     CMsgClientManage bus("BusPeer", 300000);

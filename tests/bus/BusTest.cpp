@@ -5,7 +5,9 @@
 #include <unistd.h>
 #include <zmq.h>
 
+#include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <memory>
@@ -119,6 +121,33 @@ TEST(Broker, IpcFilesAreOwnerOnlyAndASecondBrokerIsRefused) {
         EXPECT_NE(access(dir.File(name).c_str(), F_OK), 0) << name;
     }
     EXPECT_EQ(second.Start(), 0) << "free once the first one stopped";
+}
+
+// The lock file alone proves nothing: deleted under a running broker, it must not let a second
+// one unlink the live sockets. Files a dead broker left behind do not stop a new one.
+TEST(Broker, ALiveBrokerIsNotTakenOverWhenItsLockFileIsGone) {
+    pmtest::TempDir dir;
+    BusEndpoints ep;
+    ASSERT_TRUE(Common::ParseBusAddress(dir.File("bus"), ep));
+    CMsgBroker first(ep);
+    ASSERT_EQ(first.Start(), 0);
+    ASSERT_EQ(unlink(ep.lock.c_str()), 0);
+    pmtest::LogCapture log;
+    CMsgBroker second(ep);
+    EXPECT_EQ(second.Start(), 1);
+    EXPECT_TRUE(log.Contains("MSG_BROKER: a broker answers at " + ep.in));
+    pmtest::ScopedEnv env("RECORDER_BUS", dir.File("bus"));
+    CMsgClientManage client("late", 300000);
+    EXPECT_TRUE(client.IsConnected()) << "a client that came later still reaches the broker";
+    first.Stop();
+
+    // A broker killed outright leaves its files; they are stale, not a broker.
+    for (const char* name : {"bus.in", "bus.out", "bus.lock"}) {
+        pmtest::TempDir().Write("x", "");
+        std::fclose(std::fopen(dir.File(name).c_str(), "w"));
+    }
+    CMsgBroker third(ep);
+    EXPECT_EQ(third.Start(), 0);
 }
 
 TEST(BusProcesses, RequestAndAnswerThroughTheBroker) {
@@ -349,6 +378,160 @@ TEST_F(BusClient, BurstOfHundredThousandArrivesWhole) {
         receiver, [&] { return next >= kCount; }, std::chrono::seconds(30)))
         << next << " of " << kCount << " arrived";
     EXPECT_TRUE(inOrder);
+}
+
+// The broker hears when the last handler of an event goes, so that the client is sent nothing
+// it would only throw away. A publisher-side socket at the broker's input sees the
+// subscriptions the broker passes upstream.
+TEST_F(BusClient, UnregisteringTheLastHandlerDropsTheSubscription) {
+    BusEndpoints ep = Common::BusEndpointsFromEnv();
+    void* ctx = zmq_ctx_new();
+    void* upstream = zmq_socket(ctx, ZMQ_XPUB);
+    ASSERT_EQ(zmq_connect(upstream, ep.in.c_str()), 0);
+    auto next = [&](std::string& message) {
+        char buf[64];
+        zmq_pollitem_t item = {upstream, 0, ZMQ_POLLIN, 0};
+        if (zmq_poll(&item, 1, 2000) != 1) {
+            return false;
+        }
+        int n = zmq_recv(upstream, buf, sizeof buf, 0);
+        message.assign(buf, n > 0 ? static_cast<size_t>(n) : 0);
+        return n > 0;
+    };
+    // Upstream sees one subscription to everything (the broker's own) before anything else.
+    std::string message;
+    ASSERT_TRUE(next(message));
+    ASSERT_EQ(message, std::string("\x01", 1));
+
+    CMsgClientManage client("subscriber", 300000);
+    client.RegisterHandler(1, kEvent, [](const char*, int) { return 0; });
+    client.RegisterHandler(2, kEvent, [](const char*, int) { return 0; });
+    const std::string prefix("\xb9\x0b\x00\x00", 4);  // 3001, little-endian
+    bool subscribed = false;
+    while (!subscribed && next(message)) {
+        subscribed = message == "\x01" + prefix;
+    }
+    ASSERT_TRUE(subscribed);
+    client.MSGEventUnRegister(1, kEvent);
+    client.MSGEventUnRegister(2, kEvent);
+    bool unsubscribed = false;
+    while (!unsubscribed && next(message)) {
+        unsubscribed = message == std::string("\x00", 1) + prefix;
+    }
+    EXPECT_TRUE(unsubscribed);
+    zmq_close(upstream);
+    zmq_ctx_term(ctx);
+}
+
+// One wait does a bounded share of a backlog: the caller's loop keeps turning, and the rest
+// follows, in order, on the next calls.
+TEST_F(BusClient, AWaitDispatchesABoundedShareOfABacklogInOrder) {
+    CMsgClientManage sender("backlog", 300000);
+    CMsgClientManage receiver("slow", 300000);
+    uint32_t next = 0;
+    bool inOrder = true;
+    receiver.RegisterHandler(1, kEvent, [&](const char* data, int) {
+        uint32_t index;
+        memcpy(&index, data + 16, sizeof index);
+        inOrder = inOrder && index == next++;
+        return 0;
+    });
+    constexpr uint32_t kCount = 2000;
+    for (uint32_t i = 0; i < kCount; ++i) {
+        ASSERT_EQ(sender.MSGSendMessage(0, kEvent, 0, reinterpret_cast<const char*>(&i), 4, 1), 0);
+    }
+    int calls = 0;
+    int most = 0;
+    ASSERT_TRUE(pmtest::WaitUntil(
+        [&] {
+            most = std::max(most, receiver.MSGWaitForEvent(10));
+            ++calls;
+            return next >= kCount;
+        },
+        std::chrono::seconds(20)));
+    EXPECT_TRUE(inOrder);
+    EXPECT_LE(most, 256);
+    EXPECT_GE(calls, 8);
+}
+
+long RssKiB() {
+    long pages = 0;
+    long resident = 0;
+    FILE* f = std::fopen("/proc/self/statm", "r");
+    if (f != nullptr) {
+        if (std::fscanf(f, "%ld %ld", &pages, &resident) != 2) {
+            resident = 0;
+        }
+        std::fclose(f);
+    }
+    return resident * (sysconf(_SC_PAGESIZE) / 1024);
+}
+
+// A sender faster than its consumer, in a process of its own: the consumer's loop still turns
+// (its watchdog would be fed) and memory stays bounded. Unbounded, the first wait returned only
+// when the flood ended, and 3 s of it took gigabytes.
+TEST_F(BusClient, AFloodNeitherTrapsTheWaitingLoopNorGrowsMemoryWithoutBound) {
+    CMsgClientManage receiver("flooded", 300000);
+    receiver.RegisterHandler(1, kEvent, [](const char*, int) {
+        std::this_thread::sleep_for(std::chrono::microseconds(200));  // a slow handler
+        return 0;
+    });
+    const long before = RssKiB();
+    std::unique_ptr<FILE, int (*)(FILE*)> flooder(
+        popen((BUS_PEER_PATH " flood " + std::to_string(kEvent) + " 1000 4").c_str(), "r"), pclose);
+    ASSERT_TRUE(flooder);
+    char line[16] = "";
+    ASSERT_NE(fgets(line, sizeof line, flooder.get()), nullptr);
+    const auto start = std::chrono::steady_clock::now();
+    auto last = start;
+    std::chrono::steady_clock::duration longest{};
+    long peak = before;
+    while (std::chrono::steady_clock::now() - start < std::chrono::seconds(3)) {
+        receiver.MSGWaitForEvent(10);
+        const auto now = std::chrono::steady_clock::now();
+        longest = std::max(longest, now - last);
+        last = now;
+        peak = std::max(peak, RssKiB());
+    }
+    // Generous against a loaded machine; held, a wait lasts as long as the flood (4 s).
+    EXPECT_LT(longest, std::chrono::seconds(2)) << "the loop was held";
+    // The client's queue (64 MiB), ZeroMQ's queue in front of it and the broker's two queues
+    // (this test runs the broker) bound it.
+    EXPECT_LT(peak - before, 600L * 1024) << "KiB";
+}
+
+// What does not fit the receive queue goes oldest first, counted: the newest arrive.
+TEST_F(BusClient, AFullReceiveQueueDropsTheOldest) {
+    CMsgClientManage sender("burst", 300000);
+    CMsgClientManage receiver("behind", 300000);
+    pmtest::LogCapture log;
+    std::vector<uint32_t> seen;
+    receiver.RegisterHandler(1, kEvent, [&](const char* data, int) {
+        uint32_t index;
+        memcpy(&index, data + 16, sizeof index);
+        seen.push_back(index);
+        if (!log.Contains("dropped the oldest")) {  // slow until the queue has overflowed
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+        return 0;
+    });
+    // 100,000 messages of 1000 bytes: more than the queue's 64 MiB, fewer than ZeroMQ holds.
+    constexpr uint32_t kCount = 100000;
+    std::string payload(1000, 'b');
+    for (uint32_t i = 0; i < kCount; ++i) {
+        memcpy(&payload[0], &i, sizeof i);
+        ASSERT_EQ(Send(sender, kEvent, payload), 0);
+    }
+    ASSERT_TRUE(PumpUntil(
+        receiver, [&] { return !seen.empty() && seen.back() == kCount - 1; },
+        std::chrono::seconds(60)));
+    EXPECT_TRUE(
+        log.Contains("MSG_CLIENT: behind: receive queue full (131072 messages or "
+                     "67108864 bytes): dropped the oldest, "));
+    EXPECT_EQ(seen.front(), 0u);
+    EXPECT_LT(seen.size(), kCount);
+    EXPECT_TRUE(std::is_sorted(seen.begin(), seen.end()));
+    EXPECT_EQ(std::adjacent_find(seen.begin(), seen.end()), seen.end()) << "none twice";
 }
 
 TEST_F(BusClient, WatchdogIsPublishedAtMostOncePerSecond) {
