@@ -11,7 +11,9 @@ namespace Common {
 // environment (default 1), or the value set with SetLogLevel. Records go to stderr, or are
 // appended to the file named by PM_LOG_FILE. Each printed line is the formatted text
 // unchanged behind a prefix "[HH:MM:SS.mmm L<level>] "; a text without a final newline
-// gets one. Records of several threads never interleave.
+// gets one. Records of several threads never interleave. Logging never blocks the caller: a
+// record the output cannot take at once (a pipe nobody reads) is dropped and counted, and the
+// count is printed ("log: N lines lost, ...") before the next record that goes out.
 void gclDebugPrintf(int level, const char* file, const char* func, int line, const char* fmt, ...)
     __attribute__((format(printf, 5, 6)));
 

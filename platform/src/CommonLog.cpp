@@ -2,10 +2,12 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <sys/time.h>
 #include <time.h>
 #include <unistd.h>
@@ -33,8 +35,10 @@ struct LogState {
     std::atomic<int> level{LevelFromEnv()};
     std::atomic<bool> hasSink{false};
     LogSink sink;
-    int fd = -1;  // PM_LOG_FILE, opened on first use
-    bool fileTried = false;
+    int fd = -1;  // where records go, chosen on first use; never blocks
+    bool outputChosen = false;
+    bool lookBeforeWrite = false;  // an output that could not be made non-blocking
+    uint64_t lost = 0;             // records not written since the last one that was
 };
 
 LogState& State() {
@@ -59,22 +63,54 @@ std::string Format(const char* fmt, va_list ap) {
     return std::string(big.data(), static_cast<size_t>(n));
 }
 
+// Standard error as an output that never blocks. A regular file does not; a pipe, FIFO or
+// terminal gets a description of its own opened non-blocking, so that the shared one (and the
+// other programs writing to it) stay as they are; anything else is looked at before each write.
+int NonBlockingStderr(LogState& s) {
+    struct stat info;
+    if (fstat(STDERR_FILENO, &info) != 0 || S_ISREG(info.st_mode)) {
+        return STDERR_FILENO;
+    }
+    if (S_ISFIFO(info.st_mode) || S_ISCHR(info.st_mode)) {
+        int fd = open("/proc/self/fd/2", O_WRONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
+        if (fd >= 0) {
+            return fd;
+        }
+    }
+    s.lookBeforeWrite = true;
+    return STDERR_FILENO;
+}
+
 int Output(LogState& s) {
-    if (!s.fileTried) {
-        s.fileTried = true;
+    if (!s.outputChosen) {
+        s.outputChosen = true;
         const char* path = getenv("PM_LOG_FILE");
         if (path != nullptr && *path != '\0') {
-            s.fd = open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
+            // Non-blocking also for a FIFO: opening one without a reader fails at once.
+            s.fd = open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NONBLOCK, 0644);
             if (s.fd < 0) {
                 fprintf(stderr, "log: cannot open PM_LOG_FILE %s: %s; logging to stderr\n", path,
                         strerror(errno));
             }
         }
+        if (s.fd < 0) {
+            s.fd = NonBlockingStderr(s);
+        }
     }
-    return s.fd >= 0 ? s.fd : STDERR_FILENO;
+    return s.fd;
 }
 
-void WriteAll(int fd, const std::string& bytes) {
+// False when the output cannot take the whole record now (a full pipe nobody reads): the record
+// is lost rather than the caller held. Records up to PIPE_BUF bytes go into a pipe whole or not
+// at all.
+bool WriteAll(LogState& s, const std::string& bytes) {
+    int fd = Output(s);
+    if (s.lookBeforeWrite) {
+        struct pollfd ready = {fd, POLLOUT, 0};
+        if (poll(&ready, 1, 0) != 1 || (ready.revents & POLLOUT) == 0) {
+            return false;
+        }
+    }
     size_t done = 0;
     while (done < bytes.size()) {
         ssize_t n = write(fd, bytes.data() + done, bytes.size() - done);
@@ -82,15 +118,14 @@ void WriteAll(int fd, const std::string& bytes) {
             continue;
         }
         if (n <= 0) {
-            return;  // nowhere left to report a failing log
+            return false;
         }
         done += static_cast<size_t>(n);
     }
+    return true;
 }
 
-// The whole record goes out in one write(): with O_APPEND, records of other processes
-// sharing the file land between records, never inside one; stdio would split long ones.
-void Print(LogState& s, int level, const std::string& text) {
+std::string Prefix(int level) {
     struct timeval tv;
     gettimeofday(&tv, nullptr);
     struct tm tmv;
@@ -98,12 +133,31 @@ void Print(LogState& s, int level, const std::string& text) {
     char prefix[48];
     snprintf(prefix, sizeof prefix, "[%02d:%02d:%02d.%03ld L%d] ", tmv.tm_hour, tmv.tm_min,
              tmv.tm_sec, static_cast<long>(tv.tv_usec / 1000), level);
-    std::string record(prefix);
+    return prefix;
+}
+
+// The whole record goes out in one write(): with O_APPEND, records of other processes
+// sharing the file land between records, never inside one; stdio would split long ones.
+// Records the output could not take are counted and reported before the next one it takes.
+void Print(LogState& s, int level, const std::string& text) {
+    if (s.lost > 0) {
+        char note[96];
+        snprintf(note, sizeof note, "log: %llu lines lost, the output did not take them\n",
+                 static_cast<unsigned long long>(s.lost));
+        if (!WriteAll(s, Prefix(0) + note)) {
+            ++s.lost;
+            return;
+        }
+        s.lost = 0;
+    }
+    std::string record = Prefix(level);
     record += text;  // as formatted, embedded NULs included
     if (text.empty() || text.back() != '\n') {
         record += '\n';
     }
-    WriteAll(Output(s), record);
+    if (!WriteAll(s, record)) {
+        ++s.lost;
+    }
 }
 
 }  // namespace

@@ -2,8 +2,12 @@
 //   pm_log_child levels            one record at each level 0..4
 //   pm_log_child threads <t> <n>   t threads logging n long records each, at once; every
 //                                  other record lacks its final newline
+//   pm_log_child stall <n>         n records as fast as it can, "flooded" on stdout, then one
+//                                  more record once a byte arrives on stdin
+#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <unistd.h>
 
 #include <string>
 #include <thread>
@@ -15,6 +19,18 @@ int main(int argc, char** argv) {
     if (argc == 2 && strcmp(argv[1], "levels") == 0) {
         for (int level = 0; level <= 4; ++level) {
             Common::gclDebugPrintf(level, __FILE__, __func__, __LINE__, "level %d record\n", level);
+        }
+        return 0;
+    }
+    if (argc == 3 && strcmp(argv[1], "stall") == 0) {
+        for (int i = 0; i < atoi(argv[2]); ++i) {
+            Common::gclDebugPrintf(0, __FILE__, __func__, __LINE__, "stall record %d\n", i);
+        }
+        printf("flooded\n");
+        fflush(stdout);
+        char byte;
+        if (read(STDIN_FILENO, &byte, 1) == 1) {
+            Common::gclDebugPrintf(0, __FILE__, __func__, __LINE__, "after the stall\n");
         }
         return 0;
     }

@@ -1,7 +1,11 @@
 // Log level, PM_LOG_FILE, whole lines under threads, and the capture hook.
 #include <ctype.h>
+#include <fcntl.h>
+#include <spawn.h>
 #include <stdlib.h>
+#include <string.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <fstream>
 #include <optional>
@@ -13,6 +17,8 @@
 
 #include "CommonLog.h"
 #include "TestSupport.h"
+
+extern char** environ;
 
 namespace {
 
@@ -114,6 +120,74 @@ TEST(Log, LongRecordsOfThreadsAreWholeLinesAppendedToPmLogFile) {
             << "damaged or repeated: " << line.substr(0, 100);
     }
     EXPECT_TRUE(expected.empty()) << expected.size() << " records missing";
+}
+
+// A log output nobody reads (stderr a pipe, stalled) costs records, never the caller: the
+// records it could not take are counted and the count comes out once it takes them again.
+TEST(Log, AStalledOutputLosesRecordsButNeverHoldsTheCaller) {
+    int err[2];
+    int in[2];
+    ASSERT_EQ(pipe2(err, O_CLOEXEC), 0);  // the child holds no end it does not use
+    ASSERT_EQ(pipe2(in, O_CLOEXEC), 0);
+    pmtest::TempDir dir;
+    const std::string outPath = dir.File("out");
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, in[0], 0);
+    posix_spawn_file_actions_addopen(&actions, 1, outPath.c_str(), O_WRONLY | O_CREAT, 0644);
+    posix_spawn_file_actions_adddup2(&actions, err[1], 2);
+    char program[] = PM_LOG_CHILD;
+    char mode[] = "stall";
+    char count[] = "20000";  // about 1 MB of records, far more than a pipe holds
+    char* argv[] = {program, mode, count, nullptr};
+    pid_t child = -1;
+    ASSERT_EQ(posix_spawn(&child, program, &actions, nullptr, argv, environ), 0);
+    posix_spawn_file_actions_destroy(&actions);
+    close(in[0]);
+    close(err[1]);
+
+    // Held by its log, it would never get here: nobody reads its stderr yet.
+    EXPECT_TRUE(pmtest::WaitUntil([&] { return ReadLines(outPath) == Lines{"flooded"}; },
+                                  std::chrono::seconds(20)));
+    fcntl(err[0], F_SETFL, O_NONBLOCK);
+    std::string text;
+    char buf[65536];
+    auto drain = [&] {
+        for (ssize_t n; (n = read(err[0], buf, sizeof buf)) > 0;) {
+            text.append(buf, static_cast<size_t>(n));
+        }
+    };
+    drain();
+    ASSERT_EQ(write(in[1], "x", 1), 1);
+    close(in[1]);
+    int status = 0;
+    ASSERT_TRUE(pmtest::WaitUntil([&] {
+        drain();
+        return waitpid(child, &status, WNOHANG) == child;
+    }));
+    drain();
+    close(err[0]);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+
+    // Whole records, the first ones in order, then the count of the lost ones, then the last.
+    Lines lines;
+    for (size_t start = 0, end; (end = text.find('\n', start)) != std::string::npos;
+         start = end + 1) {
+        lines.push_back(text.substr(start, end - start));
+    }
+    ASSERT_GE(lines.size(), 3u);
+    int level = -1;
+    std::string record;
+    for (size_t i = 0; i + 2 < lines.size(); ++i) {
+        ASSERT_TRUE(ParseRecord(lines[i], &level, &record)) << lines[i];
+        ASSERT_EQ(record, "stall record " + std::to_string(i));
+    }
+    ASSERT_TRUE(ParseRecord(lines[lines.size() - 2], &level, &record));
+    const unsigned long lost = strtoul(record.c_str() + strlen("log: "), nullptr, 10);
+    EXPECT_EQ(record, "log: " + std::to_string(lost) + " lines lost, the output did not take them");
+    EXPECT_EQ(lost, 20000 - (lines.size() - 2));
+    ASSERT_TRUE(ParseRecord(lines.back(), &level, &record));
+    EXPECT_EQ(record, "after the stall");
 }
 
 TEST(Log, CaptureHookSeesEveryLevelExactlyAsFormatted) {
