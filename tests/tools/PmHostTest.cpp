@@ -1,8 +1,12 @@
 // pm-host with the test service: real processes, real dlopen, a private bus.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <unistd.h>
 
+#include <chrono>
 #include <filesystem>
+#include <optional>
 
 #include "TestSupport.h"
 #include "ToolProcess.h"
@@ -77,6 +81,54 @@ TEST_F(PmHostTest, WarnsOnceWhenTheServiceStopsFeedingAndNoticesItsReturn) {
     EXPECT_EQ(err.find(silent), err.rfind(silent)) << "warned twice for one silence:\n" << err;
     EXPECT_EQ(err.find("no client has fed"), std::string::npos) << err;
     ExpectCleanStop(host);
+}
+
+// A reader that goes away (`pm-host | head -1`) must not take the host with it.
+TEST_F(PmHostTest, OutlivesAClosedStandardOutput) {
+    pmtest::PrivateBus bus;
+    int out[2];
+    ASSERT_EQ(pipe2(out, O_CLOEXEC), 0);  // the host must not hold the reading end itself
+    ToolProcess host("pm-host", {"--service", TestService()}, out[1]);
+    close(out[1]);
+    close(out[0]);  // nobody reads the host's output any more
+    ASSERT_TRUE(host.WaitErr("pm-host: service ")) << host.Err();
+    ASSERT_EQ(RunTool("pm-bus", {"send", "7004"}).status, 0);
+    auto called = RunTool("pm-bus", {"call", "7001", "01 02"});
+    EXPECT_NE(called.out.find("| 02 01\n"), std::string::npos) << called.err << host.Err();
+    ExpectCleanStop(host);
+}
+
+// A service that ends the process from Create (no configuration) leaves no broker files that
+// would look like a running bus to the next program.
+TEST_F(PmHostTest, AServiceThatExitsLeavesNoBrokerFilesBehind) {
+    pmtest::ScopedEnv busEnv("RECORDER_BUS", m_dir.File("bus"));
+    pmtest::ScopedEnv exitEnv("PM_TEST_SERVICE_EXIT", "1");
+    auto result = RunTool("pm-host", {"--service", TestService()});
+    EXPECT_EQ(result.status, 1) << result.err;
+    EXPECT_NE(result.err.find("pm-host: started a broker"), std::string::npos) << result.err;
+    for (const char* name : {"bus.in", "bus.out", "bus.lock"}) {
+        EXPECT_FALSE(fs::exists(m_dir.File(name))) << name;
+    }
+}
+
+// Under a flood the service's loop keeps turning: it feeds its watchdog and SIGTERM is answered
+// while the flood goes on (held, both waited for the flood's end).
+TEST_F(PmHostTest, AnswersSigtermAndKeepsFeedingDuringAFlood) {
+    pmtest::PrivateBus bus;
+    pmtest::ScopedEnv period("PM_HOST_WATCHDOG_MS", "3000");
+    ToolProcess host("pm-host", {"--service", TestService()});
+    ASSERT_TRUE(host.WaitErr("pm-host: service ")) << host.Err();
+    ASSERT_EQ(RunTool("pm-bus", {"wait", "watchdog", "--timeout", "10"}).status, 0);
+    ToolProcess flooder(pmtest::TestsDir() + "/bus_peer", {"flood", "7005", "1000", "30"});
+    ASSERT_TRUE(flooder.WaitOut("flooding"));
+    // Two watchdog periods of flood, then the stop.
+    EXPECT_FALSE(pmtest::WaitUntil(
+        [&] { return host.Err().find("has not fed its watchdog") != std::string::npos; },
+        std::chrono::seconds(6)))
+        << host.Err();
+    host.Signal(SIGTERM);
+    EXPECT_EQ(host.WaitExit(std::chrono::seconds(8)), 0) << host.Err();
+    EXPECT_EQ(flooder.WaitExit(std::chrono::milliseconds(1)), std::nullopt) << "still flooding";
 }
 
 TEST(PmHostFailureTest, ExitsWithTheReason) {

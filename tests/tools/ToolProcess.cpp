@@ -32,8 +32,9 @@ std::string ReadFile(const std::string& path) {
     return text.str();
 }
 
-ToolProcess::ToolProcess(const std::string& tool, const std::vector<std::string>& args) {
-    std::vector<std::string> argv = {BinDir() + "/" + tool};
+ToolProcess::ToolProcess(const std::string& tool, const std::vector<std::string>& args, int outFd,
+                         int errFd) {
+    std::vector<std::string> argv = {tool[0] == '/' ? tool : BinDir() + "/" + tool};
     argv.insert(argv.end(), args.begin(), args.end());
     std::vector<char*> pointers;
     for (std::string& a : argv) {
@@ -45,9 +46,27 @@ ToolProcess::ToolProcess(const std::string& tool, const std::vector<std::string>
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT, 0644);
-    posix_spawn_file_actions_addopen(&actions, 2, err.c_str(), O_WRONLY | O_CREAT, 0644);
-    int rc = posix_spawn(&m_pid, argv[0].c_str(), &actions, nullptr, pointers.data(), environ);
+    if (outFd >= 0) {
+        posix_spawn_file_actions_adddup2(&actions, outFd, 1);
+    } else {
+        posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT, 0644);
+    }
+    if (errFd >= 0) {
+        posix_spawn_file_actions_adddup2(&actions, errFd, 2);
+    } else {
+        posix_spawn_file_actions_addopen(&actions, 2, err.c_str(), O_WRONLY | O_CREAT, 0644);
+    }
+    // Whatever this process ignores, a tool starts with the default actions: it must cope with
+    // a closed pipe on its own.
+    posix_spawnattr_t attributes;
+    posix_spawnattr_init(&attributes);
+    sigset_t defaults;
+    sigemptyset(&defaults);
+    sigaddset(&defaults, SIGPIPE);
+    posix_spawnattr_setsigdefault(&attributes, &defaults);
+    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF);
+    int rc = posix_spawn(&m_pid, argv[0].c_str(), &actions, &attributes, pointers.data(), environ);
+    posix_spawnattr_destroy(&attributes);
     posix_spawn_file_actions_destroy(&actions);
     if (rc != 0) {
         throw std::runtime_error("cannot start " + argv[0]);

@@ -17,11 +17,15 @@ std::string TestsDir();  // folder of the test executable (build/tests)
 std::string BinDir();    // the build's bin/ beside it
 std::string ReadFile(const std::string& path);
 
-// One tool of BinDir() with the test's environment (set variables with ScopedEnv first);
-// stdin is /dev/null, stdout and stderr go to files. Killed if still running at destruction.
+// One tool of BinDir() (or a program given by its absolute path) with the test's environment (set
+// variables with ScopedEnv first); stdin is /dev/null, stdout and stderr go to files. Killed if
+// still running at destruction.
 class ToolProcess {
 public:
-    ToolProcess(const std::string& tool, const std::vector<std::string>& args);
+    // `outFd` and `errFd`, when given, become the tool's stdout and stderr instead of files
+    // (a pipe, for instance); the caller keeps its own copies.
+    ToolProcess(const std::string& tool, const std::vector<std::string>& args, int outFd = -1,
+                int errFd = -1);
     ~ToolProcess();
     ToolProcess(const ToolProcess&) = delete;
     ToolProcess& operator=(const ToolProcess&) = delete;

@@ -1,6 +1,10 @@
 // A small service for pm-host's tests. It answers request 7001 with the payload reversed,
-// feeds its watchdog from a thread of its own (no longer after 7002, again after 7003) and
-// leaves traces in files named by the environment (see docs/tools.md).
+// feeds its watchdog from a thread of its own (no longer after 7002, again after 7003), prints
+// a line to standard output on 7004 (as the real service prints parameter records), spends a
+// millisecond on 7005, and leaves traces in files named by the environment (see
+// docs/tools.md). With PM_TEST_SERVICE_EXIT set, Create ends the process with exit(1), as the
+// real service does without its configuration.
+#include <stdio.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -38,6 +42,15 @@ public:
             }
             return 0;
         });
+        m_client.RegisterHandler(kOwnId, 7004, [](const char*, int) {
+            printf("printed by the service\n");
+            fflush(stdout);
+            return 0;
+        });
+        m_client.RegisterHandler(kOwnId, 7005, [](const char*, int) {
+            usleep(1000);  // about what the real service spends on a parameter record
+            return 0;
+        });
         for (int id : {7002, 7003}) {
             m_client.RegisterHandler(kOwnId, id, [this, id](const char*, int) {
                 m_feeding = id == 7003;
@@ -73,5 +86,8 @@ private:
 extern "C" __attribute__((visibility("default"))) CServiceBase* Create() {
     char cwd[PATH_MAX];
     WriteFileNamedBy("PM_TEST_SERVICE_CWD", getcwd(cwd, sizeof cwd) != nullptr ? cwd : "?");
+    if (getenv("PM_TEST_SERVICE_EXIT") != nullptr) {
+        exit(1);
+    }
     return getenv("PM_TEST_SERVICE_CREATE_NULL") != nullptr ? nullptr : new CTestService();
 }

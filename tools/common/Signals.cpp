@@ -24,6 +24,10 @@ void BlockStopSignals() {
     pthread_sigmask(SIG_BLOCK, &set, nullptr);
 }
 
+void IgnoreBrokenPipes() {
+    signal(SIGPIPE, SIG_IGN);
+}
+
 int TakeStopSignal(int ms) {
     sigset_t set = StopSet();
     struct timespec wait;

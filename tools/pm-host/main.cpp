@@ -214,6 +214,7 @@ int Run(const Options& options) {
 
 int main(int argc, char** argv) {
     pmtools::BlockStopSignals();
+    pmtools::IgnoreBrokenPipes();
     Options options;
     int parsed = ParseOptions(argc, argv, options);
     if (parsed != 0) {

@@ -345,6 +345,7 @@ int RunSimulator(const Arguments& a) {
 int main(int argc, char** argv) {
     // Before any thread exists, so that all of them inherit the mask.
     pmtools::BlockStopSignals();
+    pmtools::IgnoreBrokenPipes();
     Arguments a;
     if (int rc = ParseArguments(argc, argv, a)) {
         return rc;
