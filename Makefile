@@ -6,8 +6,10 @@ JOBS ?= $(shell nproc)
 CTEST_FLAGS ?= --output-on-failure -j $(JOBS)
 # `make demo DEMO_FLAGS=--forever` keeps the demo running until Ctrl-C.
 DEMO_FLAGS ?=
+# `make fuzz FUZZ_SECONDS=600` fuzzes each target longer.
+FUZZ_SECONDS ?= 60
 
-.PHONY: all deps configure build test demo sanitize-test tsan-test format format-check install clean
+.PHONY: all deps configure build test demo sanitize-test tsan-test fuzz format format-check install clean
 
 all: build
 
@@ -32,6 +34,10 @@ sanitize-test: deps
 
 tsan-test: deps
 	@$(MAKE) --no-print-directory test BUILD_DIR=build-tsan CMAKE_FLAGS="$(CMAKE_FLAGS) -DSANITIZE=thread -DBUILD_BENCHMARKS=OFF"
+
+# The libFuzzer targets (clang, AddressSanitizer, UBSan), each run FUZZ_SECONDS from its seeds.
+fuzz: deps
+	@CMAKE_FLAGS="$(CMAKE_FLAGS)" bash scripts/fuzz.sh build-fuzz $(FUZZ_SECONDS) $(JOBS)
 
 format:
 	@git ls-files '*.cpp' '*.h' | xargs clang-format -i

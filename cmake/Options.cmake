@@ -18,6 +18,14 @@ if(SANITIZE)
   add_link_options(-fsanitize=${SANITIZE})
 endif()
 
+# Coverage for the fuzzers reaches into every library they load, not only into the targets.
+if(BUILD_FUZZERS)
+  if(NOT CMAKE_CXX_COMPILER_ID MATCHES "Clang")
+    message(FATAL_ERROR "BUILD_FUZZERS needs clang (CXX=clang++)")
+  endif()
+  add_compile_options(-fsanitize=fuzzer-no-link)
+endif()
+
 # pm_add_plugin(<name> <kind> [NO_INSTALL] [ALLOW_UNDEFINED] <sources...>)
 # Plug-ins are built into plugin/<kind>/, link the SDK, export their two entry points only,
 # find the libraries two levels up and are installed into the prefix's plugin/<kind>/ (unless

@@ -7,7 +7,7 @@ packages=(
   build-essential cmake ninja-build pkg-config git
   libzmq3-dev cppzmq-dev libjsoncpp-dev
   googletest libgtest-dev libgmock-dev libbenchmark-dev
-  clang-format
+  clang-format clang libclang-rt-14-dev
   python3 python3-zmq python3-serial
 )
 

@@ -79,6 +79,11 @@ public:
     // returns 0). Returns the number of messages dispatched.
     int MSGWaitForEvent(unsigned int ms);
 
+    // Test hook (fuzzers): runs the handlers of `eventId` on a message of `len` bytes as if it
+    // had been received, zero padding included, on the calling thread, without the bus. Not
+    // while another thread waits in MSGWaitForEvent. Returns the number of handlers run.
+    int MSGDispatchForTest(int eventId, const char* data, int len);
+
     // Remembers `now`; at most once a second publishes kMsgWatchdogEvent with the client's name
     // (32 bytes, NUL-padded) and `now` (int64, little-endian).
     void MSGFeedWatchDog(long long now);

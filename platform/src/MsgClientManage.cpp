@@ -179,7 +179,7 @@ struct CMsgClientManage::Impl {
     int Unregister(int ownId, uint32_t eventId);
     int Wait(unsigned ms);
     char* PrepareHandlerBuffer(const char* src, size_t size);
-    void CallHandlers(uint32_t eventId, const char* buf, int len);
+    int CallHandlers(uint32_t eventId, const char* buf, int len);
 
     std::string name;
     const char* tag;
@@ -805,13 +805,14 @@ char* CMsgClientManage::Impl::PrepareHandlerBuffer(const char* src, size_t size)
 
 // A handler may unregister others (and delete their objects): each registration is looked
 // up again right before its call.
-void CMsgClientManage::Impl::CallHandlers(uint32_t eventId, const char* buf, int len) {
+int CMsgClientManage::Impl::CallHandlers(uint32_t eventId, const char* buf, int len) {
     snapshot.clear();
+    int called = 0;
     {
         std::lock_guard<std::mutex> guard(regLock);
         auto found = events.find(eventId);
         if (found == events.end()) {
-            return;
+            return 0;
         }
         for (const Registration& r : found->second.regs) {
             snapshot.push_back(r.serial);
@@ -823,7 +824,7 @@ void CMsgClientManage::Impl::CallHandlers(uint32_t eventId, const char* buf, int
             std::lock_guard<std::mutex> guard(regLock);
             auto found = events.find(eventId);
             if (found == events.end()) {
-                return;
+                return called;
             }
             for (const Registration& r : found->second.regs) {
                 if (r.serial == serial) {
@@ -834,8 +835,10 @@ void CMsgClientManage::Impl::CallHandlers(uint32_t eventId, const char* buf, int
         }
         if (fn) {
             (*fn)(buf, len);
+            ++called;
         }
     }
+    return called;
 }
 
 // ---- public interface ----------------------------------------------------------------------
@@ -875,6 +878,16 @@ int CMsgClientManage::MSGResponseMessage(Common::SMessageHead* request, const ch
 
 int CMsgClientManage::MSGWaitForEvent(unsigned int ms) {
     return m_pImpl->Wait(ms);
+}
+
+int CMsgClientManage::MSGDispatchForTest(int eventId, const char* data, int len) {
+    Impl& d = *m_pImpl;
+    std::unique_lock<std::mutex> waiting(d.waitLock, std::try_to_lock);
+    if (!waiting.owns_lock() || len < 0 || (len > 0 && data == nullptr)) {
+        return 0;
+    }
+    char* buf = d.PrepareHandlerBuffer(len > 0 ? data : "", static_cast<size_t>(len));
+    return d.CallHandlers(static_cast<uint32_t>(eventId), buf, len);
 }
 
 void CMsgClientManage::MSGFeedWatchDog(long long now) {

@@ -1,0 +1,120 @@
+#!/usr/bin/env python3
+"""Writes the fuzz targets' seed corpora into fuzz/corpus/<target>/: the messages, documents
+and frames the tests use, so that fuzzing starts from inputs that reach deep. Run it again
+after a change to the message layouts; the files it writes are committed."""
+import json
+import os
+import struct
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+ROOT = os.path.dirname(HERE)
+
+# Must match kEvents in fuzz_bus_handlers.cpp: byte 0 of an input picks the event.
+EVENTS = [10, 33917, 1150, 1151, 33083, 316, 33127, 360, 33129, 362, 33087, 320, 1284, 34053,
+          1052, 33819, 33889, 1122, 2053, 1081, 33051, 284, 9, 8, 1035, 6739, 33827, 1060, 33887,
+          1089, 1136, 1090]
+
+
+def message(event, payload, length=None):
+    head = struct.pack("<IIII", event, 50, 1, len(payload) if length is None else length)
+    return bytes([EVENTS.index(event)]) + head + payload
+
+
+def serial_setting(ports):
+    record = bytearray(992)
+    for port, (main, baud, sub, extend) in ports.items():
+        record[72 * port:72 * port + 3] = bytes([main, baud, sub])
+        for k, (emain, ebaud, esub) in extend.items():
+            at = 72 * port + 8 + 8 * k
+            record[at:at + 3] = bytes([emain, ebaud, esub])
+    return bytes(record)
+
+
+def can_frames(main, sub, items):
+    out = struct.pack("<HHBBH", main, sub, 0, 0, len(items))
+    for can_id, data in items:
+        out += struct.pack("<IB3x", can_id, len(data)) + data.ljust(8, b"\0")
+    return out
+
+
+def write(target, name, data):
+    folder = os.path.join(HERE, "corpus", target)
+    os.makedirs(folder, exist_ok=True)
+    with open(os.path.join(folder, name), "wb") as f:
+        f.write(data)
+
+
+def bus_handlers():
+    t = "fuzz_bus_handlers"
+    write(t, "serial-plain", message(316, serial_setting({0: (7, 1, 0, {}), 5: (34, 6, 0, {})})))
+    write(t, "serial-box", message(316, serial_setting(
+        {4: (1, 5, 0, {0: (34, 5, 0), 1: (36, 1, 0)}), 0: (7, 3, 1, {})})))
+    write(t, "serial-hub", message(33083, serial_setting({6: (149, 6, 0, {2: (8, 1, 0)})})))
+    can = bytearray(208)
+    can[0:3] = bytes([12, 0, 2])
+    write(t, "can-setting", message(360, bytes(can)))
+    eth = bytearray(336)
+    eth[0:2] = bytes([20, 0])
+    eth[4:4 + 8] = b"10.0.0.1"
+    eth[20:22] = struct.pack("<H", 5000)
+    write(t, "ethernet-setting", message(362, bytes(eth)))
+    write(t, "can-frames", message(1089, can_frames(12, 0, [
+        (0x0CF00400, bytes.fromhex("f07d7d00000000ff")), (0x18FEF100, b"\x01\x02\x03")])))
+    write(t, "can-bad-length", message(1089, can_frames(12, 0, [(0x123, b"")])[:-16] +
+                                       struct.pack("<IB3x", 0x123, 9) + b"\0" * 8))
+    write(t, "can-filter", message(1136, bytes([0, 3])))
+    mcu = struct.pack("<HHI", 7, 0, 12) + b"$GPGGA,12\r\n"
+    write(t, "mcu-data", message(1090, mcu))
+    write(t, "mcu-lying-length", message(1090, struct.pack("<HHI", 7, 0, 5000) + b"abc"))
+    write(t, "debug-level", message(10, struct.pack("<HHI", 0x1A00, 4, 0)))
+    write(t, "device-ready", message(1150, b"\x01"))
+    write(t, "led", message(1122, bytes(range(16))))
+    write(t, "storage", message(2053, bytes(24) + bytes([2, 0, 1, 1, 5, 0, 1, 1]) + bytes(8)))
+    write(t, "vehicle", message(1081, struct.pack("<I", 8) + bytes(44) + struct.pack("<I", 8) +
+                                b"\x08" + bytes(3)))
+    write(t, "udisk", message(33887, bytes(48) + b"/mnt/usb1".ljust(40, b"\0") +
+                              struct.pack("<Q", 20000000) + bytes(32)))
+    write(t, "usb-state", message(1060, b"\x01" + bytes(71)))
+    write(t, "short-head", message(316, b"", length=992))
+
+
+def config():
+    t = "fuzz_config"
+    with open(os.path.join(ROOT, "examples/root/usr/local/cfg/DEVICE_SERIAL_EXTEND_CFG"), "rb") as f:
+        write(t, "example-root", f.read())
+    write(t, "sub-functions", json.dumps({"DEVICE_SERIAL_SETTING": [
+        {"DEV_SERIAL_FUNCID": 7, "DEV_SERIAL_LIB_NAME": "libgps", "DEV_SERIAL_BAUD_RATE": "B9600",
+         "DEV_SERIAL_PROTOCOL_TYPE": 1, "DEV_SERIAL_SUB_FUNCTION": [
+             {"DEV_SERIAL_SUB_FUNCID": 2, "DEV_SERIAL_BAUD_RATE": "B115200"},
+             {"DEV_SERIAL_SUB_FUNCID": 3}]}],
+        "DEVICE_PERIPHERAL_PARAM_SETTING": {"SERIAL_PARAM": [
+            {"NAME": "232", "POSITION": 0, "PATH": "/dev/ttyAMA2"},
+            {"NAME": "485-2", "POSITION": 12}]}}).encode())
+    write(t, "wrong-types", b'{"DEVICE_SERIAL_SETTING": [{"DEV_SERIAL_FUNCID": "7"}, 3],'
+                            b' "DEVICE_CANPORT_SETTING": "none"}')
+
+
+def frames():
+    t = "fuzz_frame_cutter"
+    # Pieces: a size byte (size = 1 + 8 * byte), then the bytes.
+    def piece(data):
+        size = max(0, (len(data) - 1 + 7) // 8)
+        return bytes([size]) + data.ljust(1 + 8 * size, b"\0")
+    write(t, "two-frames", piece(b"\x11\x7e\xaa\x7f\x7e\xbb") + piece(b"\xcc\x7f"))
+    write(t, "box-answer", piece(bytes.fromhex("7e8004050704010102037f")))
+    write(t, "stuffed", piece(bytes.fromhex("7e810400") + b"\x7d\x5e\x7d\x5f\x7d\x5d" + b"\x7f"))
+    write(t, "never-ends", piece(b"\x7e" + b"x" * 1500) + piece(b"y" * 1000 + b"\x7e\x01"))
+
+
+def stuffing():
+    t = "fuzz_stuffing"
+    write(t, "marks", b"\x00\x7e\x7f\x7d\x01")
+    write(t, "escapes", b"\x7d\x5e\x7d\x5f\x7d\x5d\x7d")
+    write(t, "plain", b"hello, box")
+
+
+if __name__ == "__main__":
+    bus_handlers()
+    config()
+    frames()
+    stuffing()
