@@ -18,7 +18,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             manage.GetPeripheralInstance(PERIPHERAL_TYPE_SERIAL, PERIPHERAL_MAINID_EXTEND_BOX, 0);
         auto* serial = dynamic_cast<CSerialBase*>(found);
         if (serial == nullptr) {
-            serial = new CSerialBase(&manage, manage.GetMsgClient(), PERIPHERAL_MAINID_EXTEND_BOX, 0);
+            serial =
+                new CSerialBase(&manage, manage.GetMsgClient(), PERIPHERAL_MAINID_EXTEND_BOX, 0);
             serial->Initialize();
         }
         return serial;

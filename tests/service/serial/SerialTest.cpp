@@ -357,6 +357,12 @@ TEST(MainChipSerial, AFailedReopenKeepsThePortAndItGoesWithTheInstance) {
 // An independent instance deleted without StopPeripheralThread (as a careless releaser does)
 // while its thread delivers: the base waits for the thread before it frees anything.
 TEST(McuSerial, AnIndependentInstanceIsNotFreedUnderItsOwnThread) {
+#if defined(__SANITIZE_THREAD__)
+    // Its destructors rewrite the object's vtable pointer while the thread still reads it for
+    // its next call: a race by construction, which only StopPeripheralThread before the delete
+    // avoids. What the base guarantees (no use of freed memory) AddressSanitizer checks.
+    GTEST_SKIP() << "races on the vtable by construction";
+#endif
     class Slow : public CSerialBase {
     public:
         Slow(CPeripheralManage* manage, unsigned mainId)
