@@ -9,10 +9,9 @@
 #include "CommonLog.h"
 #include "SerialBase.h"
 
-#define MINIMAL_LOG(level, ...) \
-    Common::gclDebugPrintf(level, __FILE__, __FUNCTION__, __LINE__, __VA_ARGS__)
-
 namespace {
+
+constexpr const char kLogTag[] = "MINIMAL: ";
 
 class CMinimalPlugin : public CSerialBase {
 public:
@@ -22,12 +21,12 @@ public:
                    unsigned int subId)
         : CSerialBase(manage, client, mainId, subId) {
         SetThreadCircleTime(1000);
-        MINIMAL_LOG(1, "MINIMAL: created, mainId = %u, subId = %u, link = %d\n", mainId, subId,
-                    GetSerialType());
+        PM_LOG(1, kLogTag, "created, mainId = %u, subId = %u, link = %d\n", mainId, subId,
+               GetSerialType());
     }
 
     ~CMinimalPlugin() override {
-        MINIMAL_LOG(1, "MINIMAL: released, mainId = %u, subId = %u\n", m_nMainId, m_nSubId);
+        PM_LOG(1, kLogTag, "released, mainId = %u, subId = %u\n", m_nMainId, m_nSubId);
     }
 
     // Bytes wait in the receive buffer; the buffer lock is held. Serial reader thread for a
@@ -40,13 +39,13 @@ public:
         if (length == 0) {
             return 0;
         }
-        MINIMAL_LOG(2, "MINIMAL: %u bytes in, echoing them\n", length);
+        PM_LOG(2, kLogTag, "%u bytes in, echoing them\n", length);
         return SendDataToPeripheral(data, length) < 0 ? -1 : 0;
     }
 
     // Manager thread, once per circle time while the port is open.
     int PeripheralThreadCycle(long long now) override {
-        MINIMAL_LOG(3, "MINIMAL: alive, mainId = %u, now = %lld\n", m_nMainId, now);
+        PM_LOG(3, kLogTag, "alive, mainId = %u, now = %lld\n", m_nMainId, now);
         return 0;
     }
 };

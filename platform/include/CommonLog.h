@@ -17,6 +17,12 @@ namespace Common {
 void gclDebugPrintf(int level, const char* file, const char* func, int line, const char* fmt, ...)
     __attribute__((format(printf, 5, 6)));
 
+// The one way the code logs: `tag` is the module's prefix ("S_MANAGE: ", or "" for a text
+// without one), printed in front of `fmt`; file, function and line are the caller's. `fmt`
+// must be a string literal. The printed text is exactly tag followed by the formatted text.
+#define PM_LOG(level, tag, fmt, ...) \
+    ::Common::gclDebugPrintf(level, __FILE__, __func__, __LINE__, "%s" fmt, tag, ##__VA_ARGS__)
+
 int GetLogLevel();
 void SetLogLevel(int level);
 

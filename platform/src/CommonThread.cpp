@@ -11,6 +11,8 @@ namespace Common {
 CThread::CThread() = default;
 
 namespace {
+
+constexpr const char kLogTag[] = "thread: ";
 // The CThread whose loop runs on this thread. Stop() and Start() from inside the loop must
 // neither take the life lock (an outside Stop() may hold it while joining us) nor join.
 thread_local const CThread* t_ownLoop = nullptr;
@@ -50,7 +52,7 @@ int CThread::Start(int /*policy*/) {
         m_thread = std::thread(&CThread::Loop, this);
     } catch (const std::system_error& e) {
         m_bRunning.store(false);
-        gclDebugPrintf(0, __FILE__, __FUNCTION__, __LINE__, "thread: cannot start: %s\n", e.what());
+        PM_LOG(0, kLogTag, "cannot start: %s\n", e.what());
         return -1;
     }
     return 0;
@@ -96,7 +98,7 @@ void* NormalThreadTrampoline(void* p) {
 
 int CreateNormalThread(ThreadEntryFn fn, void* arg, pthread_t* tid) {
     if (fn == nullptr) {
-        gclDebugPrintf(0, __FILE__, __FUNCTION__, __LINE__, "thread: no entry function\n");
+        PM_LOG(0, kLogTag, "no entry function\n");
         return -1;
     }
     pthread_attr_t attr;
@@ -108,8 +110,7 @@ int CreateNormalThread(ThreadEntryFn fn, void* arg, pthread_t* tid) {
     pthread_attr_destroy(&attr);
     if (rc != 0) {
         delete args;
-        gclDebugPrintf(0, __FILE__, __FUNCTION__, __LINE__, "thread: pthread_create failed: %s\n",
-                       strerror(rc));
+        PM_LOG(0, kLogTag, "pthread_create failed: %s\n", strerror(rc));
         return -1;
     }
     if (tid != nullptr) {

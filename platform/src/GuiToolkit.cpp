@@ -11,10 +11,9 @@
 #include "SysConfig.h"
 #include "SysConfigInternal.h"
 
-#define GUITK_LOG(level, ...) \
-    Common::gclDebugPrintf(level, __FILE__, __FUNCTION__, __LINE__, __VA_ARGS__)
-
 namespace {
+
+constexpr const char kLogTag[] = "GUI_TK: ";
 
 struct TextTable {
     std::mutex lock;
@@ -61,7 +60,7 @@ void Load(TextTable& table) {
         return;
     }
     if (!doc.isObject()) {
-        GUITK_LOG(0, "GUI_TK: language table %s is not an object\n", language.c_str());
+        PM_LOG(0, kLogTag, "language table %s is not an object\n", language.c_str());
         return;
     }
     for (const std::string& id : doc.getMemberNames()) {
@@ -70,7 +69,7 @@ void Load(TextTable& table) {
             table.texts[id] = Intern(table, text.asString());
         }
     }
-    GUITK_LOG(1, "GUI_TK: language %s loaded, %zu texts\n", language.c_str(), table.texts.size());
+    PM_LOG(1, kLogTag, "language %s loaded, %zu texts\n", language.c_str(), table.texts.size());
 }
 
 }  // namespace

@@ -20,11 +20,11 @@
 
 #include "CommonLog.h"
 
-#define BUS_LOG(level, ...) Common::gclDebugPrintf(level, __FILE__, __func__, __LINE__, __VA_ARGS__)
-
 namespace Common {
 
 namespace {
+
+constexpr const char kLogTag[] = "MSG_BROKER: ";
 
 constexpr const char* kDefaultBus = "/tmp/recorder-bus";
 constexpr const char* kIpc = "ipc://";
@@ -100,10 +100,10 @@ BusEndpoints BusEndpointsFromEnv() {
     std::string value = (env != nullptr && *env != '\0') ? env : kDefaultBus;
     BusEndpoints endpoints;
     if (!ParseBusAddress(value, endpoints)) {
-        BUS_LOG(0,
-                "MSG_BUS: RECORDER_BUS \"%s\" is neither a path prefix (of at most %zu bytes) nor "
-                "tcp://HOST:PORT\n",
-                value.c_str(), kMaxIpcPath - strlen(".out"));
+        PM_LOG(0, "",
+               "MSG_BUS: RECORDER_BUS \"%s\" is neither a path prefix (of at most %zu bytes) nor "
+               "tcp://HOST:PORT\n",
+               value.c_str(), kMaxIpcPath - strlen(".out"));
         return BusEndpoints{};
     }
     return endpoints;
@@ -195,7 +195,7 @@ int CMsgBroker::Impl::AcquireLock() {
     for (int attempt = 0; attempt < 8; ++attempt) {
         int fd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
         if (fd < 0) {
-            BUS_LOG(0, "MSG_BROKER: cannot open lock file %s: %s\n", path.c_str(), strerror(errno));
+            PM_LOG(0, kLogTag, "cannot open lock file %s: %s\n", path.c_str(), strerror(errno));
             return -1;
         }
         if (flock(fd, LOCK_EX | LOCK_NB) != 0) {
@@ -204,7 +204,7 @@ int CMsgBroker::Impl::AcquireLock() {
             if (err == EWOULDBLOCK) {
                 return 1;
             }
-            BUS_LOG(0, "MSG_BROKER: cannot lock %s: %s\n", path.c_str(), strerror(err));
+            PM_LOG(0, kLogTag, "cannot lock %s: %s\n", path.c_str(), strerror(err));
             return -1;
         }
         // A broker that stops removes the file while it still holds the lock: when we locked
@@ -216,14 +216,14 @@ int CMsgBroker::Impl::AcquireLock() {
             char pid[32];
             int n = snprintf(pid, sizeof pid, "%ld\n", static_cast<long>(getpid()));
             if (ftruncate(fd, 0) != 0 || write(fd, pid, static_cast<size_t>(n)) != n) {
-                BUS_LOG(2, "MSG_BROKER: cannot write the pid to %s\n", path.c_str());
+                PM_LOG(2, kLogTag, "cannot write the pid to %s\n", path.c_str());
             }
             lockFd = fd;
             return 0;
         }
         close(fd);
     }
-    BUS_LOG(0, "MSG_BROKER: lock file %s keeps changing; giving up\n", path.c_str());
+    PM_LOG(0, kLogTag, "lock file %s keeps changing; giving up\n", path.c_str());
     return -1;
 }
 
@@ -241,7 +241,7 @@ int CMsgBroker::Impl::BindIpc(void* socket, const std::string& endpoint) {
     std::string path = IpcPath(endpoint);
     int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     if (fd < 0) {
-        BUS_LOG(0, "MSG_BROKER: socket for %s: %s\n", endpoint.c_str(), strerror(errno));
+        PM_LOG(0, kLogTag, "socket for %s: %s\n", endpoint.c_str(), strerror(errno));
         return -1;
     }
     struct sockaddr_un addr;
@@ -251,13 +251,13 @@ int CMsgBroker::Impl::BindIpc(void* socket, const std::string& endpoint) {
     unlink(path.c_str());  // left behind by a broker that died; we hold the lock
     if (fchmod(fd, 0600) != 0 || bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
         chmod(path.c_str(), 0600) != 0 || listen(fd, kListenBacklog) != 0) {
-        BUS_LOG(0, "MSG_BROKER: cannot listen at %s: %s\n", path.c_str(), strerror(errno));
+        PM_LOG(0, kLogTag, "cannot listen at %s: %s\n", path.c_str(), strerror(errno));
         close(fd);
         return -1;
     }
     if (zmq_setsockopt(socket, ZMQ_USE_FD, &fd, sizeof fd) != 0 ||
         zmq_bind(socket, endpoint.c_str()) != 0) {
-        BUS_LOG(0, "MSG_BROKER: cannot bind %s: %s\n", endpoint.c_str(), zmq_strerror(errno));
+        PM_LOG(0, kLogTag, "cannot bind %s: %s\n", endpoint.c_str(), zmq_strerror(errno));
         close(fd);
         unlink(path.c_str());
         return -1;
@@ -277,7 +277,7 @@ int CMsgBroker::Impl::Bind(void* socket, const std::string& endpoint) {
     if (err == EADDRINUSE) {
         return 1;
     }
-    BUS_LOG(0, "MSG_BROKER: cannot bind %s: %s\n", endpoint.c_str(), zmq_strerror(err));
+    PM_LOG(0, kLogTag, "cannot bind %s: %s\n", endpoint.c_str(), zmq_strerror(err));
     return -1;
 }
 
@@ -302,7 +302,7 @@ void CMsgBroker::Impl::Cleanup() {
 
 int CMsgBroker::Impl::StartLocked() {
     if (endpoints.in.empty() || endpoints.out.empty()) {
-        BUS_LOG(0, "MSG_BROKER: no bus address to serve\n");
+        PM_LOG(0, kLogTag, "no bus address to serve\n");
         return -1;
     }
     bool ipc = StartsWith(endpoints.in, kIpc);
@@ -314,10 +314,10 @@ int CMsgBroker::Impl::StartLocked() {
         // The lock file can be deleted under a running broker; its sockets cannot be faked.
         for (const std::string& endpoint : {endpoints.in, endpoints.out}) {
             if (IpcAnswers(IpcPath(endpoint))) {
-                BUS_LOG(0,
-                        "MSG_BROKER: a broker answers at %s although the lock file %s was "
-                        "missing; not taking over\n",
-                        endpoint.c_str(), endpoints.lock.c_str());
+                PM_LOG(0, kLogTag,
+                       "a broker answers at %s although the lock file %s was "
+                       "missing; not taking over\n",
+                       endpoint.c_str(), endpoints.lock.c_str());
                 ReleaseLock();
                 return 1;
             }
@@ -325,7 +325,7 @@ int CMsgBroker::Impl::StartLocked() {
     }
     ctx = zmq_ctx_new();
     if (ctx == nullptr) {
-        BUS_LOG(0, "MSG_BROKER: zmq_ctx_new: %s\n", zmq_strerror(zmq_errno()));
+        PM_LOG(0, kLogTag, "zmq_ctx_new: %s\n", zmq_strerror(zmq_errno()));
         ReleaseLock();
         return -1;
     }
@@ -339,7 +339,7 @@ int CMsgBroker::Impl::StartLocked() {
         zmq_setsockopt(xpub, ZMQ_SNDHWM, &perSubscriber, sizeof perSubscriber) != 0 ||
         zmq_setsockopt(xsub, ZMQ_LINGER, &linger, sizeof linger) != 0 ||
         zmq_setsockopt(xpub, ZMQ_LINGER, &linger, sizeof linger) != 0) {
-        BUS_LOG(0, "MSG_BROKER: cannot make sockets: %s\n", zmq_strerror(zmq_errno()));
+        PM_LOG(0, kLogTag, "cannot make sockets: %s\n", zmq_strerror(zmq_errno()));
         Cleanup();
         return -1;
     }
@@ -350,7 +350,7 @@ int CMsgBroker::Impl::StartLocked() {
         boundOut = ipc && rc == 0;
         if (rc == 1) {
             // A broker would hold "in" too: something else took this port.
-            BUS_LOG(0, "MSG_BROKER: %s is taken by another program\n", endpoints.out.c_str());
+            PM_LOG(0, kLogTag, "%s is taken by another program\n", endpoints.out.c_str());
             rc = -1;
         }
     }
@@ -363,7 +363,7 @@ int CMsgBroker::Impl::StartLocked() {
     // can confirm; filtering at each publisher would need each publisher to have it too.
     const char subscribeAll = 1;
     if (zmq_send(xsub, &subscribeAll, 1, 0) != 1) {
-        BUS_LOG(0, "MSG_BROKER: cannot subscribe upstream: %s\n", zmq_strerror(zmq_errno()));
+        PM_LOG(0, kLogTag, "cannot subscribe upstream: %s\n", zmq_strerror(zmq_errno()));
         Cleanup();
         return -1;
     }
@@ -372,14 +372,14 @@ int CMsgBroker::Impl::StartLocked() {
     }
     proxy = std::thread([this] { Run(); });
     running = true;
-    BUS_LOG(1, "MSG_BROKER: serving %s -> %s\n", endpoints.in.c_str(), endpoints.out.c_str());
+    PM_LOG(1, kLogTag, "serving %s -> %s\n", endpoints.in.c_str(), endpoints.out.c_str());
     return 0;
 }
 
 void CMsgBroker::Impl::Run() {
     // Returns when Stop() shuts the context down.
     if (zmq_proxy(xsub, xpub, nullptr) != 0 && zmq_errno() != ETERM) {
-        BUS_LOG(0, "MSG_BROKER: proxy ended: %s\n", zmq_strerror(zmq_errno()));
+        PM_LOG(0, kLogTag, "proxy ended: %s\n", zmq_strerror(zmq_errno()));
     }
     CloseSocket(xsub);
     CloseSocket(xpub);
@@ -394,7 +394,7 @@ void CMsgBroker::Impl::StopLocked() {
     LiveFiles::Get().Remove(&endpoints);
     Cleanup();
     running = false;
-    BUS_LOG(1, "MSG_BROKER: stopped serving %s\n", endpoints.in.c_str());
+    PM_LOG(1, kLogTag, "stopped serving %s\n", endpoints.in.c_str());
 }
 
 CMsgBroker::CMsgBroker(BusEndpoints endpoints)
@@ -411,7 +411,7 @@ int CMsgBroker::Start() {
     }
     int rc = m_pImpl->StartLocked();
     if (rc == 1) {
-        BUS_LOG(1, "MSG_BROKER: another broker already serves %s\n", m_pImpl->endpoints.in.c_str());
+        PM_LOG(1, kLogTag, "another broker already serves %s\n", m_pImpl->endpoints.in.c_str());
     }
     return rc;
 }

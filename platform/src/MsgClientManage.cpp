@@ -22,13 +22,13 @@
 #include "CommonLog.h"
 #include "MsgBroker.h"
 
-#define BUS_LOG(level, ...) Common::gclDebugPrintf(level, __FILE__, __func__, __LINE__, __VA_ARGS__)
-
 using namespace Common::bus;
 using Common::kMsgMaxPayload;
 using Common::kMsgMinHandlerBuffer;
 
 namespace {
+
+constexpr const char kLogTag[] = "MSG_CLIENT: ";
 
 using Clock = std::chrono::steady_clock;
 using Ms = std::chrono::milliseconds;
@@ -272,14 +272,14 @@ void CMsgClientManage::Impl::CloseSockets() {
 void CMsgClientManage::Impl::Open() {
     Common::BusEndpoints endpoints = Common::BusEndpointsFromEnv();
     if (endpoints.in.empty()) {
-        BUS_LOG(0, "MSG_CLIENT: %s: no valid bus address; the client stays offline\n", tag);
+        PM_LOG(0, kLogTag, "%s: no valid bus address; the client stays offline\n", tag);
         return;
     }
     address = endpoints.in;
     ctx = AcquireContext();
     if (ctx == nullptr) {
-        BUS_LOG(0, "MSG_CLIENT: %s: zmq_ctx_new: %s; the client stays offline\n", tag,
-                zmq_strerror(zmq_errno()));
+        PM_LOG(0, kLogTag, "%s: zmq_ctx_new: %s; the client stays offline\n", tag,
+               zmq_strerror(zmq_errno()));
         return;
     }
     pub = zmq_socket(ctx, ZMQ_PUB);
@@ -311,8 +311,8 @@ void CMsgClientManage::Impl::Open() {
         ok = zmq_connect(sub, endpoints.out.c_str()) == 0;
     }
     if (!ok) {
-        BUS_LOG(0, "MSG_CLIENT: %s: cannot connect (%s): %s; the client stays offline\n", tag, step,
-                wakeFd < 0 ? strerror(errno) : zmq_strerror(zmq_errno()));
+        PM_LOG(0, kLogTag, "%s: cannot connect (%s): %s; the client stays offline\n", tag, step,
+               wakeFd < 0 ? strerror(errno) : zmq_strerror(zmq_errno()));
         CloseSockets();
         return;
     }
@@ -322,10 +322,10 @@ void CMsgClientManage::Impl::Open() {
         firstRound = nextRound;
     }
     if (Confirm(firstRound, kConnectWait)) {
-        BUS_LOG(2, "MSG_CLIENT: %s: connected to %s\n", tag, address.c_str());
+        PM_LOG(2, kLogTag, "%s: connected to %s\n", tag, address.c_str());
     } else {
-        BUS_LOG(0, "MSG_CLIENT: %s: no bus broker answered at %s within %lld ms; carrying on\n",
-                tag, address.c_str(), static_cast<long long>(kConnectWait.count()));
+        PM_LOG(0, kLogTag, "%s: no bus broker answered at %s within %lld ms; carrying on\n", tag,
+               address.c_str(), static_cast<long long>(kConnectWait.count()));
         std::lock_guard<std::mutex> guard(recvLock);
         reportedOffline = true;
     }
@@ -336,19 +336,19 @@ void CMsgClientManage::Impl::Open() {
 int CMsgClientManage::Impl::Publish(uint32_t eventId, uint32_t senderId, uint32_t flags,
                                     const char* data, int len, const uint32_t* fixedSeq) {
     if (len < 0 || static_cast<uint32_t>(len) > kMsgMaxPayload || (len > 0 && data == nullptr)) {
-        BUS_LOG(0, "MSG_CLIENT: %s: event %u: bad payload (%p, %d bytes)\n", tag, eventId,
-                static_cast<const void*>(data), len);
+        PM_LOG(0, kLogTag, "%s: event %u: bad payload (%p, %d bytes)\n", tag, eventId,
+               static_cast<const void*>(data), len);
         return -1;
     }
     if (pub == nullptr) {
-        BUS_LOG(2, "MSG_CLIENT: %s: offline, event %u not sent\n", tag, eventId);
+        PM_LOG(2, kLogTag, "%s: offline, event %u not sent\n", tag, eventId);
         return -1;
     }
     size_t payload = static_cast<size_t>(len);
     zmq_msg_t msg;
     if (zmq_msg_init_size(&msg, kHeadSize + payload) != 0) {
-        BUS_LOG(0, "MSG_CLIENT: %s: event %u: no memory for %zu bytes\n", tag, eventId,
-                kHeadSize + payload);
+        PM_LOG(0, kLogTag, "%s: event %u: no memory for %zu bytes\n", tag, eventId,
+               kHeadSize + payload);
         return -1;
     }
     char* frame = static_cast<char*>(zmq_msg_data(&msg));
@@ -383,9 +383,9 @@ void CMsgClientManage::Impl::LogRefusal(uint32_t eventId, int err) {
         return;
     }
     lastRefusalLog = now;
-    BUS_LOG(0, "MSG_CLIENT: %s: event %u not sent: %s (%llu refused so far)\n", tag, eventId,
-            err == EAGAIN ? "send queue full" : zmq_strerror(err),
-            static_cast<unsigned long long>(count));
+    PM_LOG(0, kLogTag, "%s: event %u not sent: %s (%llu refused so far)\n", tag, eventId,
+           err == EAGAIN ? "send queue full" : zmq_strerror(err),
+           static_cast<unsigned long long>(count));
 }
 
 // Also the subscription prefix of its round: only this client, in this round, receives it.
@@ -416,8 +416,8 @@ void CMsgClientManage::Impl::WakeReaderLocked() {
 void CMsgClientManage::Impl::SetSubscriptionLocked(const void* prefix, size_t size, bool on) {
     settled = false;
     if (zmq_setsockopt(sub, on ? ZMQ_SUBSCRIBE : ZMQ_UNSUBSCRIBE, prefix, size) != 0) {
-        BUS_LOG(0, "MSG_CLIENT: %s: %s: %s\n", tag, on ? "subscribe" : "unsubscribe",
-                zmq_strerror(zmq_errno()));
+        PM_LOG(0, kLogTag, "%s: %s: %s\n", tag, on ? "subscribe" : "unsubscribe",
+               zmq_strerror(zmq_errno()));
     }
     WakeReaderLocked();
 }
@@ -447,7 +447,7 @@ void CMsgClientManage::Impl::EndRoundLocked(uint64_t round) {
 void CMsgClientManage::Impl::MarkConnected() {
     if (!connected.exchange(true) && reportedOffline) {
         reportedOffline = false;
-        BUS_LOG(1, "MSG_CLIENT: %s: the bus broker at %s answers now\n", tag, address.c_str());
+        PM_LOG(1, kLogTag, "%s: the bus broker at %s answers now\n", tag, address.c_str());
     }
 }
 
@@ -556,7 +556,7 @@ void CMsgClientManage::Impl::DrainLocked() {
                 continue;
             }
             if (err != EAGAIN) {
-                BUS_LOG(0, "MSG_CLIENT: %s: receive: %s\n", tag, zmq_strerror(err));
+                PM_LOG(0, kLogTag, "%s: receive: %s\n", tag, zmq_strerror(err));
             }
             settled = err == EAGAIN;
             break;
@@ -570,13 +570,11 @@ void CMsgClientManage::Impl::DrainLocked() {
 void CMsgClientManage::Impl::Classify(const char* data, size_t size, bool more) {
     if (more || skipMore) {
         skipMore = more;
-        BUS_LOG(0, "MSG_CLIENT: %s: dropped a part of a multi-part message (%zu bytes)\n", tag,
-                size);
+        PM_LOG(0, kLogTag, "%s: dropped a part of a multi-part message (%zu bytes)\n", tag, size);
         return;
     }
     if (size < kHeadSize) {
-        BUS_LOG(0, "MSG_CLIENT: %s: dropped a frame of %zu bytes, shorter than the head\n", tag,
-                size);
+        PM_LOG(0, kLogTag, "%s: dropped a frame of %zu bytes, shorter than the head\n", tag, size);
         return;
     }
     uint32_t eventId = GetLe32(data);
@@ -590,10 +588,10 @@ void CMsgClientManage::Impl::Classify(const char* data, size_t size, bool more) 
     }
     uint32_t length = GetLe32(data + 12) & kLengthMask;
     if (length != size - kHeadSize) {
-        BUS_LOG(0,
-                "MSG_CLIENT: %s: dropped event %u: length field %u, but %zu payload bytes "
-                "received\n",
-                tag, eventId, length, size - kHeadSize);
+        PM_LOG(0, kLogTag,
+               "%s: dropped event %u: length field %u, but %zu payload bytes "
+               "received\n",
+               tag, eventId, length, size - kHeadSize);
         return;
     }
     QueueLocked(data, size);
@@ -609,11 +607,11 @@ void CMsgClientManage::Impl::QueueLocked(const char* data, size_t size) {
     if (dropped > droppedLogged) {
         Clock::time_point now = Clock::now();
         if (droppedLogged == 0 || now - lastDropLog >= kDropLogInterval) {
-            BUS_LOG(0,
-                    "MSG_CLIENT: %s: receive queue full (%zu messages or %zu bytes): dropped the "
-                    "oldest, %llu dropped so far\n",
-                    tag, kMaxQueuedMessages, kMaxQueuedBytes,
-                    static_cast<unsigned long long>(dropped));
+            PM_LOG(0, kLogTag,
+                   "%s: receive queue full (%zu messages or %zu bytes): dropped the "
+                   "oldest, %llu dropped so far\n",
+                   tag, kMaxQueuedMessages, kMaxQueuedBytes,
+                   static_cast<unsigned long long>(dropped));
             droppedLogged = dropped;
             lastDropLog = now;
         }
@@ -667,7 +665,7 @@ void CMsgClientManage::Impl::TakeBatchLocked() {
 
 int CMsgClientManage::Impl::Register(int ownId, uint32_t eventId, HandlerFn fn) {
     if (!fn) {
-        BUS_LOG(0, "MSG_CLIENT: %s: empty handler for event %u from %d\n", tag, eventId, ownId);
+        PM_LOG(0, kLogTag, "%s: empty handler for event %u from %d\n", tag, eventId, ownId);
         return -1;
     }
     auto shared = std::make_shared<const HandlerFn>(std::move(fn));
@@ -697,8 +695,8 @@ int CMsgClientManage::Impl::Register(int ownId, uint32_t eventId, HandlerFn fn) 
     }
     bool online = connected.load();
     if (!Confirm(needRound, online ? kConfirmWait : kOfflineConfirmWait) && online) {
-        BUS_LOG(0, "MSG_CLIENT: %s: the broker did not confirm event %u within %lld ms\n", tag,
-                eventId, static_cast<long long>(kConfirmWait.count()));
+        PM_LOG(0, kLogTag, "%s: the broker did not confirm event %u within %lld ms\n", tag, eventId,
+               static_cast<long long>(kConfirmWait.count()));
         std::lock_guard<std::mutex> guard(recvLock);
         connected = false;
         reportedOffline = true;
@@ -733,10 +731,10 @@ int CMsgClientManage::Impl::Unregister(int ownId, uint32_t eventId) {
 int CMsgClientManage::Impl::Wait(unsigned ms) {
     std::unique_lock<std::mutex> waiting(waitLock, std::try_to_lock);
     if (!waiting.owns_lock()) {
-        BUS_LOG(0,
-                "MSG_CLIENT: %s: MSGWaitForEvent entered twice (from a handler or a second "
-                "thread); ignored\n",
-                tag);
+        PM_LOG(0, kLogTag,
+               "%s: MSGWaitForEvent entered twice (from a handler or a second "
+               "thread); ignored\n",
+               tag);
         return 0;
     }
     if (sub == nullptr) {
@@ -866,7 +864,7 @@ int CMsgClientManage::MSGSendMessage(int /*target*/, int eventId, int needAnswer
 
 int CMsgClientManage::MSGResponseMessage(Common::SMessageHead* request, const char* data, int len) {
     if (request == nullptr) {
-        BUS_LOG(0, "MSG_CLIENT: %s: answer to a null request\n", m_pImpl->tag);
+        PM_LOG(0, kLogTag, "%s: answer to a null request\n", m_pImpl->tag);
         return -1;
     }
     char head[kHeadSize];

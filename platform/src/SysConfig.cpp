@@ -12,8 +12,11 @@
 
 #include "CommonLog.h"
 
-#define SYSCFG_LOG(level, ...) \
-    Common::gclDebugPrintf(level, __FILE__, __FUNCTION__, __LINE__, __VA_ARGS__)
+namespace {
+
+constexpr const char kLogTag[] = "SYS_CONFIG: ";
+
+}  // namespace
 
 namespace Common {
 
@@ -35,17 +38,17 @@ int LoadJsonFile(const std::string& recorderPath, Json::Value& out) {
     const std::string path = RecorderPath(recorderPath);
     struct stat st;
     if (stat(path.c_str(), &st) != 0) {
-        SYSCFG_LOG(0, "SYS_CONFIG: cannot read %s: %s\n", path.c_str(), strerror(errno));
+        PM_LOG(0, kLogTag, "cannot read %s: %s\n", path.c_str(), strerror(errno));
         return -1;
     }
     // A fifo or a device would block or never end.
     if (!S_ISREG(st.st_mode)) {
-        SYSCFG_LOG(0, "SYS_CONFIG: cannot read %s: not a regular file\n", path.c_str());
+        PM_LOG(0, kLogTag, "cannot read %s: not a regular file\n", path.c_str());
         return -1;
     }
     std::ifstream in(path, std::ios::binary);
     if (!in) {
-        SYSCFG_LOG(0, "SYS_CONFIG: cannot open %s: %s\n", path.c_str(), strerror(errno));
+        PM_LOG(0, kLogTag, "cannot open %s: %s\n", path.c_str(), strerror(errno));
         return -1;
     }
 
@@ -63,7 +66,7 @@ int LoadJsonFile(const std::string& recorderPath, Json::Value& out) {
         while (!errors.empty() && (errors.back() == '\n' || errors.back() == ' ')) {
             errors.pop_back();
         }
-        SYSCFG_LOG(0, "SYS_CONFIG: cannot parse %s: %s\n", path.c_str(), errors.c_str());
+        PM_LOG(0, kLogTag, "cannot parse %s: %s\n", path.c_str(), errors.c_str());
         return -1;
     }
     out.swap(doc);
@@ -86,8 +89,7 @@ int SystemConfigInt(const char* key, int fallback, int minimum) {
         return fallback;
     }
     if (!value.isInt() || value.asInt() < minimum) {
-        SYSCFG_LOG(1, "SYS_CONFIG: SYSTEM_CONFIG %s is not a valid number, using %d\n", key,
-                   fallback);
+        PM_LOG(1, kLogTag, "SYSTEM_CONFIG %s is not a valid number, using %d\n", key, fallback);
         return fallback;
     }
     return value.asInt();
@@ -97,7 +99,7 @@ int SystemConfigInt(const char* key, int fallback, int minimum) {
 
 int Q7R_GetJsonByEnv(const char* name, Json::Value& out) {
     if (name == nullptr || *name == '\0') {
-        SYSCFG_LOG(0, "SYS_CONFIG: no document name\n");
+        PM_LOG(0, kLogTag, "no document name\n");
         return -1;
     }
     const char* fromEnv = getenv(name);

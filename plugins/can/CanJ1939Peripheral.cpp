@@ -5,10 +5,9 @@
 #include "BasicServiceExport.h"
 #include "CommonLog.h"
 
-#define J1939_LOG(level, ...) \
-    Common::gclDebugPrintf(level, __FILE__, __FUNCTION__, __LINE__, __VA_ARGS__)
-
 namespace {
+
+constexpr const char kLogTag[] = "J1939: ";
 
 // The CAN module marks a masked filter entry with 0xFF in the id's top byte, so a mask cannot
 // select the priority and data-page bits: match PF and PS, take any source address.
@@ -42,8 +41,8 @@ int CCanJ1939Peripheral::PeripheralInitialize() {
         AddOneRecvCanId(id, kPgnMask);
     }
     SetCanPortFilter();
-    J1939_LOG(1, "J1939: [%u-%u] listening on CAN port %u\n", m_nMainId, m_nSubId,
-              static_cast<unsigned int>(m_ucCanPortId));
+    PM_LOG(1, kLogTag, "[%u-%u] listening on CAN port %u\n", m_nMainId, m_nSubId,
+           static_cast<unsigned int>(m_ucCanPortId));
     return 0;
 }
 
@@ -51,8 +50,8 @@ int CCanJ1939Peripheral::PeripheralThreadCycle(long long) {
     const uint32_t pgn = kRequested[m_nRequestIndex];
     m_nRequestIndex = (m_nRequestIndex + 1) % (sizeof(kRequested) / sizeof(kRequested[0]));
     const j1939::Frame frame = j1939::BuildRequest(pgn, kSourceAddress, j1939::kGlobalAddress);
-    J1939_LOG(3, "J1939: [%u-%u] request PGN %u, id 0x%08X\n", m_nMainId, m_nSubId, pgn,
-              frame.canId);
+    PM_LOG(3, kLogTag, "[%u-%u] request PGN %u, id 0x%08X\n", m_nMainId, m_nSubId, pgn,
+           frame.canId);
     SendCanDataToPeripheral(reinterpret_cast<const char*>(frame.data), frame.length, frame.canId);
     return 0;
 }
@@ -64,18 +63,18 @@ int CCanJ1939Peripheral::ProcessPeripheralData(const char* data, unsigned int le
         j1939::Apply(m_stuLatest, canId, reinterpret_cast<const uint8_t*>(data), length);
     if (parameter == j1939::Parameter::kNone) {
         // The filter matches PF and PS only, so another data page may come through.
-        J1939_LOG(3, "J1939: [%u-%u] PGN %u from 0x%02X not decoded\n", m_nMainId, m_nSubId, id.pgn,
-                  id.source);
+        PM_LOG(3, kLogTag, "[%u-%u] PGN %u from 0x%02X not decoded\n", m_nMainId, m_nSubId, id.pgn,
+               id.source);
         return 0;
     }
     const j1939::Value& value = j1939::Get(m_stuLatest, parameter);
     if (value.status == j1939::Status::kValid) {
-        J1939_LOG(2, "J1939: [%u-%u] %s %.3f %s (source 0x%02X)\n", m_nMainId, m_nSubId,
-                  j1939::ParameterName(parameter), value.value, j1939::ParameterUnit(parameter),
-                  id.source);
+        PM_LOG(2, kLogTag, "[%u-%u] %s %.3f %s (source 0x%02X)\n", m_nMainId, m_nSubId,
+               j1939::ParameterName(parameter), value.value, j1939::ParameterUnit(parameter),
+               id.source);
     } else {
-        J1939_LOG(2, "J1939: [%u-%u] %s %s (source 0x%02X)\n", m_nMainId, m_nSubId,
-                  j1939::ParameterName(parameter), j1939::StatusText(value.status), id.source);
+        PM_LOG(2, kLogTag, "[%u-%u] %s %s (source 0x%02X)\n", m_nMainId, m_nSubId,
+               j1939::ParameterName(parameter), j1939::StatusText(value.status), id.source);
     }
     return 0;
 }

@@ -18,10 +18,9 @@
 #include "CommonLog.h"
 #include "PeripheralManage.h"
 
-#define ETH_LOG(level, ...) \
-    Common::gclDebugPrintf(level, __FILE__, __FUNCTION__, __LINE__, __VA_ARGS__)
-
 namespace {
+
+constexpr const char kLogTag[] = "ETH_TCP: ";
 
 constexpr int kPollSliceMs = 100;  // how soon the thread notices that it must end
 constexpr unsigned int kConnectTimeoutMs = 3000;
@@ -88,8 +87,8 @@ int CEthernetTcpPeripheral::PeripheralInitialize() {
     HandlePeripParamChange();
     int err = pthread_create(&m_thread, nullptr, &CEthernetTcpPeripheral::ConnectionThread, this);
     if (err != 0) {
-        ETH_LOG(0, "ETH_TCP: [%u-%u] cannot start the connection thread: %s\n", m_nMainId, m_nSubId,
-                ErrnoText(err).c_str());
+        PM_LOG(0, kLogTag, "[%u-%u] cannot start the connection thread: %s\n", m_nMainId, m_nSubId,
+               ErrnoText(err).c_str());
         return -1;
     }
     m_bThreadStarted = true;
@@ -105,10 +104,10 @@ int CEthernetTcpPeripheral::HandlePeripParamChange() {
         return 0;
     }
     if (!found) {
-        ETH_LOG(0, "ETH_TCP: [%u-%u] no entry in the Ethernet setting\n", m_nMainId, m_nSubId);
+        PM_LOG(0, kLogTag, "[%u-%u] no entry in the Ethernet setting\n", m_nMainId, m_nSubId);
     } else {
-        ETH_LOG(1, "ETH_TCP: [%u-%u] peer is %s:%u\n", m_nMainId, m_nSubId, peer.ip.c_str(),
-                static_cast<unsigned int>(peer.port));
+        PM_LOG(1, kLogTag, "[%u-%u] peer is %s:%u\n", m_nMainId, m_nSubId, peer.ip.c_str(),
+               static_cast<unsigned int>(peer.port));
     }
     m_stuPeer = peer;
     m_bHavePeer = found;
@@ -153,8 +152,8 @@ int CEthernetTcpPeripheral::PeripheralThreadCycle(long long) {
     }
     // A peer that does not read must not block the manager thread: drop the line instead.
     if (send(m_nSocket, line, static_cast<size_t>(len), MSG_NOSIGNAL | MSG_DONTWAIT) < 0) {
-        ETH_LOG(2, "ETH_TCP: [%u-%u] heartbeat not sent: %s\n", m_nMainId, m_nSubId,
-                ErrnoText(errno).c_str());
+        PM_LOG(2, kLogTag, "[%u-%u] heartbeat not sent: %s\n", m_nMainId, m_nSubId,
+               ErrnoText(errno).c_str());
     }
     return 0;
 }
@@ -186,7 +185,7 @@ void CEthernetTcpPeripheral::ConnectionLoop() {
         const TcpPeer peer = CurrentPeer();
         int fd = Connect(peer);
         if (fd < 0) {
-            ETH_LOG(1, "ETH_TCP: [%u-%u] next attempt in %u ms\n", m_nMainId, m_nSubId, backoff);
+            PM_LOG(1, kLogTag, "[%u-%u] next attempt in %u ms\n", m_nMainId, m_nSubId, backoff);
             if (!Pause(backoff)) {
                 break;
             }
@@ -199,8 +198,8 @@ void CEthernetTcpPeripheral::ConnectionLoop() {
             m_nSocket = fd;
         }
         m_nConnects.fetch_add(1);
-        ETH_LOG(0, "ETH_TCP: [%u-%u] connected to %s:%u\n", m_nMainId, m_nSubId, peer.ip.c_str(),
-                static_cast<unsigned int>(peer.port));
+        PM_LOG(0, kLogTag, "[%u-%u] connected to %s:%u\n", m_nMainId, m_nSubId, peer.ip.c_str(),
+               static_cast<unsigned int>(peer.port));
         SetCurPeripOpenStatus(true);
         Serve(fd, peer);
         SetCurPeripOpenStatus(false);
@@ -220,14 +219,14 @@ int CEthernetTcpPeripheral::Connect(const TcpPeer& peer) {
     addr.sin_family = AF_INET;
     addr.sin_port = htons(peer.port);
     if (peer.port == 0 || inet_pton(AF_INET, peer.ip.c_str(), &addr.sin_addr) != 1) {
-        ETH_LOG(1, "ETH_TCP: [%u-%u] no usable peer address '%s:%u'\n", m_nMainId, m_nSubId,
-                peer.ip.c_str(), static_cast<unsigned int>(peer.port));
+        PM_LOG(1, kLogTag, "[%u-%u] no usable peer address '%s:%u'\n", m_nMainId, m_nSubId,
+               peer.ip.c_str(), static_cast<unsigned int>(peer.port));
         return -1;
     }
     int fd = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
     if (fd < 0) {
-        ETH_LOG(0, "ETH_TCP: [%u-%u] socket failed: %s\n", m_nMainId, m_nSubId,
-                ErrnoText(errno).c_str());
+        PM_LOG(0, kLogTag, "[%u-%u] socket failed: %s\n", m_nMainId, m_nSubId,
+               ErrnoText(errno).c_str());
         return -1;
     }
     int err = 0;
@@ -250,9 +249,9 @@ int CEthernetTcpPeripheral::Connect(const TcpPeer& peer) {
         }
     }
     if (err != 0) {
-        ETH_LOG(1, "ETH_TCP: [%u-%u] connect to %s:%u failed: %s\n", m_nMainId, m_nSubId,
-                peer.ip.c_str(), static_cast<unsigned int>(peer.port),
-                ErrnoText(err == EINPROGRESS ? ETIMEDOUT : err).c_str());
+        PM_LOG(1, kLogTag, "[%u-%u] connect to %s:%u failed: %s\n", m_nMainId, m_nSubId,
+               peer.ip.c_str(), static_cast<unsigned int>(peer.port),
+               ErrnoText(err == EINPROGRESS ? ETIMEDOUT : err).c_str());
         close(fd);
         return -1;
     }
@@ -265,9 +264,8 @@ void CEthernetTcpPeripheral::Serve(int fd, const TcpPeer& peer) {
         pollfd pfd{fd, POLLIN, 0};
         int ready = poll(&pfd, 1, kPollSliceMs);
         if (ready < 0 && errno != EINTR) {
-            ETH_LOG(0, "ETH_TCP: [%u-%u] poll on %s:%u failed: %s\n", m_nMainId, m_nSubId,
-                    peer.ip.c_str(), static_cast<unsigned int>(peer.port),
-                    ErrnoText(errno).c_str());
+            PM_LOG(0, kLogTag, "[%u-%u] poll on %s:%u failed: %s\n", m_nMainId, m_nSubId,
+                   peer.ip.c_str(), static_cast<unsigned int>(peer.port), ErrnoText(errno).c_str());
             return;
         }
         if (ready <= 0) {
@@ -280,14 +278,13 @@ void CEthernetTcpPeripheral::Serve(int fd, const TcpPeer& peer) {
             continue;
         }
         if (n == 0) {
-            ETH_LOG(0, "ETH_TCP: [%u-%u] disconnected from %s:%u: %s\n", m_nMainId, m_nSubId,
-                    peer.ip.c_str(), static_cast<unsigned int>(peer.port), "closed by peer");
+            PM_LOG(0, kLogTag, "[%u-%u] disconnected from %s:%u: %s\n", m_nMainId, m_nSubId,
+                   peer.ip.c_str(), static_cast<unsigned int>(peer.port), "closed by peer");
             return;
         }
         if (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR) {
-            ETH_LOG(0, "ETH_TCP: [%u-%u] disconnected from %s:%u: %s\n", m_nMainId, m_nSubId,
-                    peer.ip.c_str(), static_cast<unsigned int>(peer.port),
-                    ErrnoText(errno).c_str());
+            PM_LOG(0, kLogTag, "[%u-%u] disconnected from %s:%u: %s\n", m_nMainId, m_nSubId,
+                   peer.ip.c_str(), static_cast<unsigned int>(peer.port), ErrnoText(errno).c_str());
             return;
         }
     }

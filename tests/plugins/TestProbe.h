@@ -30,10 +30,8 @@ namespace testplugin {
 
 inline void Journal(const char* event, ePeripheralType type, unsigned int mainId,
                     unsigned int subId, const std::string& details = std::string()) {
-    Common::gclDebugPrintf(1, __FILE__, __FUNCTION__, __LINE__,
-                           "TEST_PLUGIN: %s %s type=%d main=%u sub=%u%s%s\n", event,
-                           TEST_PLUGIN_NAME, static_cast<int>(type), mainId, subId,
-                           details.empty() ? "" : " ", details.c_str());
+    PM_LOG(1, "TEST_PLUGIN: ", "%s %s type=%d main=%u sub=%u%s%s\n", event, TEST_PLUGIN_NAME,
+           static_cast<int>(type), mainId, subId, details.empty() ? "" : " ", details.c_str());
 }
 
 inline void Journal(const char* event, const CPeripheralBase* instance) {

@@ -5,12 +5,11 @@
 #include "CommonLog.h"
 #include "CommonTime.h"
 
-#define GPS_LOG(level, ...) \
-    Common::gclDebugPrintf(level, __FILE__, __FUNCTION__, __LINE__, __VA_ARGS__)
-
 namespace {
+
+constexpr const char kLogTag[] = "GPS_NMEA: ";
 constexpr unsigned int kTakeSize = 1024;  // what GetSerialBufferData hands out at most
-}
+}  // namespace
 
 CGpsNmea::CGpsNmea(CPeripheralManage* manage, CMsgClientManage* client, unsigned int mainId,
                    unsigned int subId)
@@ -21,8 +20,8 @@ CGpsNmea::CGpsNmea(CPeripheralManage* manage, CMsgClientManage* client, unsigned
       m_nRejected(0),
       m_llLastSentenceTime(Common::Q7R_TMGetSystemMicroSecond()),
       m_bSilenceWarned(false) {
-    GPS_LOG(1, "GPS_NMEA: created, mainId = %d, subId = %d, link = %d, port = %s\n", mainId, subId,
-            GetSerialType(), GetSerialName().c_str());
+    PM_LOG(1, kLogTag, "created, mainId = %d, subId = %d, link = %d, port = %s\n", mainId, subId,
+           GetSerialType(), GetSerialName().c_str());
 }
 
 CGpsNmea::~CGpsNmea() = default;
@@ -34,8 +33,8 @@ int CGpsNmea::PeripheralInitialize() {
                                            static_cast<SerialStopBitMode>(property.stopBit),
                                            static_cast<SerialParityMode>(property.parity),
                                            static_cast<SerialFlowControlMode>(property.flow));
-    GPS_LOG(2, "GPS_NMEA: line set to 9600 baud, mainId = %d, subId = %d, result = %d\n", m_nMainId,
-            m_nSubId, result);
+    PM_LOG(2, kLogTag, "line set to 9600 baud, mainId = %d, subId = %d, result = %d\n", m_nMainId,
+           m_nSubId, result);
     return 0;  // a port that is not open yet is no reason to give up the instance
 }
 
@@ -45,8 +44,8 @@ int CGpsNmea::PeripheralThreadCycle(long long now) {
         m_bSilenceWarned = false;
     } else if (!m_bSilenceWarned) {
         m_bSilenceWarned = true;
-        GPS_LOG(1, "GPS_NMEA: no sentence for %lld ms, mainId = %d, subId = %d, port = %s\n",
-                silent, m_nMainId, m_nSubId, GetSerialName().c_str());
+        PM_LOG(1, kLogTag, "no sentence for %lld ms, mainId = %d, subId = %d, port = %s\n", silent,
+               m_nMainId, m_nSubId, GetSerialName().c_str());
     }
     return 0;
 }
@@ -74,9 +73,9 @@ void CGpsNmea::HandleSentence(const std::string& sentence) {
         case nmea::FixTracker::kBadChecksum:
         case nmea::FixTracker::kMalformed:
             ++m_nRejected;
-            GPS_LOG(2, "GPS_NMEA: sentence refused (%s), mainId = %d: %s\n",
-                    result == nmea::FixTracker::kBadChecksum ? "checksum" : "fields", m_nMainId,
-                    sentence.c_str());
+            PM_LOG(2, kLogTag, "sentence refused (%s), mainId = %d: %s\n",
+                   result == nmea::FixTracker::kBadChecksum ? "checksum" : "fields", m_nMainId,
+                   sentence.c_str());
             return;
         case nmea::FixTracker::kRmc:
         case nmea::FixTracker::kGga:
@@ -100,13 +99,13 @@ void CGpsNmea::HandleSentence(const std::string& sentence) {
 void CGpsNmea::LogFix(const nmea::GpsFix& fix) {
     if (fix.valid) {
         std::string time = nmea::FormatIsoTime(fix);
-        GPS_LOG(1,
-                "GPS_NMEA: fix, mainId = %d, subId = %d, time = %s, lat = %.6f, lon = %.6f, "
-                "speed = %.1f km/h, quality = %d, satellites = %d\n",
-                m_nMainId, m_nSubId, time.empty() ? "-" : time.c_str(), fix.latitude, fix.longitude,
-                nmea::SpeedKmh(fix.speedKnots), fix.quality, fix.satellites);
+        PM_LOG(1, kLogTag,
+               "fix, mainId = %d, subId = %d, time = %s, lat = %.6f, lon = %.6f, "
+               "speed = %.1f km/h, quality = %d, satellites = %d\n",
+               m_nMainId, m_nSubId, time.empty() ? "-" : time.c_str(), fix.latitude, fix.longitude,
+               nmea::SpeedKmh(fix.speedKnots), fix.quality, fix.satellites);
     } else if (m_bWasValid) {
-        GPS_LOG(1, "GPS_NMEA: fix lost, mainId = %d, subId = %d\n", m_nMainId, m_nSubId);
+        PM_LOG(1, kLogTag, "fix lost, mainId = %d, subId = %d\n", m_nMainId, m_nSubId);
     }
     m_bWasValid = fix.valid;
 }

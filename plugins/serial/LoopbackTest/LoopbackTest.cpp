@@ -2,12 +2,11 @@
 
 #include "CommonLog.h"
 
-#define LOOP_LOG(level, ...) \
-    Common::gclDebugPrintf(level, __FILE__, __FUNCTION__, __LINE__, __VA_ARGS__)
-
 namespace {
+
+constexpr const char kLogTag[] = "LOOPBACK: ";
 constexpr unsigned int kTakeSize = 1024;  // what GetSerialBufferData hands out at most
-}
+}  // namespace
 
 CLoopbackTest::CLoopbackTest(CPeripheralManage* manage, CMsgClientManage* client,
                              unsigned int mainId, unsigned int subId)
@@ -22,8 +21,8 @@ CLoopbackTest::CLoopbackTest(CPeripheralManage* manage, CMsgClientManage* client
       m_nTimeouts(0),
       m_nSendErrors(0) {
     SetThreadCircleTime(kCycleMs);
-    LOOP_LOG(1, "LOOPBACK: created, mainId = %d, subId = %d, link = %d, port = %s\n", mainId, subId,
-             GetSerialType(), GetSerialName().c_str());
+    PM_LOG(1, kLogTag, "created, mainId = %d, subId = %d, link = %d, port = %s\n", mainId, subId,
+           GetSerialType(), GetSerialName().c_str());
 }
 
 CLoopbackTest::~CLoopbackTest() {
@@ -37,8 +36,8 @@ int CLoopbackTest::PeripheralInitialize() {
                                            static_cast<SerialStopBitMode>(property.stopBit),
                                            static_cast<SerialParityMode>(property.parity),
                                            static_cast<SerialFlowControlMode>(property.flow));
-    LOOP_LOG(2, "LOOPBACK: line set to 115200 baud, mainId = %d, subId = %d, result = %d\n",
-             m_nMainId, m_nSubId, result);
+    PM_LOG(2, kLogTag, "line set to 115200 baud, mainId = %d, subId = %d, result = %d\n", m_nMainId,
+           m_nSubId, result);
     return 0;
 }
 
@@ -52,8 +51,8 @@ int CLoopbackTest::PeripheralThreadCycle(long long now) {
             ++m_nTimeouts;
             m_bOutstanding = false;
             m_rx.clear();
-            LOOP_LOG(2, "LOOPBACK: echo time-out, mainId = %d, sequence = %u, waited = %lld ms\n",
-                     m_nMainId, m_nSequence, waited);
+            PM_LOG(2, kLogTag, "echo time-out, mainId = %d, sequence = %u, waited = %lld ms\n",
+                   m_nMainId, m_nSequence, waited);
         }
         if (!m_bOutstanding) {
             frame = loopback::BuildFrame(++m_nSequence);
@@ -98,24 +97,24 @@ void CLoopbackTest::CompareEchoes() {
             m_bOutstanding = false;
         } else {
             ++m_nWrong;
-            LOOP_LOG(2, "LOOPBACK: wrong echo (%s), mainId = %d, expected sequence = %u\n",
-                     result == loopback::EchoResult::kWrongSequence ? "other frame" : "damaged",
-                     m_nMainId, m_nSequence);
+            PM_LOG(2, kLogTag, "wrong echo (%s), mainId = %d, expected sequence = %u\n",
+                   result == loopback::EchoResult::kWrongSequence ? "other frame" : "damaged",
+                   m_nMainId, m_nSequence);
         }
     }
     if (!m_bOutstanding && !m_rx.empty()) {
         ++m_nWrong;
-        LOOP_LOG(2, "LOOPBACK: %zu unexpected bytes, mainId = %d\n", m_rx.size(), m_nMainId);
+        PM_LOG(2, kLogTag, "%zu unexpected bytes, mainId = %d\n", m_rx.size(), m_nMainId);
         m_rx.clear();
     }
 }
 
 void CLoopbackTest::LogSummary() {
     LoopbackCounters c = GetLoopbackCounters();
-    LOOP_LOG(1,
-             "LOOPBACK: summary, mainId = %d, subId = %d, sent = %u, ok = %u, wrong = %u, "
-             "timeout = %u, send_error = %u\n",
-             m_nMainId, m_nSubId, c.sent, c.ok, c.wrong, c.timeouts, c.sendErrors);
+    PM_LOG(1, kLogTag,
+           "summary, mainId = %d, subId = %d, sent = %u, ok = %u, wrong = %u, "
+           "timeout = %u, send_error = %u\n",
+           m_nMainId, m_nSubId, c.sent, c.ok, c.wrong, c.timeouts, c.sendErrors);
 }
 
 LoopbackCounters CLoopbackTest::GetLoopbackCounters() const {

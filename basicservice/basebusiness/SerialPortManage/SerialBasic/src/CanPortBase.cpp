@@ -11,10 +11,9 @@
 #include "CommonLog.h"
 #include "PeripheralManage.h"
 
-#define CBASE_LOG(level, ...) \
-    Common::gclDebugPrintf(level, __FILE__, __FUNCTION__, __LINE__, __VA_ARGS__)
-
 namespace {
+
+constexpr const char kLogTag[] = "C_BASE: ";
 
 constexpr int kEventCanData = 1089;
 constexpr int kEventCanFilterReport = 1136;
@@ -66,8 +65,7 @@ CCanPortBase::CCanPortBase(CPeripheralManage* manage, CMsgClientManage* client, 
     m_ucCanPortId =
         m_pPeripheralManage->GetPeripheralParamId(PERIPHERAL_TYPE_CANPORT, mainId, subId);
     if (m_ucCanPortId == 255) {
-        CBASE_LOG(0, "C_BASE: Get Can Port param id error, mainId = %d, subId = %d\n", mainId,
-                  subId);
+        PM_LOG(0, kLogTag, "Get Can Port param id error, mainId = %d, subId = %d\n", mainId, subId);
     }
     CanPortMessageRegister();
     SetCurPeripOpenStatus(true);
@@ -96,16 +94,16 @@ int CCanPortBase::ProcessPeripheralData(const char*, unsigned int, unsigned int)
 int CCanPortBase::AddOneRecvCanId(unsigned int canId, unsigned int mask) {
     for (const auto& entry : m_listRecvId) {
         if ((entry.mask & entry.canId) == (mask & canId)) {
-            CBASE_LOG(1,
-                      "C_BASE: Add one canId is exist, mainId = %d, subId = %d, "
-                      "old_canId_maskId = 0x%x(0x%x), new_CanId_maskId = 0x%x(0x%x), size = %d\n",
-                      m_nMainId, m_nSubId, entry.canId, entry.mask, canId, mask,
-                      static_cast<int>(m_listRecvId.size()));
+            PM_LOG(1, kLogTag,
+                   "Add one canId is exist, mainId = %d, subId = %d, "
+                   "old_canId_maskId = 0x%x(0x%x), new_CanId_maskId = 0x%x(0x%x), size = %d\n",
+                   m_nMainId, m_nSubId, entry.canId, entry.mask, canId, mask,
+                   static_cast<int>(m_listRecvId.size()));
             return -1;
         }
     }
-    CBASE_LOG(1, "C_BASE: Add one canId, mainId = %d, subId = %d, canId = 0x%x, mask = 0x%x\n",
-              m_nMainId, m_nSubId, canId, mask);
+    PM_LOG(1, kLogTag, "Add one canId, mainId = %d, subId = %d, canId = 0x%x, mask = 0x%x\n",
+           m_nMainId, m_nSubId, canId, mask);
     m_listRecvId.push_back({mask != kMarkMask, canId, mask});
     return 0;
 }
@@ -117,11 +115,11 @@ int CCanPortBase::DeleteRecvCanId(unsigned int canId, unsigned int mask) {
             ++it;
             continue;
         }
-        CBASE_LOG(1,
-                  "C_BASE: Delete one canId, mainId = %d, subId = %d, canId_mask = 0x%x (0x%x, "
-                  "0x%x), (0x%x, 0x%x), size = %d\n",
-                  m_nMainId, m_nSubId, wanted, it->canId, it->mask, canId, mask,
-                  static_cast<int>(m_listRecvId.size()));
+        PM_LOG(1, kLogTag,
+               "Delete one canId, mainId = %d, subId = %d, canId_mask = 0x%x (0x%x, "
+               "0x%x), (0x%x, 0x%x), size = %d\n",
+               m_nMainId, m_nSubId, wanted, it->canId, it->mask, canId, mask,
+               static_cast<int>(m_listRecvId.size()));
         it = m_listRecvId.erase(it);
     }
     return 0;
@@ -130,7 +128,7 @@ int CCanPortBase::DeleteRecvCanId(unsigned int canId, unsigned int mask) {
 int CCanPortBase::SetCanPortFilter() {
     MallocBuffer buffer = AllocZeroed(kFilterHeadLen + kFilterMaxItemBytes);
     if (!buffer) {
-        CBASE_LOG(0, "C_BASE: Set can port filter failed, malloc failed\n");
+        PM_LOG(0, kLogTag, "Set can port filter failed, malloc failed\n");
         return 0;
     }
     unsigned char* msg = buffer.get();
@@ -138,10 +136,10 @@ int CCanPortBase::SetCanPortFilter() {
     unsigned int itemLen = 0;
     for (const auto& entry : m_listRecvId) {
         if (count == kFilterMaxEntries || itemLen + ItemBytes(entry) > kFilterMaxItemBytes) {
-            CBASE_LOG(0,
-                      "C_BASE: Set can port filter, list too long, mainId = %d, subId = %d, sent "
-                      "%u of %u entries\n",
-                      m_nMainId, m_nSubId, count, static_cast<unsigned int>(m_listRecvId.size()));
+            PM_LOG(0, kLogTag,
+                   "Set can port filter, list too long, mainId = %d, subId = %d, sent "
+                   "%u of %u entries\n",
+                   m_nMainId, m_nSubId, count, static_cast<unsigned int>(m_listRecvId.size()));
             break;
         }
         itemLen += PutFilterItem(msg + kFilterHeadLen + itemLen, entry);
@@ -150,10 +148,10 @@ int CCanPortBase::SetCanPortFilter() {
     msg[0] = m_ucCanPortId;
     msg[1] = static_cast<unsigned char>(count);
     PutLe16(msg + 2, m_usMinPeriod);
-    CBASE_LOG(1,
-              "C_BASE: Set can port filter, mainId = %d, subId = %d, canPortId = %d, count = %d, "
-              "length = %d uiMinPeriod = %d \n",
-              m_nMainId, m_nSubId, m_ucCanPortId, count, itemLen, m_usMinPeriod);
+    PM_LOG(1, kLogTag,
+           "Set can port filter, mainId = %d, subId = %d, canPortId = %d, count = %d, "
+           "length = %d uiMinPeriod = %d \n",
+           m_nMainId, m_nSubId, m_ucCanPortId, count, itemLen, m_usMinPeriod);
     m_pMsgClient->MSGSendMessage(0, kMsgCanFilter, 0, reinterpret_cast<const char*>(msg),
                                  static_cast<int>(kFilterHeadLen + itemLen),
                                  static_cast<int>(m_nMsgId));
@@ -166,13 +164,13 @@ int CCanPortBase::SendCanDataToPeripheral(const char* data, unsigned int length,
         length = 0;
     }
     if (length > kMaxCanDataLen) {
-        CBASE_LOG(0, "C_BASE: Send data to CAN, length is too large, length = %d > %d\n", length,
-                  kMaxCanDataLen);
+        PM_LOG(0, kLogTag, "Send data to CAN, length is too large, length = %d > %d\n", length,
+               kMaxCanDataLen);
         length = kMaxCanDataLen;
     }
     MallocBuffer buffer = AllocZeroed(kSendLen);
     if (!buffer) {
-        CBASE_LOG(0, "C_BASE: Send data to CAN, malloc failed\n");
+        PM_LOG(0, kLogTag, "Send data to CAN, malloc failed\n");
         return 0;
     }
     unsigned char* msg = buffer.get();
@@ -210,7 +208,7 @@ int CCanPortBase::CanPortMessageUnRegister() {
 
 int CCanPortBase::OnReceiveDataFromCanPort(const char* data, int length) {
     if (data == nullptr || length <= 15) {
-        CBASE_LOG(0, "C_BASE: Receive CAN port data length error ,length = %d \n", length);
+        PM_LOG(0, kLogTag, "Receive CAN port data length error ,length = %d \n", length);
         return 0;
     }
     const MsgView msg(data, length);
@@ -218,11 +216,11 @@ int CCanPortBase::OnReceiveDataFromCanPort(const char* data, int length) {
     const uint32_t subId = msg.U16(kHeadLen + 2);
     const unsigned int canPort = msg.Byte(kHeadLen + 4);
     const unsigned int itemNum = msg.U16(kHeadLen + 6);
-    CBASE_LOG(2, "C_BASE: Recv data, mainId = %d, subId = %d, canPort = %d, uiItemNum = %d  \n",
-              m_nMainId, m_nSubId, canPort, itemNum);
+    PM_LOG(2, kLogTag, "Recv data, mainId = %d, subId = %d, canPort = %d, uiItemNum = %d  \n",
+           m_nMainId, m_nSubId, canPort, itemNum);
     if (funcId != m_nMainId || subId != m_nSubId) {
-        CBASE_LOG(0, "C_BASE: uiFuncId[%d] != MainId[%d] or uiSubId[%d] != SubId[%d]\n", funcId,
-                  m_nMainId, subId, m_nSubId);
+        PM_LOG(0, kLogTag, "uiFuncId[%d] != MainId[%d] or uiSubId[%d] != SubId[%d]\n", funcId,
+               m_nMainId, subId, m_nSubId);
         return 0;
     }
 
@@ -231,10 +229,10 @@ int CCanPortBase::OnReceiveDataFromCanPort(const char* data, int length) {
         received > kRecvItemsOffset ? (received - kRecvItemsOffset) / kRecvItemLen : 0;
     unsigned int itemCount = itemNum;
     if (itemCount > itemsReceived) {
-        CBASE_LOG(0,
-                  "C_BASE: Receive CAN data error, item count too large, count = %u, length = %d, "
-                  "items received = %u\n",
-                  itemNum, length, itemsReceived);
+        PM_LOG(0, kLogTag,
+               "Receive CAN data error, item count too large, count = %u, length = %d, "
+               "items received = %u\n",
+               itemNum, length, itemsReceived);
         itemCount = itemsReceived;
     }
 
@@ -244,12 +242,12 @@ int CCanPortBase::OnReceiveDataFromCanPort(const char* data, int length) {
         const unsigned int dataLen = item[4];
         if (dataLen > kMaxCanDataLen) {
             // The rest of the count is spent on this item: every later item is dropped.
-            CBASE_LOG(0, "C_BASE: Receive CAN data error, length is too large, length = %d > %d\n",
-                      dataLen, kMaxCanDataLen);
+            PM_LOG(0, kLogTag, "Receive CAN data error, length is too large, length = %d > %d\n",
+                   dataLen, kMaxCanDataLen);
             continue;
         }
         const char* itemData = reinterpret_cast<const char*>(item + 8);
-        CBASE_LOG(3, "canID: %x \n", canId);
+        PM_LOG(3, "", "canID: %x \n", canId);
         m_pPeripheralManage->hex_dump("data:", itemData, dataLen, 3);
         PreProcessPeripheralData(itemData, dataLen, canId);
         item += kRecvItemLen;
@@ -259,11 +257,11 @@ int CCanPortBase::OnReceiveDataFromCanPort(const char* data, int length) {
 
 int CCanPortBase::OnReceiveDataFromCanFilter_Get(const char* data, int length) {
     if (data == nullptr || length <= 15) {
-        CBASE_LOG(0, "C_BASE: Receive CAN port data length error ,length = %d \n", length);
+        PM_LOG(0, kLogTag, "Receive CAN port data length error ,length = %d \n", length);
         return 0;
     }
-    CBASE_LOG(0, "C_BASE: CAN filter update, canBusId = %d, transFilterNum = %d\n",
-              MsgView(data, length).Byte(kHeadLen), MsgView(data, length).Byte(kHeadLen + 1));
+    PM_LOG(0, kLogTag, "CAN filter update, canBusId = %d, transFilterNum = %d\n",
+           MsgView(data, length).Byte(kHeadLen), MsgView(data, length).Byte(kHeadLen + 1));
     return 0;
 }
 

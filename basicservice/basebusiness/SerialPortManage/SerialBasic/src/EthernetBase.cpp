@@ -2,8 +2,9 @@
 
 #include "CommonLog.h"
 
-#define EBASE_LOG(level, ...) \
-    Common::gclDebugPrintf(level, __FILE__, __FUNCTION__, __LINE__, __VA_ARGS__)
+namespace {
+constexpr const char kLogTag[] = "E_BASE: ";
+}  // namespace
 
 CEthernetBase::CEthernetBase(CPeripheralManage* manage, CMsgClientManage* client,
                              unsigned int mainId, unsigned int subId)
@@ -29,8 +30,8 @@ int CEthernetBase::SendDataToPeripheral(const char*, unsigned int) {
 }
 
 int CEthernetBase::PreProcessPeripheralData(const char*, unsigned int length) {
-    EBASE_LOG(3, "E_BASE: Data receive, mainId = %d, subId = %d, rev_length = %d\n", m_nMainId,
-              m_nSubId, length);
+    PM_LOG(3, kLogTag, "Data receive, mainId = %d, subId = %d, rev_length = %d\n", m_nMainId,
+           m_nSubId, length);
     ProcessPeripheralData();
     return 0;
 }

@@ -9,10 +9,9 @@
 #include "SerialBase.h"
 #include "SerialDevOperate.h"
 
-#define MAINCHIP_LOG(level, ...) \
-    Common::gclDebugPrintf(level, __FILE__, __FUNCTION__, __LINE__, __VA_ARGS__)
-
 namespace {
+
+constexpr const char kLogTag[] = "MainChip_Opt: ";
 
 constexpr int kMainChipOpenFlags = 2306;  // O_RDWR | O_NOCTTY | O_NONBLOCK
 constexpr unsigned int kOccupiedRetryMs = 1000;
@@ -36,7 +35,7 @@ CMainChipSerialOpt::CMainChipSerialOpt(CSerialBase* owner)
       m_pSerialBase(owner),
       m_bOpenThreadActive(false) {
     if (owner == nullptr) {
-        MAINCHIP_LOG(0, "MainChip_Opt: Serial instance ptr is NULL\n");
+        PM_LOG(0, kLogTag, "Serial instance ptr is NULL\n");
         return;
     }
     if (owner->GetPeripheralManage() != nullptr) {
@@ -56,7 +55,7 @@ int CMainChipSerialOpt::OpenMainChipSerial(std::string path, bool retry, int fla
     }
     m_strSerialName = path;
     const int result = KeepOpenPort(m_pSerialDevOperate->serial_open(m_pSerialBase, path, flags));
-    MAINCHIP_LOG(0, "MainChip_Opt: Open serial result, m_nSerialFd = %d\n", result);
+    PM_LOG(0, kLogTag, "Open serial result, m_nSerialFd = %d\n", result);
     if (result < 0 && !retry) {
         return result;
     }
@@ -69,8 +68,7 @@ int CMainChipSerialOpt::OpenMainChipSerial(std::string path, bool retry, int fla
 int CMainChipSerialOpt::KeepOpenPort(int result) {
     const int held = m_nSerialFd.load();
     if (result < 0 && held >= 0) {
-        MAINCHIP_LOG(0, "MainChip_Opt: Open failed (%d), keep the open m_nSerialFd = %d\n", result,
-                     held);
+        PM_LOG(0, kLogTag, "Open failed (%d), keep the open m_nSerialFd = %d\n", result, held);
         return result;
     }
     m_nSerialFd = result;
@@ -88,10 +86,10 @@ int CMainChipSerialOpt::SetMainChipSerialProperty(unsigned char mask, unsigned i
     if (m_pSerialDevOperate == nullptr) {
         return -1;
     }
-    MAINCHIP_LOG(3,
-                 "MainChip_Opt: Set MainChip serial property, baud = %d, dataBit = %d, "
-                 "stopBit = %d, parity = %d, flowMode = %d\n",
-                 speed, dataBit, stopBit, parity, flow);
+    PM_LOG(3, kLogTag,
+           "Set MainChip serial property, baud = %d, dataBit = %d, "
+           "stopBit = %d, parity = %d, flowMode = %d\n",
+           speed, dataBit, stopBit, parity, flow);
     return m_pSerialDevOperate->serial_set_property(m_nSerialFd, mask, speed, dataBit, stopBit,
                                                     parity, flow);
 }
@@ -106,7 +104,7 @@ int CMainChipSerialOpt::SendDataToPeripheral(const char* data, unsigned int leng
                          data, data != nullptr ? length : 0, 2);
     }
     if (data == nullptr || length == 0) {
-        MAINCHIP_LOG(0, "MainChip_Opt: send data length error\n");
+        PM_LOG(0, kLogTag, "send data length error\n");
         return -1;
     }
     return m_pSerialDevOperate->serial_write(m_nSerialFd, data, length);
@@ -116,7 +114,7 @@ int CMainChipSerialOpt::CloseMainChipSerial() {
     if (m_pSerialDevOperate == nullptr) {
         return -1;
     }
-    MAINCHIP_LOG(1, "MainChip_Opt: Close MainChip serial, m_nSerialFd = %d\n", m_nSerialFd.load());
+    PM_LOG(1, kLogTag, "Close MainChip serial, m_nSerialFd = %d\n", m_nSerialFd.load());
     int result = m_pSerialDevOperate->serial_close(m_nSerialFd);
     if (result == 1) {
         // The number may be handed to another port next; never close it a second time.
@@ -129,7 +127,7 @@ int CMainChipSerialOpt::CloseMainChipSerial() {
 
 void* CMainChipSerialOpt::SerialOpenThreadEntry(void* arg) {
     if (arg == nullptr) {
-        MAINCHIP_LOG(0, "MainChip_Opt: CMainChipSerialOpt ptr is null, create thread failed\n");
+        PM_LOG(0, kLogTag, "CMainChipSerialOpt ptr is null, create thread failed\n");
         return nullptr;
     }
     CMainChipSerialOpt* link = static_cast<CMainChipSerialOpt*>(arg);
@@ -149,8 +147,8 @@ int CMainChipSerialOpt::SerialOpenThreadBody() {
             manage->CheckCpxOccupancySerial(m_strSerialName) == 0) {
             break;
         }
-        MAINCHIP_LOG(1, "MainChip_Opt: Serial[%s] is occupy, please wait device release......\n",
-                     m_strSerialName.c_str());
+        PM_LOG(1, kLogTag, "Serial[%s] is occupy, please wait device release......\n",
+               m_strSerialName.c_str());
         for (unsigned int waited = 0; waited < kOccupiedRetryMs && m_bOpenThreadRun.load();
              waited += kWaitSliceMs) {
             usleep(kWaitSliceMs * 1000);
@@ -161,9 +159,8 @@ int CMainChipSerialOpt::SerialOpenThreadBody() {
     }
     const int result = KeepOpenPort(
         m_pSerialDevOperate->serial_open(m_pSerialBase, m_strSerialName, kMainChipOpenFlags));
-    MAINCHIP_LOG(1,
-                 "MainChip_Opt: DeviceManage relsease Serial[%s], open result,  m_nSerialFd = %d\n",
-                 m_strSerialName.c_str(), result);
+    PM_LOG(1, kLogTag, "DeviceManage relsease Serial[%s], open result,  m_nSerialFd = %d\n",
+           m_strSerialName.c_str(), result);
     m_bOpenThreadRun = false;
     // Open even when the open failed: the plug-in's cycle then runs and may retry itself.
     m_pSerialBase->SetCurPeripOpenStatus(true);
@@ -172,8 +169,7 @@ int CMainChipSerialOpt::SerialOpenThreadBody() {
 
 int CMainChipSerialOpt::StartOpenThread(const std::string& path) {
     if (m_bOpenThreadActive.exchange(true)) {
-        MAINCHIP_LOG(0, "MainChip_Opt: Open thread of Serial[%s] runs already\n",
-                     m_strSerialName.c_str());
+        PM_LOG(0, kLogTag, "Open thread of Serial[%s] runs already\n", m_strSerialName.c_str());
         return -1;
     }
     m_strSerialName = path;

@@ -11,10 +11,9 @@
 #include "PeripheralManage.h"
 #include "SerialBase.h"
 
-#define MCU_LOG(level, ...) \
-    Common::gclDebugPrintf(level, __FILE__, __FUNCTION__, __LINE__, __VA_ARGS__)
-
 namespace {
+
+constexpr const char kLogTag[] = "MCU_OPT: ";
 
 constexpr int kEventSerialData = 1090;  // data from an MCU port
 constexpr int kMsgSerialData = 1088;    // data to an MCU port
@@ -35,7 +34,7 @@ std::string Title(const char* fmt, unsigned int mainId, unsigned int subId, unsi
 
 CMcuSerialOpt::CMcuSerialOpt(CSerialBase* owner) : m_pSerialBase(owner) {
     if (owner == nullptr) {
-        MCU_LOG(0, "MCU_OPT: Serial instance ptr is NULL\n");
+        PM_LOG(0, kLogTag, "Serial instance ptr is NULL\n");
         return;
     }
     owner->SetCurPeripOpenStatus(true);
@@ -67,7 +66,7 @@ int CMcuSerialOpt::SerialMessageUnRegister() {
 
 int CMcuSerialOpt::OnReceiveDataFromSerial(const char* data, int length) {
     if (data == nullptr || length <= 15) {
-        MCU_LOG(0, "MCU_OPT: Receive serial data length error ,length = %d \n", length);
+        PM_LOG(0, kLogTag, "Receive serial data length error ,length = %d \n", length);
         return -1;
     }
     if (m_pSerialBase == nullptr) {
@@ -77,7 +76,7 @@ int CMcuSerialOpt::OnReceiveDataFromSerial(const char* data, int length) {
     const MsgView msg(data, length);
     unsigned int mainId = msg.U16(kHeadSize);
     unsigned int subId = msg.U16(kHeadSize + 2);
-    MCU_LOG(3, "MCU_OPT: [RECV] mainId = %d, subTd = %d \n", mainId, subId);
+    PM_LOG(3, kLogTag, "[RECV] mainId = %d, subTd = %d \n", mainId, subId);
     if (mainId != m_pSerialBase->GetMainId() || subId != m_pSerialBase->GetSubId()) {
         return 0;
     }
@@ -89,10 +88,10 @@ int CMcuSerialOpt::OnReceiveDataFromSerial(const char* data, int length) {
     unsigned int copy = dataLength;
     if (copy > kRecvBufferSize || copy > received) {
         copy = received < kRecvBufferSize ? received : kRecvBufferSize;
-        MCU_LOG(0,
-                "MCU_OPT: [RECV] data length bounded, mainId = %d, subTd = %d, length = %u, "
-                "received = %u, keep = %u\n",
-                mainId, subId, dataLength, received, copy);
+        PM_LOG(0, kLogTag,
+               "[RECV] data length bounded, mainId = %d, subTd = %d, length = %u, "
+               "received = %u, keep = %u\n",
+               mainId, subId, dataLength, received, copy);
     }
     char buffer[kRecvBufferSize] = {};
     memcpy(buffer, data + kRecvDataOffset, copy);

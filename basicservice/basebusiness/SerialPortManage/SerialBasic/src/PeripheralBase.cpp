@@ -9,8 +9,9 @@
 #include "SerialBase.h"
 #include "SerialDevOperate.h"
 
-#define PBASE_LOG(level, ...) \
-    Common::gclDebugPrintf(level, __FILE__, __FUNCTION__, __LINE__, __VA_ARGS__)
+namespace {
+constexpr const char kLogTag[] = "P_BASE: ";
+}  // namespace
 
 CPeripheralBase::CPeripheralBase(CPeripheralManage* manage, CMsgClientManage* client,
                                  ePeripheralType type, unsigned int mainId, unsigned int subId)
@@ -28,7 +29,7 @@ CPeripheralBase::CPeripheralBase(CPeripheralManage* manage, CMsgClientManage* cl
       m_bUpgrading(false) {
     if (manage == nullptr) {
         // An instance without its manager is a programming error the service does not survive.
-        PBASE_LOG(0, "P_BASE: ####Cerate peripheral instance failed, manage ptr is NULL!!!###\n");
+        PM_LOG(0, kLogTag, "####Cerate peripheral instance failed, manage ptr is NULL!!!###\n");
         exit(1);
     }
     if (client != nullptr) {
@@ -75,8 +76,8 @@ int CPeripheralBase::Initialize() {
         }
     }
     if (PeripheralInitialize() < 0) {
-        PBASE_LOG(0, "P_BASE: This Peripheral init falied, type = %d, mainId = %d, subId = %d\n",
-                  m_ePeripheralType, m_nMainId, m_nSubId);
+        PM_LOG(0, kLogTag, "This Peripheral init falied, type = %d, mainId = %d, subId = %d\n",
+               m_ePeripheralType, m_nMainId, m_nSubId);
         return -1;
     }
     MessageRegister();
@@ -87,6 +88,7 @@ int CPeripheralBase::Initialize() {
 }
 
 namespace {
+
 // Distance between two clock values; a clock that steps backwards counts as well. Taken in
 // unsigned arithmetic: a signed difference of far-apart values overflows.
 bool CycleDue(long long now, long long last, unsigned int circle) {
@@ -109,8 +111,8 @@ int CPeripheralBase::ThreadFuncImpl() {
         return 0;
     }
     if (CycleDue(now, m_llLastTime, GetThreadCircleTime())) {
-        PBASE_LOG(3, "P_BASE: [%d:%d-%d], Independent Thread running......, curTime = %llu\n",
-                  m_ePeripheralType, m_nMainId, m_nSubId, static_cast<unsigned long long>(now));
+        PM_LOG(3, kLogTag, "[%d:%d-%d], Independent Thread running......, curTime = %llu\n",
+               m_ePeripheralType, m_nMainId, m_nSubId, static_cast<unsigned long long>(now));
         m_llLastTime = now;
         PeripheralThreadCycle(now);
     }
@@ -124,9 +126,9 @@ int CPeripheralBase::SharedThreadCycle(long long now) {
     if (!CycleDue(now, m_llLastTime, GetThreadCircleTime())) {
         return 0;
     }
-    PBASE_LOG(3, "P_BASE: [%d:%d-%d], Shared Thread running, msgId = %d, last_time = %llu\n",
-              m_ePeripheralType, m_nMainId, m_nSubId, m_nMsgId,
-              static_cast<unsigned long long>(m_llLastTime));
+    PM_LOG(3, kLogTag, "[%d:%d-%d], Shared Thread running, msgId = %d, last_time = %llu\n",
+           m_ePeripheralType, m_nMainId, m_nSubId, m_nMsgId,
+           static_cast<unsigned long long>(m_llLastTime));
     m_llLastTime = now;
     return PeripheralThreadCycle(now);
 }
@@ -138,6 +140,6 @@ int CPeripheralBase::StopPeripheralThread() {
     }
     SetCurPeripOpenStatus(false);
     MessageUnRegister();
-    PBASE_LOG(1, "CPeripheralBase StopPeripheralThread\n");
+    PM_LOG(1, "", "CPeripheralBase StopPeripheralThread\n");
     return 0;
 }

@@ -22,10 +22,9 @@
 #include "SerialDevExtendBoxHub.h"
 #include "SerialDevOperate.h"
 
-#define PHM_LOG(level, ...) \
-    Common::gclDebugPrintf(level, __FILE__, __FUNCTION__, __LINE__, __VA_ARGS__)
-
 namespace {
+
+constexpr const char kLogTag[] = "S_MANAGE: ";
 
 // Bus events of the manager: requests it sends, and the events it handles.
 enum : int {
@@ -233,12 +232,12 @@ PeripheralProperty SerialPropertyFrom(const Json::Value& object, uint32_t mainId
 }
 
 void LogSerialProperty(const PeripheralProperty& p, size_t size) {
-    PHM_LOG(2,
-            "S_MANAGE: Analyse serial prperty, add one [Serial] lib, mainId = %d, subId = %d, "
-            "baud = %d, dataBit = %d, stopBit = %d, parity = %d, flow = %d, protocolType = %d, "
-            "size = %d\n",
-            p.mainId, p.subId, p.baud, p.dataBit, p.stopBit, p.parity, p.flow, p.protocolType,
-            static_cast<int>(size));
+    PM_LOG(2, kLogTag,
+           "Analyse serial prperty, add one [Serial] lib, mainId = %d, subId = %d, "
+           "baud = %d, dataBit = %d, stopBit = %d, parity = %d, flow = %d, protocolType = %d, "
+           "size = %d\n",
+           p.mainId, p.subId, p.baud, p.dataBit, p.stopBit, p.parity, p.flow, p.protocolType,
+           static_cast<int>(size));
 }
 
 // A plug-in's factory is foreign code: whatever it throws must not cross into the service,
@@ -250,18 +249,18 @@ CPeripheralBase* CallCreator(PeripheralCreateFn create, CPeripheralManage* manag
     try {
         return create(manage, client, mainId, subId);
     } catch (const std::exception& e) {
-        PHM_LOG(0,
-                "S_MANAGE: Plugin factory threw, name = %s, type = %d, mainId = %d, subId = %d, "
-                "what = %s\n",
-                name.c_str(), type, mainId, subId, e.what());
+        PM_LOG(0, kLogTag,
+               "Plugin factory threw, name = %s, type = %d, mainId = %d, subId = %d, "
+               "what = %s\n",
+               name.c_str(), type, mainId, subId, e.what());
         return nullptr;
     } catch (...) {
         what = "(not a std::exception)";
     }
-    PHM_LOG(0,
-            "S_MANAGE: Plugin factory threw, name = %s, type = %d, mainId = %d, subId = %d, "
-            "what = %s\n",
-            name.c_str(), type, mainId, subId, what);
+    PM_LOG(0, kLogTag,
+           "Plugin factory threw, name = %s, type = %d, mainId = %d, subId = %d, "
+           "what = %s\n",
+           name.c_str(), type, mainId, subId, what);
     return nullptr;
 }
 
@@ -340,7 +339,7 @@ CPeripheralManage::CPeripheralManage()
 
     if (!AnalysePeripheralConfig()) {
         // The service is never to run without its peripheral configuration.
-        PHM_LOG(0, "S_MANAGE: Load Peripheral Config failed, and exit!!!\n");
+        PM_LOG(0, kLogTag, "Load Peripheral Config failed, and exit!!!\n");
         exit(1);
     }
     // The alarm speech configuration arrives with the alarm speech work.
@@ -349,7 +348,7 @@ CPeripheralManage::CPeripheralManage()
     m_ucDeviceModuleReady = 0;
     m_ucTestEnable = 0;
     m_ucisPlugIn = 1;
-    PHM_LOG(1, "S_MANAGE: **CPeripheralManage** instance is construct, m_nMsgId = %d\n", m_nMsgId);
+    PM_LOG(1, kLogTag, "**CPeripheralManage** instance is construct, m_nMsgId = %d\n", m_nMsgId);
 }
 
 CPeripheralManage::~CPeripheralManage() {
@@ -380,22 +379,22 @@ CPeripheralManage::~CPeripheralManage() {
 
 int CPeripheralManage::Initialize() {
     if (m_nCurPeripheral == 0) {
-        PHM_LOG(0, "S_MANAGE: @@@@@ No Peripheral......\n");
+        PM_LOG(0, kLogTag, "@@@@@ No Peripheral......\n");
     }
     PhmMessageRegister();
     // The records are the manager thread's once it runs: walk them before it starts.
     for (auto it = m_listPeripheralPlugin.begin(); it != m_listPeripheralPlugin.end();) {
         if (it->pInstance == nullptr) {
-            PHM_LOG(0, "S_MANAGE: Periphral Plugin[%s] Is NULL, and delete it\n",
-                    it->strName.c_str());
+            PM_LOG(0, kLogTag, "Periphral Plugin[%s] Is NULL, and delete it\n",
+                   it->strName.c_str());
             it = m_listPeripheralPlugin.erase(it);
             continue;
         }
-        PHM_LOG(1,
-                "S_MANAGE: Get plugin Periphral id: type = %d, mainId = %d, subId = %d, "
-                "name = %s\n",
-                it->pInstance->GetPeripheralType(), it->pInstance->GetMainId(),
-                it->pInstance->GetSubId(), it->strName.c_str());
+        PM_LOG(1, kLogTag,
+               "Get plugin Periphral id: type = %d, mainId = %d, subId = %d, "
+               "name = %s\n",
+               it->pInstance->GetPeripheralType(), it->pInstance->GetMainId(),
+               it->pInstance->GetSubId(), it->strName.c_str());
         ++it;
     }
     Start(0);
@@ -409,7 +408,7 @@ int CPeripheralManage::ThreadFuncImpl() {
     m_pMsgClient->MSGFeedWatchDog(now);
 
     if (m_ucDeviceModuleReady == 0) {
-        PHM_LOG(1, "S_MANAGE: DeviceManage module is not init success, please wait......\n");
+        PM_LOG(1, kLogTag, "DeviceManage module is not init success, please wait......\n");
         m_pMsgClient->MSGSendMessage(0, MSG_DEVICE_MODULE_REQUEST, 1, nullptr, 0, m_nMsgId);
         usleep(2000000);
         return 0;
@@ -430,7 +429,7 @@ void CPeripheralManage::SendParamRequests() {
             m_pMsgClient->MSGSendMessage(0, request.requestId, 1, nullptr, 0, m_nMsgId);
         }
     }
-    PHM_LOG(2, "S_MANAGE: Get system param, state = 0x%x, please waiting......\n", m_nParamState);
+    PM_LOG(2, kLogTag, "Get system param, state = 0x%x, please waiting......\n", m_nParamState);
 }
 
 void CPeripheralManage::SendStatusRequests(long long now) {
@@ -451,7 +450,7 @@ void CPeripheralManage::PhmThreadCycle(long long now) {
         if (record.pInstance != nullptr) {
             record.pInstance->SharedThreadCycle(now);
         } else if (now - g_cycle.nullPluginLogTime > kNullPluginLogPeriodMs) {
-            PHM_LOG(0, "S_MANAGE: Peripheral Plugin is NULL, name = %s\n", record.strName.c_str());
+            PM_LOG(0, kLogTag, "Peripheral Plugin is NULL, name = %s\n", record.strName.c_str());
             g_cycle.nullPluginLogTime = now;
         }
     }
@@ -471,7 +470,7 @@ void CPeripheralManage::PhmThreadCycle(long long now) {
     g_cycle.nullPluginLogTime = now;
     if (g_cycle.usbPollCount >= kUsbPollPeriods) {
         g_cycle.usbPollCount = 0;
-        PHM_LOG(1, "usb plugin ,send message to get usb disk info\n");
+        PM_LOG(1, "", "usb plugin ,send message to get usb disk info\n");
         m_pMsgClient->MSGSendMessage(0, MSG_UDISK_INFO_REQUEST, 1, nullptr, 0, m_nMsgId);
     }
     ++g_cycle.usbPollCount;
@@ -504,7 +503,7 @@ int CPeripheralManage::PhmMessageUnRegister() {
 
 int CPeripheralManage::AnalysePeripheralConfig() {
     if (Q7R_GetJsonByEnv("DEVICE_SERIAL_EXTEND_CFG", m_jsonPeripheralCfg) != 0) {
-        PHM_LOG(0, "S_MANAGE: ***********Get Serial Env failed***********\n");
+        PM_LOG(0, kLogTag, "***********Get Serial Env failed***********\n");
         return 0;
     }
     m_mapPeripheralConfig.clear();
@@ -518,10 +517,10 @@ int CPeripheralManage::AnalysePeripheralConfig() {
     AnalyseMainChipSerialPath(JsonArray(
         JsonMember(m_jsonPeripheralCfg, "DEVICE_PERIPHERAL_PARAM_SETTING"), "SERIAL_PARAM"));
 
-    PHM_LOG(1,
-            "S_MANAGE: $$$$$ Check peripheral module, m_nParamState = 0x%x, m_nCurPeripheral = "
-            "0x%x,  serial_size = %d, can_size = %d, ethernet_size = %d\n",
-            m_nParamState, m_nCurPeripheral, serial.size(), can.size(), ethernet.size());
+    PM_LOG(1, kLogTag,
+           "$$$$$ Check peripheral module, m_nParamState = 0x%x, m_nCurPeripheral = "
+           "0x%x,  serial_size = %d, can_size = %d, ethernet_size = %d\n",
+           m_nParamState, m_nCurPeripheral, serial.size(), can.size(), ethernet.size());
     return 1;
 }
 
@@ -541,8 +540,8 @@ void CPeripheralManage::AnalyseSerialConfig(const Json::Value& entries) {
         }
         const uint32_t mainId = static_cast<uint32_t>(funcId.asInt());
         m_mapPeripheralLibName[PERIPHERAL_TYPE_SERIAL][mainId] = libName.asString();
-        PHM_LOG(2, "S_MANAGE: Find lib, mainId = %d, name = %s\n", mainId,
-                libName.asString().c_str());
+        PM_LOG(2, kLogTag, "Find lib, mainId = %d, name = %s\n", mainId,
+               libName.asString().c_str());
 
         list.push_back(SerialPropertyFrom(entry, mainId, 0));
         LogSerialProperty(list.back(), list.size());
@@ -580,8 +579,8 @@ void CPeripheralManage::AnalyseCanConfig(const Json::Value& entries) {
         // CAN rates share the serial words on purpose.
         property.baud = serial_baud_switch(JsonText(entry, "DEV_CAN_BAUD_RATE"));
         m_mapPeripheralConfig[PERIPHERAL_TYPE_CANPORT].push_back(property);
-        PHM_LOG(4, "S_MANAGE: Analyse Config, add one [Can port] lib, name = %s, mainId = %d\n",
-                libName.asString().c_str(), mainId);
+        PM_LOG(4, kLogTag, "Analyse Config, add one [Can port] lib, name = %s, mainId = %d\n",
+               libName.asString().c_str(), mainId);
     }
     m_nCurPeripheral |= CUR_PERIPHERAL_CAN;
     m_nParamState |= PARAM_STATE_CAN;
@@ -604,8 +603,8 @@ void CPeripheralManage::AnalyseEthernetConfig(const Json::Value& entries) {
         }
         const uint32_t mainId = static_cast<uint32_t>(funcId.asInt());
         m_mapPeripheralLibName[PERIPHERAL_TYPE_ETHERNET][mainId] = libName.asString();
-        PHM_LOG(4, "S_MANAGE: Analyse Config, add one [ethernet] lib, name = %s, mainId = %d\n",
-                libName.asString().c_str(), mainId);
+        PM_LOG(4, kLogTag, "Analyse Config, add one [ethernet] lib, name = %s, mainId = %d\n",
+               libName.asString().c_str(), mainId);
     }
     m_nCurPeripheral |= CUR_PERIPHERAL_ETHERNET;
     m_nParamState |= PARAM_STATE_ETHERNET;
@@ -626,15 +625,15 @@ void CPeripheralManage::AnalyseMainChipSerialPath(const Json::Value& entries) {
         }
         const int index = position.asInt();
         if (index < 0 || index >= pathCount) {
-            PHM_LOG(0,
-                    "S_MANAGE: Main chip serial position out of range, id = %d, position = %d, "
-                    "path = %s\n",
-                    i, index, path.asString().c_str());
+            PM_LOG(0, kLogTag,
+                   "Main chip serial position out of range, id = %d, position = %d, "
+                   "path = %s\n",
+                   i, index, path.asString().c_str());
             continue;
         }
         paths[index] = path.asString();
-        PHM_LOG(2, "S_MANAGE: Find a main chip serial, id = %d, position = %d, path = %s\n", i,
-                index, paths[index].c_str());
+        PM_LOG(2, kLogTag, "Find a main chip serial, id = %d, position = %d, path = %s\n", i, index,
+               paths[index].c_str());
     }
 }
 
@@ -645,7 +644,7 @@ int CPeripheralManage::CreatePeripheralInstance(ePeripheralType type, unsigned i
                                                 unsigned int subId) {
     for (const PeripheralProperty_t& record : m_listPeripheralPlugin) {
         if (record.pInstance != nullptr && SameIdentity(record.pInstance, type, mainId, subId)) {
-            PHM_LOG(1, "S_MANAGE: Find same instance, and return!!!\n");
+            PM_LOG(1, kLogTag, "Find same instance, and return!!!\n");
             return 0;
         }
     }
@@ -666,7 +665,7 @@ int CPeripheralManage::CreateBuiltInBox(PeripheralCreateFn create, PeripheralRel
                                         unsigned int mainId, const char* failText) {
     CPeripheralBase* instance = create(this, m_pMsgClient, mainId, 0);
     if (instance == nullptr) {
-        PHM_LOG(0, "%s", failText);
+        PM_LOG(0, "", "%s", failText);
         return 0;
     }
     instance->Initialize();
@@ -685,10 +684,10 @@ int CPeripheralManage::OpenPeripheralLib(ePeripheralType type, unsigned int main
         }
     }
     if (name.empty()) {
-        PHM_LOG(0,
-                "S_MANAGE: Read lib file failed, file name is NULL, name = %s, mainId = %d, "
-                "subId = %d\n",
-                name.c_str(), mainId, subId);
+        PM_LOG(0, kLogTag,
+               "Read lib file failed, file name is NULL, name = %s, mainId = %d, "
+               "subId = %d\n",
+               name.c_str(), mainId, subId);
         return -1;
     }
     const char* directory = PluginDirectory(type);
@@ -699,39 +698,38 @@ int CPeripheralManage::OpenPeripheralLib(ePeripheralType type, unsigned int main
     snprintf(dirPath, sizeof(dirPath), "%s", directory);
     DirHandle dir(opendir(dirPath));
     if (!dir) {
-        PHM_LOG(0, "S_MANAGE: Open basic service plugin lib directory failed, path = %s\n",
-                dirPath);
+        PM_LOG(0, kLogTag, "Open basic service plugin lib directory failed, path = %s\n", dirPath);
         return -1;
     }
-    PHM_LOG(2, "S_MANAGE: Begin to Find lib file, name = %s, mainId = %d, subId = %d, size = %d\n",
-            name.c_str(), mainId, subId, static_cast<int>(m_listPeripheralPlugin.size()));
+    PM_LOG(2, kLogTag, "Begin to Find lib file, name = %s, mainId = %d, subId = %d, size = %d\n",
+           name.c_str(), mainId, subId, static_cast<int>(m_listPeripheralPlugin.size()));
 
     int result = 0;
     // Directory order, unsorted: with several candidates the first listed one wins.
     while (struct dirent* entry = readdir(dir.get())) {
-        PHM_LOG(3, "S_MANAGE: dir_name = %s\n", entry->d_name);
+        PM_LOG(3, kLogTag, "dir_name = %s\n", entry->d_name);
         if (strstr(entry->d_name, name.c_str()) == nullptr) {
             continue;
         }
         char path[kPluginPathSize];
         if (snprintf(path, sizeof(path), "%s%s", dirPath, entry->d_name) >=
             static_cast<int>(sizeof(path))) {
-            PHM_LOG(0, "S_MANAGE: Plugin path too long, dir = %s, file = %s\n", dirPath,
-                    entry->d_name);
+            PM_LOG(0, kLogTag, "Plugin path too long, dir = %s, file = %s\n", dirPath,
+                   entry->d_name);
             result = -1;
             break;
         }
         // dlopen of a FIFO or a device never returns; a directory cannot load either.
         struct stat info;
         if (stat(path, &info) != 0 || !S_ISREG(info.st_mode)) {
-            PHM_LOG(0, "S_MANAGE: Skip plugin entry, not a regular file, path = %s\n", path);
+            PM_LOG(0, kLogTag, "Skip plugin entry, not a regular file, path = %s\n", path);
             continue;
         }
-        PHM_LOG(2, "S_MANAGE: Find lib success, begin to open, dir = %s\n", path);
+        PM_LOG(2, kLogTag, "Find lib success, begin to open, dir = %s\n", path);
         result = LoadPeripheralLibFile(path, name, type, mainId, subId);
         break;
     }
-    PHM_LOG(2, "S_MANAGE: lib [%s] load finish\n", name.c_str());
+    PM_LOG(2, kLogTag, "lib [%s] load finish\n", name.c_str());
     return result;
 }
 
@@ -742,28 +740,28 @@ int CPeripheralManage::LoadPeripheralLibFile(const char* path, const std::string
     void* handle = dlopen(path, RTLD_LAZY);
     if (handle == nullptr) {
         const char* error = dlerror();
-        PHM_LOG(0, "S_MANAGE: Cannot load plugin, name = %s, err : %s\n", path,
-                error != nullptr ? error : "");
+        PM_LOG(0, kLogTag, "Cannot load plugin, name = %s, err : %s\n", path,
+               error != nullptr ? error : "");
         return -1;
     }
     auto create = reinterpret_cast<PeripheralCreateFn>(dlsym(handle, "PeripheralCreate"));
     if (create == nullptr) {
-        PHM_LOG(0, "S_MANAGE: Cannot get plugin [PeripheralCreate] ptr, name = %s\n", path);
+        PM_LOG(0, kLogTag, "Cannot get plugin [PeripheralCreate] ptr, name = %s\n", path);
         return -1;
     }
-    PHM_LOG(2, "S_MANAGE: Find the lib so, then create it, type = %d, mainId = %d, subId = %d\n",
-            type, mainId, subId);
+    PM_LOG(2, kLogTag, "Find the lib so, then create it, type = %d, mainId = %d, subId = %d\n",
+           type, mainId, subId);
     CPeripheralBase* instance = CallCreator(create, this, m_pMsgClient, name, type, mainId, subId);
     if (instance == nullptr) {
-        PHM_LOG(0, "S_MANAGE: Create new instance failed, type = %d, mainId = %d, subId = %d\n",
-                type, mainId, subId);
+        PM_LOG(0, kLogTag, "Create new instance failed, type = %d, mainId = %d, subId = %d\n", type,
+               mainId, subId);
         return 0;
     }
     instance->Initialize();
     auto release = reinterpret_cast<PeripheralReleaseFn>(dlsym(handle, "PeripheralRelease"));
     if (release == nullptr) {
         // The instance runs on unregistered: nothing is rolled back.
-        PHM_LOG(0, "S_MANAGE: Cannot get plugin [PeripheralRelease] ptr, name = %s\n", path);
+        PM_LOG(0, kLogTag, "Cannot get plugin [PeripheralRelease] ptr, name = %s\n", path);
         return -1;
     }
     m_listPeripheralPlugin.push_back(PeripheralProperty_t{handle, create, release, name, instance});
@@ -803,23 +801,23 @@ int CPeripheralManage::SwitchPeripheralInSameLib(unsigned int mainId, unsigned i
                    (r.pInstance->GetMainId() == mainId && r.pInstance->GetSubId() == oldSubId);
         });
     if (record == m_listPeripheralPlugin.end()) {
-        PHM_LOG(0,
-                "S_MANAGE: Switch instance failed, [Not Find old instance], mainId = %d, "
-                "oldSubID = %d, newSubID = %d\n",
-                mainId, oldSubId, newSubId);
+        PM_LOG(0, kLogTag,
+               "Switch instance failed, [Not Find old instance], mainId = %d, "
+               "oldSubID = %d, newSubID = %d\n",
+               mainId, oldSubId, newSubId);
         return -2;
     }
     bool canCreate = record->pCreate != nullptr;
     if (record->pInstance != nullptr) {
         canCreate = canCreate && record->pRelease != nullptr;
     } else {
-        PHM_LOG(0, "S_MANAGE: Switch instance, old instance is NULL, create new instance!!!\n");
+        PM_LOG(0, kLogTag, "Switch instance, old instance is NULL, create new instance!!!\n");
     }
     if (!canCreate) {
-        PHM_LOG(0,
-                "S_MANAGE: Switch instance failed, [Create ptr is NULL], mainId = %d, oldSubID = "
-                "%d, newSubID = %d, name = %s\n",
-                mainId, oldSubId, newSubId, record->strName.c_str());
+        PM_LOG(0, kLogTag,
+               "Switch instance failed, [Create ptr is NULL], mainId = %d, oldSubID = "
+               "%d, newSubID = %d, name = %s\n",
+               mainId, oldSubId, newSubId, record->strName.c_str());
         return -1;
     }
     const ePeripheralType type = record->pInstance != nullptr
@@ -832,17 +830,17 @@ int CPeripheralManage::SwitchPeripheralInSameLib(unsigned int mainId, unsigned i
         CallCreator(record->pCreate, this, m_pMsgClient, record->strName, type, mainId, newSubId);
     if (record->pInstance == nullptr) {
         // The record stays without instance: nothing is rolled back.
-        PHM_LOG(0,
-                "S_MANAGE: Switch instance failed, [Create ptr is NULL], mainId = %d, oldSubID = "
-                "%d, newSubID = %d, name = %s\n",
-                mainId, oldSubId, newSubId, record->strName.c_str());
+        PM_LOG(0, kLogTag,
+               "Switch instance failed, [Create ptr is NULL], mainId = %d, oldSubID = "
+               "%d, newSubID = %d, name = %s\n",
+               mainId, oldSubId, newSubId, record->strName.c_str());
         return -1;
     }
     record->pInstance->Initialize();
-    PHM_LOG(1,
-            "S_MANAGE: Switch instance success, mainId = %d, oldSubID = %d, newSubID = %d, "
-            "name = %s\n",
-            mainId, oldSubId, newSubId, record->strName.c_str());
+    PM_LOG(1, kLogTag,
+           "Switch instance success, mainId = %d, oldSubID = %d, newSubID = %d, "
+           "name = %s\n",
+           mainId, oldSubId, newSubId, record->strName.c_str());
     return 0;
 }
 
@@ -854,42 +852,41 @@ int CPeripheralManage::RemovePeripheralInstance(ePeripheralType type, unsigned i
                                           SameIdentity(r.pInstance, type, mainId, subId);
                                });
     if (record == m_listPeripheralPlugin.end()) {
-        PHM_LOG(0,
-                "S_MANAGE: Release Peripheral Instance failed, [Not find instance], type = %d, "
-                "mainID = %d, subId = %d\n",
-                type, mainId, subId);
+        PM_LOG(0, kLogTag,
+               "Release Peripheral Instance failed, [Not find instance], type = %d, "
+               "mainID = %d, subId = %d\n",
+               type, mainId, subId);
         return -1;
     }
     const char* name = record->strName.c_str();
     if (record->pRelease != nullptr) {
-        PHM_LOG(1,
-                "S_MANAGE: Release Peripheral Instance success, type = %d, mainID = %d, subId = "
-                "%d, name = %s\n",
-                type, mainId, subId, name);
+        PM_LOG(1, kLogTag,
+               "Release Peripheral Instance success, type = %d, mainID = %d, subId = "
+               "%d, name = %s\n",
+               type, mainId, subId, name);
         if (record->pInstance != nullptr) {
             ReleaseInstance(*record);
         }
         record->pInstance = nullptr;
     } else {
-        PHM_LOG(0,
-                "S_MANAGE: Release Peripheral Instance failed, [Release handle is NULL], type = "
-                "%d, mainID = %d, subId = %d, name = %s\n",
-                type, mainId, subId, name);
+        PM_LOG(0, kLogTag,
+               "Release Peripheral Instance failed, [Release handle is NULL], type = "
+               "%d, mainID = %d, subId = %d, name = %s\n",
+               type, mainId, subId, name);
     }
     // Only the extension box is exempt; the hub box logs the failed close, as it always has.
     const bool extendBox =
         type == PERIPHERAL_TYPE_SERIAL && mainId == PERIPHERAL_MAINID_EXTEND_BOX && subId == 0;
     if (!extendBox) {
         if (record->pLibHandle != nullptr) {
-            PHM_LOG(1,
-                    "S_MANAGE: Close Dll success, type = %d, mainID = %d, subId = %d, name = %s\n",
-                    type, mainId, subId, name);
+            PM_LOG(1, kLogTag, "Close Dll success, type = %d, mainID = %d, subId = %d, name = %s\n",
+                   type, mainId, subId, name);
             dlclose(record->pLibHandle);
         } else {
-            PHM_LOG(0,
-                    "S_MANAGE: Close Dll failed, [Dll handle is NULL], type = %d, mainID = %d, "
-                    "subId = %d, name = %s\n",
-                    type, mainId, subId, name);
+            PM_LOG(0, kLogTag,
+                   "Close Dll failed, [Dll handle is NULL], type = %d, mainID = %d, "
+                   "subId = %d, name = %s\n",
+                   type, mainId, subId, name);
         }
     }
     m_listPeripheralPlugin.erase(record);
@@ -953,7 +950,7 @@ unsigned char CPeripheralManage::GetPeripheralUiId(ePeripheralType type, unsigne
             continue;
         }
         const std::string text = name.asString();
-        PHM_LOG(3, "GetPeripheralUiId: strTemp = %s\n", text.c_str());
+        PM_LOG(3, "", "GetPeripheralUiId: strTemp = %s\n", text.c_str());
         // The configured name is what is searched for: "232" matches "232-1".
         for (unsigned char ui = 0; ui < 4; ++ui) {
             if (strstr(kUiPorts[ui], text.c_str()) != nullptr) {
@@ -970,7 +967,7 @@ unsigned char CPeripheralManage::GetPeripheralUiId(ePeripheralType type, unsigne
 int CPeripheralManage::OnUpdateSerialParamSetting(const char* data, int length) {
     MsgView msg(data, length);
     if (msg.TooShort()) {
-        PHM_LOG(0, "S_MANAGE: Serial port param length error \n");
+        PM_LOG(0, kLogTag, "Serial port param length error \n");
         return -1;
     }
     m_nParamState &= static_cast<uint16_t>(~PARAM_STATE_SERIAL);
@@ -979,7 +976,7 @@ int CPeripheralManage::OnUpdateSerialParamSetting(const char* data, int length) 
     if (memcmp(&setting, &m_stuSystemSerialParam.stuSerialSetting, sizeof(setting)) == 0) {
         return 0;
     }
-    PHM_LOG(2, "S_MANAGE: Serial param has changed......\n");
+    PM_LOG(2, kLogTag, "Serial param has changed......\n");
     PrintPeripheralParam(PERIPHERAL_TYPE_SERIAL, &setting);
     UpdateSerialInstance(setting);
     return 0;
@@ -988,17 +985,17 @@ int CPeripheralManage::OnUpdateSerialParamSetting(const char* data, int length) 
 int CPeripheralManage::OnUpdateCanParamSetting(const char* data, int length) {
     MsgView msg(data, length);
     if (msg.TooShort()) {
-        PHM_LOG(0, "S_MANAGE: CAN port param length error \n");
+        PM_LOG(0, kLogTag, "CAN port param length error \n");
         return -1;
     }
-    PHM_LOG(2, "S_MANAGE: OnUpdateCanParamSetting......\n");
+    PM_LOG(2, kLogTag, "OnUpdateCanParamSetting......\n");
     m_nParamState &= static_cast<uint16_t>(~PARAM_STATE_CAN);
     paramCanSetting_t setting;
     msg.Copy(16, &setting, sizeof(setting));
     if (memcmp(&setting, &m_stuCanParam, sizeof(setting)) == 0) {
         return 0;
     }
-    PHM_LOG(2, "S_MANAGE: CAN param has changed......\n");
+    PM_LOG(2, kLogTag, "CAN param has changed......\n");
     PrintPeripheralParam(PERIPHERAL_TYPE_CANPORT, &setting);
     UpdateCanInstance(setting);
     return 0;
@@ -1007,7 +1004,7 @@ int CPeripheralManage::OnUpdateCanParamSetting(const char* data, int length) {
 int CPeripheralManage::OnUpdateEthernetParamSetting(const char* data, int length) {
     MsgView msg(data, length);
     if (msg.TooShort()) {
-        PHM_LOG(0, "S_MANAGE: Ethernet port param length error \n");
+        PM_LOG(0, kLogTag, "Ethernet port param length error \n");
         return -1;
     }
     m_nParamState &= static_cast<uint16_t>(~PARAM_STATE_ETHERNET);
@@ -1016,7 +1013,7 @@ int CPeripheralManage::OnUpdateEthernetParamSetting(const char* data, int length
     if (memcmp(&setting, &m_stuEthernetParam, sizeof(setting)) == 0) {
         return 0;
     }
-    PHM_LOG(1, "S_MANAGE: Ethernet param has changed......\n");
+    PM_LOG(1, kLogTag, "Ethernet param has changed......\n");
     PrintPeripheralParam(PERIPHERAL_TYPE_ETHERNET, &setting);
     UpdateEthernetInstance(setting);
     return 0;
@@ -1037,18 +1034,18 @@ int CPeripheralManage::UpdateSerialInstance(const paramSerialSetting_t& setting)
     CreateQueuedSerialInstances(createQueue, changed);
 
     m_mapChangedPeripPair[PERIPHERAL_TYPE_SERIAL] = changed;
-    PHM_LOG(2, "S_MANAGE: **** Reset serial property list size = %d****\n",
-            static_cast<int>(changed.size()));
+    PM_LOG(2, kLogTag, "**** Reset serial property list size = %d****\n",
+           static_cast<int>(changed.size()));
     for (const PeripheralPair& pair : changed) {
-        PHM_LOG(2, "mainId = %d, subId = %d\n", pair.mainId, pair.subId);
+        PM_LOG(2, "", "mainId = %d, subId = %d\n", pair.mainId, pair.subId);
     }
     NotifySerialParamChange();
 
     // Emptied before the count is logged: changeSize reads 0, as it always has.
     std::vector<PeripheralPair>& published = m_mapChangedPeripPair[PERIPHERAL_TYPE_SERIAL];
     published.clear();
-    PHM_LOG(2, "S_MANAGE: Update Serial Instance Finished, instance_size = %d, changeSize = %d\n",
-            static_cast<int>(m_listPeripheralPlugin.size()), static_cast<int>(published.size()));
+    PM_LOG(2, kLogTag, "Update Serial Instance Finished, instance_size = %d, changeSize = %d\n",
+           static_cast<int>(m_listPeripheralPlugin.size()), static_cast<int>(published.size()));
     return 0;
 }
 
@@ -1067,8 +1064,8 @@ void CPeripheralManage::ReconcileSerialPort(const SerialPortEntry_t& oldPort,
         return;
     }
     if (IsExtendBox(newPort.mainFun)) {
-        PHM_LOG(2, "S_MANAGE: Remove extend serial instance, mainId = %d, subId = %d\n",
-                oldPort.mainFun, oldPort.subFun);
+        PM_LOG(2, kLogTag, "Remove extend serial instance, mainId = %d, subId = %d\n",
+               oldPort.mainFun, oldPort.subFun);
         RemovePeripheralInstance(PERIPHERAL_TYPE_SERIAL, oldPort.mainFun, oldPort.subFun);
         createQueue.push_back({newPort.mainFun, 0});
         for (const SerialExtendEntry_t& child : newPort.extend) {
@@ -1076,8 +1073,8 @@ void CPeripheralManage::ReconcileSerialPort(const SerialPortEntry_t& oldPort,
         }
         return;
     }
-    PHM_LOG(2, "S_MANAGE: Remove serial instance, mainId = %d, subId = %d\n", oldPort.mainFun,
-            oldPort.subFun);
+    PM_LOG(2, kLogTag, "Remove serial instance, mainId = %d, subId = %d\n", oldPort.mainFun,
+           oldPort.subFun);
     RemovePeripheralInstance(PERIPHERAL_TYPE_SERIAL, oldPort.mainFun, oldPort.subFun);
     createQueue.push_back({newPort.mainFun, newPort.subFun});
 }
@@ -1099,10 +1096,10 @@ void CPeripheralManage::ReconcileSameSerialPort(const SerialPortEntry_t& oldPort
             const SerialExtendEntry_t& oldChild = oldPort.extend[k];
             const SerialExtendEntry_t& newChild = newPort.extend[k];
             if (oldChild.mainFun != newChild.mainFun || oldChild.subFun != newChild.subFun) {
-                PHM_LOG(2,
-                        "S_MANAGE: Remove extend serial instance, index = %d, mainId = %d, subId "
-                        "= %d\n",
-                        k, oldChild.mainFun, oldChild.subFun);
+                PM_LOG(2, kLogTag,
+                       "Remove extend serial instance, index = %d, mainId = %d, subId "
+                       "= %d\n",
+                       k, oldChild.mainFun, oldChild.subFun);
                 RemovePeripheralInstance(PERIPHERAL_TYPE_SERIAL, oldChild.mainFun, oldChild.subFun);
                 createQueue.push_back({newChild.mainFun, newChild.subFun});
             } else if (oldChild.mainFun != 0 && oldChild.baudrate != newChild.baudrate) {
@@ -1117,17 +1114,17 @@ void CPeripheralManage::ReconcileSameSerialPort(const SerialPortEntry_t& oldPort
 
 void CPeripheralManage::RemoveLeavingExtendBox(const SerialPortEntry_t& oldPort) {
     if (CPeripheralBase* box = GetPeripheralInstance(PERIPHERAL_TYPE_SERIAL, oldPort.mainFun, 0)) {
-        PHM_LOG(0, "S_MANAGE:HandlePeripParamChange\n");
+        PM_LOG(0, "", "S_MANAGE:HandlePeripParamChange\n");
         box->HandlePeripParamChange();
     }
     for (int k = 0; k < 8; ++k) {
         const SerialExtendEntry_t& child = oldPort.extend[k];
-        PHM_LOG(2, "S_MANAGE: Remove extend serial instance, index = %d, mainId = %d, subId = %d\n",
-                k, child.mainFun, child.subFun);
+        PM_LOG(2, kLogTag, "Remove extend serial instance, index = %d, mainId = %d, subId = %d\n",
+               k, child.mainFun, child.subFun);
         RemovePeripheralInstance(PERIPHERAL_TYPE_SERIAL, child.mainFun, child.subFun);
     }
-    PHM_LOG(2, "S_MANAGE: Remove extend serial instance, mainId = %d, subId = %d\n",
-            oldPort.mainFun, oldPort.subFun);
+    PM_LOG(2, kLogTag, "Remove extend serial instance, mainId = %d, subId = %d\n", oldPort.mainFun,
+           oldPort.subFun);
     RemovePeripheralInstance(PERIPHERAL_TYPE_SERIAL, oldPort.mainFun, 0);
 }
 
@@ -1137,8 +1134,8 @@ void CPeripheralManage::CreateQueuedSerialInstances(const std::vector<Peripheral
         if (pair.mainId == 0) {
             continue;
         }
-        PHM_LOG(2, "S_MANAGE: Begin create serial instance, mainId = %d, subId = %d\n", pair.mainId,
-                pair.subId);
+        PM_LOG(2, kLogTag, "Begin create serial instance, mainId = %d, subId = %d\n", pair.mainId,
+               pair.subId);
         CreatePeripheralInstance(PERIPHERAL_TYPE_SERIAL, pair.mainId, pair.subId);
         changed.push_back(pair);
     }
@@ -1150,8 +1147,8 @@ void CPeripheralManage::NotifySerialParamChange() {
         box->HandlePeripParamChange();
     } else if (CPeripheralBase* hub = GetPeripheralInstance(PERIPHERAL_TYPE_SERIAL,
                                                             PERIPHERAL_MAINID_EXTEND_HUB_BOX, 0)) {
-        PHM_LOG(1, "New extend hubbox find ok, mainId = %d, subId = %d \n", hub->GetMainId(),
-                hub->GetSubId());
+        PM_LOG(1, "", "New extend hubbox find ok, mainId = %d, subId = %d \n", hub->GetMainId(),
+               hub->GetSubId());
         hub->HandlePeripParamChange();
     }
     // Everybody but the box, whatever their kind; the hub box hears it a second time.
@@ -1173,8 +1170,8 @@ int CPeripheralManage::UpdateCanInstance(const paramCanSetting_t& setting) {
         if (oldPort.mainFun == newPort.mainFun && oldPort.subFun == newPort.subFun) {
             continue;
         }
-        PHM_LOG(1, "S_MANAGE: Remove can instance, mainId = %d, subId = %d\n", oldPort.mainFun,
-                oldPort.subFun);
+        PM_LOG(1, kLogTag, "Remove can instance, mainId = %d, subId = %d\n", oldPort.mainFun,
+               oldPort.subFun);
         RemovePeripheralInstance(PERIPHERAL_TYPE_CANPORT, oldPort.mainFun, oldPort.subFun);
         createQueue.push_back({newPort.mainFun, newPort.subFun});
     }
@@ -1183,12 +1180,12 @@ int CPeripheralManage::UpdateCanInstance(const paramCanSetting_t& setting) {
         if (pair.mainId == 0) {
             continue;
         }
-        PHM_LOG(1, "S_MANAGE: Begin create can instance, mainId = %d, subId = %d\n", pair.mainId,
-                pair.subId);
+        PM_LOG(1, kLogTag, "Begin create can instance, mainId = %d, subId = %d\n", pair.mainId,
+               pair.subId);
         CreatePeripheralInstance(PERIPHERAL_TYPE_CANPORT, pair.mainId, pair.subId);
     }
-    PHM_LOG(1, "S_MANAGE: Update CAN Instance Finished, instance_size = %d\n",
-            static_cast<int>(m_listPeripheralPlugin.size()));
+    PM_LOG(1, kLogTag, "Update CAN Instance Finished, instance_size = %d\n",
+           static_cast<int>(m_listPeripheralPlugin.size()));
     return 0;
 }
 
@@ -1200,8 +1197,8 @@ int CPeripheralManage::UpdateEthernetInstance(const paramPeripheralEtherNet_t& s
         if (oldEntry.mainFun == newEntry.mainFun && oldEntry.subFun == newEntry.subFun) {
             continue;
         }
-        PHM_LOG(1, "S_MANAGE: Remove Ethernet instance, mainId = %d, subId = %d\n",
-                oldEntry.mainFun, oldEntry.subFun);
+        PM_LOG(1, kLogTag, "Remove Ethernet instance, mainId = %d, subId = %d\n", oldEntry.mainFun,
+               oldEntry.subFun);
         RemovePeripheralInstance(PERIPHERAL_TYPE_ETHERNET, oldEntry.mainFun, oldEntry.subFun);
         createQueue.push_back({newEntry.mainFun, newEntry.subFun});
     }
@@ -1210,12 +1207,12 @@ int CPeripheralManage::UpdateEthernetInstance(const paramPeripheralEtherNet_t& s
         if (pair.mainId == 0) {
             continue;
         }
-        PHM_LOG(1, "S_MANAGE: Begin create Ethernet instance, mainId = %d, subId = %d\n",
-                pair.mainId, pair.subId);
+        PM_LOG(1, kLogTag, "Begin create Ethernet instance, mainId = %d, subId = %d\n", pair.mainId,
+               pair.subId);
         CreatePeripheralInstance(PERIPHERAL_TYPE_ETHERNET, pair.mainId, pair.subId);
     }
-    PHM_LOG(1, "S_MANAGE: Update Ethernet Instance Finished, instance_size = %d\n",
-            static_cast<int>(m_listPeripheralPlugin.size()));
+    PM_LOG(1, kLogTag, "Update Ethernet Instance Finished, instance_size = %d\n",
+           static_cast<int>(m_listPeripheralPlugin.size()));
     return 0;
 }
 
@@ -1292,19 +1289,19 @@ int CPeripheralManage::OnSetDebugLevel(const char* data, int length) {
         return 0;
     }
     m_nDebugLevel = msg.U16(18);
-    PHM_LOG(0, "S_MANAGE: Set debug level = %d\n", m_nDebugLevel.load());
+    PM_LOG(0, kLogTag, "Set debug level = %d\n", m_nDebugLevel.load());
     return 0;
 }
 
 int CPeripheralManage::OnDeviceModuleComplete(const char* data, int length) {
     MsgView msg(data, length);
     if (msg.TooShort()) {
-        PHM_LOG(0, "S_MANAGE: device module complete length or msg is error \n");
+        PM_LOG(0, kLogTag, "device module complete length or msg is error \n");
         return -1;
     }
     const uint8_t state = msg.Byte(16);
     m_ucDeviceModuleReady = (state & 0x01) ? 1 : 0;
-    PHM_LOG(1, "S_MANAGE: DeviceManage module init state = 0x%x\n", state);
+    PM_LOG(1, kLogTag, "DeviceManage module init state = 0x%x\n", state);
     return 0;
 }
 
@@ -1312,31 +1309,31 @@ int CPeripheralManage::OnDeviceModuleReleaseSerial(const char* data, int length)
     MsgView msg(data, length);
     if (msg.TooShort()) {
         // The text is shared with OnDeviceModuleComplete on purpose.
-        PHM_LOG(0, "S_MANAGE: device module complete length or msg is error \n");
+        PM_LOG(0, kLogTag, "device module complete length or msg is error \n");
         return -1;
     }
     const std::string path = msg.Text(16);
     if (IsCpxSerial(m_nProductType, path)) {
         m_ucCpxOccupy = 0;
     }
-    PHM_LOG(1,
-            "S_MANAGE: DeviceManage broadcast cpx release serial, product_type = %d, path = %s, "
-            "cpx_occupy = %d\n",
-            m_nProductType, path.c_str(), m_ucCpxOccupy.load());
+    PM_LOG(1, kLogTag,
+           "DeviceManage broadcast cpx release serial, product_type = %d, path = %s, "
+           "cpx_occupy = %d\n",
+           m_nProductType, path.c_str(), m_ucCpxOccupy.load());
     return 0;
 }
 
 int CPeripheralManage::OnUpdataIPCSetting(const char* data, int length) {
     MsgView msg(data, length);
     if (msg.TooShort()) {
-        PHM_LOG(0, "ipc param length error \n");
+        PM_LOG(0, "", "ipc param length error \n");
         return -1;
     }
     m_nParamState &= static_cast<uint16_t>(~PARAM_STATE_IPC);
     uint8_t setting[sizeof(m_stuIpcSetting)];
     msg.Copy(16, setting, sizeof(setting));
     if (memcmp(setting, m_stuIpcSetting, sizeof(setting)) != 0) {
-        PHM_LOG(2, "S_MANAGE: IPC param has changed, and re get video loss state\n");
+        PM_LOG(2, kLogTag, "IPC param has changed, and re get video loss state\n");
         memcpy(m_stuIpcSetting, setting, sizeof(setting));
         m_nStatusState &= ~(STATUS_STATE_DIGITAL_VLOSS | STATUS_STATE_VLOSS);
     }
@@ -1360,17 +1357,17 @@ bool CPeripheralManage::GetIpcChannel(unsigned int channel, uint8_t& digital,
 int CPeripheralManage::OnUpdataDigitalVideoLossStatus(const char* data, int length) {
     MsgView msg(data, length);
     if (msg.TooShort()) {
-        PHM_LOG(0, "S_MANAGE: Update IPC video loss length error \n");
+        PM_LOG(0, kLogTag, "Update IPC video loss length error \n");
         return -1;
     }
     if (msg.HeadLength() != 6) {
-        PHM_LOG(0, "S_MANAGE: Update IPC video loss failed msgerror=%d\n", msg.HeadLength());
+        PM_LOG(0, kLogTag, "Update IPC video loss failed msgerror=%d\n", msg.HeadLength());
         return -1;
     }
     m_nStatusState |= STATUS_STATE_DIGITAL_VLOSS;
     if (m_nTotalChnNum > kVideoLossChannels) {
-        PHM_LOG(0, "S_MANAGE: Video loss mask holds %d channels, channels = %d\n",
-                kVideoLossChannels, m_nTotalChnNum);
+        PM_LOG(0, kLogTag, "Video loss mask holds %d channels, channels = %d\n", kVideoLossChannels,
+               m_nTotalChnNum);
     }
     const unsigned int channels = std::min(m_nTotalChnNum, kVideoLossChannels);
     MutexGuard guard(m_VideoLossLock);
@@ -1381,33 +1378,33 @@ int CPeripheralManage::OnUpdataDigitalVideoLossStatus(const char* data, int leng
         uint8_t digital = 0;
         uint8_t ipcProtocol = 0;
         GetIpcChannel(n, digital, ipcProtocol);
-        PHM_LOG(4,
-                "S_MANAGE: Digital VL state, index = %x, digital = %d, protocol = %d, state = %d\n",
-                n, digital, protocol, lost);
+        PM_LOG(4, kLogTag,
+               "Digital VL state, index = %x, digital = %d, protocol = %d, state = %d\n", n,
+               digital, protocol, lost);
         if (digital == 1 && ipcProtocol == protocol) {
             state = lost == 1 ? (state | (1u << n)) : (state & ~(1u << n));
         }
     }
     m_nVideoLossState = state;
-    PHM_LOG(3, "S_MANAGE: IPC Video loss state update, state = 0x%x, DigitalChnNum = %d\n", state,
-            m_nDigitalChnNum);
+    PM_LOG(3, kLogTag, "IPC Video loss state update, state = 0x%x, DigitalChnNum = %d\n", state,
+           m_nDigitalChnNum);
     return 0;
 }
 
 int CPeripheralManage::OnUpdataVideoLossStatus(const char* data, int length) {
     MsgView msg(data, length);
     if (msg.TooShort()) {
-        PHM_LOG(0, "S_MANAGE: Update video loss length error \n");
+        PM_LOG(0, kLogTag, "Update video loss length error \n");
         return -1;
     }
     if (msg.HeadLength() != 4) {
-        PHM_LOG(0, "S_MANAGE: Update video loss failed msgerror=%d\n", msg.HeadLength());
+        PM_LOG(0, kLogTag, "Update video loss failed msgerror=%d\n", msg.HeadLength());
         return -1;
     }
     m_nStatusState |= STATUS_STATE_VLOSS;
     if (m_nViChnNum > kVideoLossChannels) {
-        PHM_LOG(0, "S_MANAGE: Video loss mask holds %d channels, channels = %d\n",
-                kVideoLossChannels, m_nViChnNum);
+        PM_LOG(0, kLogTag, "Video loss mask holds %d channels, channels = %d\n", kVideoLossChannels,
+               m_nViChnNum);
     }
     const unsigned int channels = std::min(m_nViChnNum, kVideoLossChannels);
     const uint32_t mask = msg.U32(16);
@@ -1422,36 +1419,36 @@ int CPeripheralManage::OnUpdataVideoLossStatus(const char* data, int length) {
         }
     }
     m_nVideoLossState = state;
-    PHM_LOG(2, "S_MANAGE: Vi Video loss state update, state = 0x%x, ViChnNum = %d\n", state,
-            m_nViChnNum);
+    PM_LOG(2, kLogTag, "Vi Video loss state update, state = 0x%x, ViChnNum = %d\n", state,
+           m_nViChnNum);
     return 0;
 }
 
 int CPeripheralManage::OnUpdateLedState(const char* data, int length) {
     if (data == nullptr) {
-        PHM_LOG(0, "S_MANAGE: OnUpdateLedState msg param error \n");
+        PM_LOG(0, kLogTag, "OnUpdateLedState msg param error \n");
         return -1;
     }
     MsgView msg(data, length);
     if (msg.HeadLength() != 16) {
-        PHM_LOG(0, "S_MANAGE: Update Led panel state msgerror=%d\n", msg.HeadLength());
+        PM_LOG(0, kLogTag, "Update Led panel state msgerror=%d\n", msg.HeadLength());
         return -1;
     }
     m_nStatusState |= STATUS_STATE_LED;
     MutexGuard guard(m_LedLock);
     msg.Copy(16, m_stuSysLedState, 10);
     const uint8_t* led = m_stuSysLedState;
-    PHM_LOG(2,
-            "S_MANAGE: Update Led state, record = %x, net = %x, err = %x, gps = %x, alarm = %x, "
-            "vloss = %x, hdd = %x, sd = %x, sys = %x\n",
-            led[0], led[1], led[2], led[3], led[4], led[5], led[6], led[7], led[8]);
+    PM_LOG(2, kLogTag,
+           "Update Led state, record = %x, net = %x, err = %x, gps = %x, alarm = %x, "
+           "vloss = %x, hdd = %x, sd = %x, sys = %x\n",
+           led[0], led[1], led[2], led[3], led[4], led[5], led[6], led[7], led[8]);
     return 0;
 }
 
 int CPeripheralManage::OnUpdataStorageStatus(const char* data, int length) {
     MsgView msg(data, length);
     if (msg.TooShort()) {
-        PHM_LOG(0, "S_MANAGE: OnUpdataStorageStatus param error\n");
+        PM_LOG(0, kLogTag, "OnUpdataStorageStatus param error\n");
         return -1;
     }
     msg.Copy(16, m_stuStorageStatus, sizeof(m_stuStorageStatus));
@@ -1462,12 +1459,12 @@ int CPeripheralManage::OnUpdataStorageStatus(const char* data, int length) {
         const uint8_t type = msg.Byte(entry + 2);
         const uint8_t valid = msg.Byte(entry + 3);
         // valid and i stand swapped against their labels, as the field logs have always shown.
-        PHM_LOG(4, "S_MANAGE: i = %d, valid = %d, type = %d, state = %d\n", valid, i, type, state);
+        PM_LOG(4, kLogTag, "i = %d, valid = %d, type = %d, state = %d\n", valid, i, type, state);
         if (valid == 1 && type == 1 && (state == 2 || state == 5 || state == 6)) {
             errorSd = 0;
         }
     }
-    PHM_LOG(3, "S_MANAGE: storage status: error_sd = %d\n", errorSd);
+    PM_LOG(3, kLogTag, "storage status: error_sd = %d\n", errorSd);
     MutexGuard guard(m_LedLock);
     m_stuSysLedState[7] = errorSd == 1 ? 0 : 1;
     return 0;
@@ -1494,7 +1491,7 @@ int CPeripheralManage::OnUpdateDeviceVehicleInfo(const char* data, int length) {
 int CPeripheralManage::OnGetFtpParam(const char* data, int length) {
     MsgView msg(data, length);
     if (msg.TooShort()) {
-        PHM_LOG(0, "S_MANAGE: OnGetFtpParam param error\n");
+        PM_LOG(0, kLogTag, "OnGetFtpParam param error\n");
         return -1;
     }
     m_nParamState &= static_cast<uint16_t>(~PARAM_STATE_FTP);
@@ -1502,12 +1499,12 @@ int CPeripheralManage::OnGetFtpParam(const char* data, int length) {
         MutexGuard guard(m_FtpLock);
         msg.Copy(16, &m_stuFtpSetting, sizeof(m_stuFtpSetting));
     }
-    PHM_LOG(2, "S_MANAGE: FTP param changed\n");
+    PM_LOG(2, kLogTag, "FTP param changed\n");
     return 0;
 }
 
 int CPeripheralManage::OnProcessPowerdown(const char*, int) {
-    PHM_LOG(0, " m_ucTestEnable=%d\n", m_ucTestEnable);
+    PM_LOG(0, "", " m_ucTestEnable=%d\n", m_ucTestEnable);
     if (m_ucTestEnable == 1) {
         // The recorder answers with its real serial setting, which replaces the test layout.
         m_pMsgClient->MSGSendMessage(0, MSG_SERIAL_REQUEST, 1, nullptr, 0, m_nMsgId);
@@ -1518,21 +1515,21 @@ int CPeripheralManage::OnProcessPowerdown(const char*, int) {
 int CPeripheralManage::OnDispatchProxyData(const char* data, int length) {
     MsgView msg(data, length);
     if (msg.TooShort()) {
-        PHM_LOG(0, "S_MANAGE: Protocol proxy param length error \n");
+        PM_LOG(0, kLogTag, "Protocol proxy param length error \n");
         return -1;
     }
     if (msg.U16(80) != 1) {
-        PHM_LOG(0, "S_MANAGE: Protocol proxy param type error \n");
+        PM_LOG(0, kLogTag, "Protocol proxy param type error \n");
         return -1;
     }
     const unsigned int funcId = msg.U16(82);
     const unsigned int dataLen = msg.U32(88);
-    PHM_LOG(0, "S_MANAGE: serialInfo--uiFuncId:%d, uiDataLen:%d, len = %d\n", funcId, dataLen + 84,
-            dataLen);
+    PM_LOG(0, kLogTag, "serialInfo--uiFuncId:%d, uiDataLen:%d, len = %d\n", funcId, dataLen + 84,
+           dataLen);
     // Proxy data is delivered to nobody yet.
     int index = 0;
     for (auto it = m_listPeripheralPlugin.begin(); it != m_listPeripheralPlugin.end(); ++it) {
-        PHM_LOG(2, "S_MANAGE: m_pSerialBase[%d] == NULL", index++);
+        PM_LOG(2, kLogTag, "m_pSerialBase[%d] == NULL", index++);
     }
     return 0;
 }
@@ -1540,12 +1537,12 @@ int CPeripheralManage::OnDispatchProxyData(const char* data, int length) {
 int CPeripheralManage::OnGetUpgradingPeripInfo(const char* data, int length) {
     MsgView msg(data, length);
     if (msg.TooShort()) {
-        PHM_LOG(0, "S_MANAGE: OnGetFtpParam param error\n");
+        PM_LOG(0, kLogTag, "OnGetFtpParam param error\n");
         return -1;
     }
     const uint8_t source = msg.Byte(16);
     const uint8_t type = msg.Byte(17);
-    PHM_LOG(1, "S_MANAGE: Get upgrading peripheral, type = %d, source = %d\n", type, source);
+    PM_LOG(1, kLogTag, "Get upgrading peripheral, type = %d, source = %d\n", type, source);
     if (source > 3 || type > 2) {
         return -1;
     }
@@ -1559,8 +1556,8 @@ int CPeripheralManage::OnGetUpgradingPeripInfo(const char* data, int length) {
         }
         const size_t offset = kUpgradeEntrySize * count;
         if (offset + kUpgradeEntrySize > kUpgradeEntriesEnd) {
-            PHM_LOG(0, "S_MANAGE: Upgrading peripheral list full, skip mainId = %d, subId = %d\n",
-                    instance->GetMainId(), instance->GetSubId());
+            PM_LOG(0, kLogTag, "Upgrading peripheral list full, skip mainId = %d, subId = %d\n",
+                   instance->GetMainId(), instance->GetSubId());
             continue;
         }
         answer[offset] = type;
@@ -1570,10 +1567,10 @@ int CPeripheralManage::OnGetUpgradingPeripInfo(const char* data, int length) {
     }
     answer[kUpgradeEntriesEnd] = source;
     answer[kUpgradeEntriesEnd + 1] = count;
-    PHM_LOG(1,
-            "S_MANAGE: Response upgrading perip info, type = %d, source = %d, mainId = %d, subId "
-            "= %d, count = %d\n",
-            type, source, answer[1], answer[2], count);
+    PM_LOG(1, kLogTag,
+           "Response upgrading perip info, type = %d, source = %d, mainId = %d, subId "
+           "= %d, count = %d\n",
+           type, source, answer[1], answer[2], count);
     Common::SMessageHead head;
     memcpy(&head, data, sizeof(head));
     m_pMsgClient->MSGResponseMessage(&head, reinterpret_cast<const char*>(answer),

@@ -16,10 +16,9 @@
 #include "SerialDevOperate.h"
 #include "SerialFrame.h"
 
-#define SBASE_LOG(level, ...) \
-    Common::gclDebugPrintf(level, __FILE__, __FUNCTION__, __LINE__, __VA_ARGS__)
-
 namespace {
+
+constexpr const char kLogTag[] = "S_BASE: ";
 
 constexpr unsigned int kDefaultBufferSize = 2048;
 constexpr unsigned int kMaxBufferSize = 0x100000;
@@ -174,8 +173,8 @@ CSerialBase::CSerialBase(CPeripheralManage* manage, CMsgClientManage* client, un
                 m_nMainChipType = 2;
             }
             int result = OpenMainChipSerial(m_strSerialName, true, kMainChipOpenFlags);
-            SBASE_LOG(1, "S_BASE: MainChip serial open serial result = %d, MainChipType = %d\n",
-                      result, m_nMainChipType);
+            PM_LOG(1, kLogTag, "MainChip serial open serial result = %d, MainChipType = %d\n",
+                   result, m_nMainChipType);
         } else {
             // A sub-port is as open as its box; the second group is opened by its plug-in.
             SetCurPeripOpenStatus(m_pFatherSerial != nullptr &&
@@ -250,10 +249,10 @@ int CSerialBase::InitSerialProperty() {
         m_ucExtendId = static_cast<uint8_t>(extend);
         FindFatherSerial();
     }
-    SBASE_LOG(1,
-              "S_BASE: Create new serial, mainId = %d, subId = %d, type = %d, extend = %d(0--no), "
-              "extendId = %d\n",
-              m_nMainId, m_nSubId, m_nSerialType, m_bExtend, m_ucExtendId);
+    PM_LOG(1, kLogTag,
+           "Create new serial, mainId = %d, subId = %d, type = %d, extend = %d(0--no), "
+           "extendId = %d\n",
+           m_nMainId, m_nSubId, m_nSerialType, m_bExtend, m_ucExtendId);
 
     std::vector<PeripheralProperty> config;
     m_pPeripheralManage->GetPeripheralConfig(PERIPHERAL_TYPE_SERIAL, config);
@@ -264,13 +263,13 @@ int CSerialBase::InitSerialProperty() {
         m_stuSerialProperty = property;
         // Deliberately not the configured baud: a plug-in applies the rate it needs itself.
         m_stuSerialProperty.baud = static_cast<uint32_t>(-1);
-        SBASE_LOG(0,
-                  "S_BASE: Find serial prperty, mainId = %d, subId = %d, baud = %d, dataBit = %d, "
-                  "stopBit = %d, parity = %d, flow = %d, protocol = %d\n",
-                  m_stuSerialProperty.mainId, m_stuSerialProperty.subId,
-                  static_cast<int>(m_stuSerialProperty.baud), m_stuSerialProperty.dataBit,
-                  m_stuSerialProperty.stopBit, m_stuSerialProperty.parity, m_stuSerialProperty.flow,
-                  m_stuSerialProperty.protocolType);
+        PM_LOG(0, kLogTag,
+               "Find serial prperty, mainId = %d, subId = %d, baud = %d, dataBit = %d, "
+               "stopBit = %d, parity = %d, flow = %d, protocol = %d\n",
+               m_stuSerialProperty.mainId, m_stuSerialProperty.subId,
+               static_cast<int>(m_stuSerialProperty.baud), m_stuSerialProperty.dataBit,
+               m_stuSerialProperty.stopBit, m_stuSerialProperty.parity, m_stuSerialProperty.flow,
+               m_stuSerialProperty.protocolType);
         break;
     }
     return 0;
@@ -280,22 +279,22 @@ void CSerialBase::FindFatherSerial() {
     m_pFatherSerial = dynamic_cast<CSerialBase*>(m_pPeripheralManage->GetPeripheralInstance(
         PERIPHERAL_TYPE_SERIAL, PERIPHERAL_MAINID_EXTEND_BOX, 0));
     if (m_pFatherSerial != nullptr) {
-        SBASE_LOG(0, "S_BASE: Get father instance ok, mainId = %d, subId = %d\n", m_nMainId,
-                  m_nSubId);
+        PM_LOG(0, kLogTag, "Get father instance ok, mainId = %d, subId = %d\n", m_nMainId,
+               m_nSubId);
         return;
     }
     m_pFatherSerial = dynamic_cast<CSerialBase*>(m_pPeripheralManage->GetPeripheralInstance(
         PERIPHERAL_TYPE_SERIAL, PERIPHERAL_MAINID_EXTEND_HUB_BOX, 0));
     if (m_pFatherSerial != nullptr) {
         m_nExtendHubBoxNew = 1;
-        SBASE_LOG(0,
-                  "S_BASE: Get new hubbox father instance ok, mainId = %d, subId = %d, "
-                  "m_nExtendHubBoxNew = %d\n",
-                  m_nMainId, m_nSubId, m_nExtendHubBoxNew);
+        PM_LOG(0, kLogTag,
+               "Get new hubbox father instance ok, mainId = %d, subId = %d, "
+               "m_nExtendHubBoxNew = %d\n",
+               m_nMainId, m_nSubId, m_nExtendHubBoxNew);
         return;
     }
-    SBASE_LOG(0, "S_BASE: Get father instance failed, mainId = %d, subId = %d\n", m_nMainId,
-              m_nSubId);
+    PM_LOG(0, kLogTag, "Get father instance failed, mainId = %d, subId = %d\n", m_nMainId,
+           m_nSubId);
 }
 
 // ---- periodic work and parameter changes ----
@@ -348,7 +347,7 @@ int CSerialBase::HandlePeripParamChange() {
 
 int CSerialBase::SetSerialBufferValue(const char* data, unsigned int length) {
     if (length >= m_nMaxBufferSize || data == nullptr || length == 0) {
-        SBASE_LOG(0, "S_BASE: Set serial buffer error, length  = %d\n", length);
+        PM_LOG(0, kLogTag, "Set serial buffer error, length  = %d\n", length);
         return -1;
     }
     // Zeroed before the copy: a source inside the buffer reads back as zero bytes, which is
@@ -381,8 +380,8 @@ void CSerialBase::ClearSerialBufferValue() {
 
 void CSerialBase::SetSerialMaxBufferSize(unsigned int size) {
     if (size == 0) {
-        SBASE_LOG(0, "S_BASE: Set serial max buffer size error, size = %u, keep %u\n", size,
-                  m_nMaxBufferSize);
+        PM_LOG(0, kLogTag, "Set serial max buffer size error, size = %u, keep %u\n", size,
+               m_nMaxBufferSize);
         return;
     }
     if (size > kMaxBufferSize) {
@@ -444,16 +443,16 @@ int CSerialBase::PreProcessPeripheralData(const char* data, unsigned int length)
 int CSerialBase::AnalyseExtendData(const char* data, unsigned int length) {
     LockSerialBuffer();
     if (data == nullptr || length >= m_nMaxBufferSize) {
-        SBASE_LOG(0, "S_BASE: Extend data refused, mainId = %d, subId = %d, rev_length = %d\n",
-                  m_nMainId, m_nSubId, length);
+        PM_LOG(0, kLogTag, "Extend data refused, mainId = %d, subId = %d, rev_length = %d\n",
+               m_nMainId, m_nSubId, length);
         UnlockSerialBuffer();
         return -1;
     }
     if (m_nBufferLength + length > m_nMaxBufferSize) {
-        SBASE_LOG(0,
-                  "S_BASE: Extend data overflow, drop pending bytes, buffer_length = %d, "
-                  "rev_length = %d\n",
-                  m_nBufferLength, length);
+        PM_LOG(0, kLogTag,
+               "Extend data overflow, drop pending bytes, buffer_length = %d, "
+               "rev_length = %d\n",
+               m_nBufferLength, length);
         ClearSerialBufferValue();
     }
     memcpy(m_pBuffer + m_nBufferLength, data, length);
@@ -472,7 +471,7 @@ int CSerialBase::AnalyseExtendData(const char* data, unsigned int length) {
             return 0;
         }
         if (scan == EXTEND_SCAN_NONE) {
-            SBASE_LOG(1, "S1_EXTEND_BOX: Analy data error, and remove it\n");
+            PM_LOG(1, "", "S1_EXTEND_BOX: Analy data error, and remove it\n");
             break;
         }
         AnalyseExtendFrameData(m_pBuffer + start, end - start + 1);
@@ -494,10 +493,10 @@ int CSerialBase::AnalyseExtendFrameData(const char* frame, unsigned int length) 
     // boxes exist. Until then a cut frame is only logged.
     (void)frame;
     if (IsExtendBoxId(m_nMainId, m_nSubId)) {
-        SBASE_LOG(2,
-                  "S_BASE: Extend frame not dispatched (no box yet), mainId = %d, subId = %d, "
-                  "length = %d\n",
-                  m_nMainId, m_nSubId, length);
+        PM_LOG(2, kLogTag,
+               "Extend frame not dispatched (no box yet), mainId = %d, subId = %d, "
+               "length = %d\n",
+               m_nMainId, m_nSubId, length);
     }
     return 0;
 }
@@ -514,10 +513,10 @@ int CSerialBase::SendDataToPeripheral(const char* data, unsigned int length) {
     if (IsMainChipLink(m_nSerialType) && m_pMainChipSerialOpt != nullptr && !m_bExtend) {
         if (m_stuSerialProperty.protocolType != SERIAL_PROTOCOL_EXTEND_FRAME) {
             if (length > kDeliverySize) {
-                SBASE_LOG(0,
-                          "S_BASE: Send data too long, mainId = %d, subId = %d, length = %d, "
-                          "send %d\n",
-                          m_nMainId, m_nSubId, length, kDeliverySize);
+                PM_LOG(0, kLogTag,
+                       "Send data too long, mainId = %d, subId = %d, length = %d, "
+                       "send %d\n",
+                       m_nMainId, m_nSubId, length, kDeliverySize);
                 length = kDeliverySize;
             }
             return m_pMainChipSerialOpt->SendDataToPeripheral(data, length);
@@ -530,10 +529,10 @@ int CSerialBase::SendDataToPeripheral(const char* data, unsigned int length) {
             BuildExtendDataFrame(m_ucExtendId, reinterpret_cast<const unsigned char*>(data), length,
                                  frame, sizeof(frame));
         if (stuffed <= 0) {
-            SBASE_LOG(0,
-                      "S_BASE: Send frame failed, data too long, mainId = %d, subId = %d, "
-                      "length = %d\n",
-                      m_nMainId, m_nSubId, length);
+            PM_LOG(0, kLogTag,
+                   "Send frame failed, data too long, mainId = %d, subId = %d, "
+                   "length = %d\n",
+                   m_nMainId, m_nSubId, length);
             return -1;
         }
         return m_pMainChipSerialOpt->SendDataToPeripheral(reinterpret_cast<const char*>(frame),
@@ -549,11 +548,11 @@ int CSerialBase::SendDataToPeripheral(const char* data, unsigned int length) {
 
 int CSerialBase::FatherSerialUnavailable() {
     if (m_pFatherSerial == nullptr) {
-        SBASE_LOG(0, "S_BASE: FatherSerialPrt is NULL\n");
+        PM_LOG(0, kLogTag, "FatherSerialPrt is NULL\n");
     } else if (m_nExtendHubBoxNew) {
-        SBASE_LOG(0, "S_BASE: FatherSerialPrt dynamic_cast failed (new hub)\n");
+        PM_LOG(0, kLogTag, "FatherSerialPrt dynamic_cast failed (new hub)\n");
     } else {
-        SBASE_LOG(0, "S_BASE: FatherSerialPrt dynamic_cast failed\n");
+        PM_LOG(0, kLogTag, "FatherSerialPrt dynamic_cast failed\n");
     }
     return -1;
 }
@@ -588,10 +587,10 @@ int CSerialBase::SetMainChipSerialProperty(unsigned char mask, SerialBaudRate ba
         m_pMsgClient->MSGSendMessage(0, kMsgSetMcuProperty, 0,
                                      reinterpret_cast<const char*>(message), sizeof(message),
                                      static_cast<int>(m_nMsgId));
-        SBASE_LOG(1,
-                  "S_BASE: Set MCU Property, mainId = %d, subId = %d, mask = 0x%x, baud = %d, "
-                  "dataBit = %d, stopBit = %d, parityMode = %d, flowMode = %d\n",
-                  m_nMainId, m_nSubId, mask, baud, dataBit, stopBit, parity, flow);
+        PM_LOG(1, kLogTag,
+               "Set MCU Property, mainId = %d, subId = %d, mask = 0x%x, baud = %d, "
+               "dataBit = %d, stopBit = %d, parityMode = %d, flowMode = %d\n",
+               m_nMainId, m_nSubId, mask, baud, dataBit, stopBit, parity, flow);
         return -1;  // historical: callers have always seen -1 here
     }
     return -1;
@@ -602,7 +601,7 @@ int CSerialBase::OpenMainChipSerial(std::string path, bool retry, int flags) {
         return -1;
     }
     if (m_bExtend) {
-        SBASE_LOG(0, "S_BASE: Extend serial not allow to open mainchip serial\n");
+        PM_LOG(0, kLogTag, "Extend serial not allow to open mainchip serial\n");
         return -1;
     }
     return m_pMainChipSerialOpt->OpenMainChipSerial(path, retry, flags);
@@ -652,10 +651,10 @@ int CSerialBase::HandleSerialMaintainState(int msgId, unsigned int a, unsigned i
         message[3] = static_cast<unsigned char>(m_nSubId);
     }
     message[5] = status;
-    SBASE_LOG(0,
-              "Busid :sessionId:0x%0x  ueSeriType :%d,ucSeriMainID:%d,ucSeriSubID :%d  "
-              "ucStatus:%d\n",
-              msgId, message[0], message[1], message[3], message[5]);
+    PM_LOG(0, "",
+           "Busid :sessionId:0x%0x  ueSeriType :%d,ucSeriMainID:%d,ucSeriSubID :%d  "
+           "ucStatus:%d\n",
+           msgId, message[0], message[1], message[3], message[5]);
     return m_pMsgClient->MSGSendMessage(0, msgId, 0, reinterpret_cast<const char*>(message),
                                         sizeof(message), static_cast<int>(m_nMsgId));
 }
@@ -666,6 +665,6 @@ int CSerialBase::SetSerialConfigStatus(unsigned char status, unsigned int a, uns
         return 0;
     }
     m_ucLastConfigStatus = status;
-    SBASE_LOG(0, "devid:%d-%d status %d (%d,%d)\n", m_nMainId, m_nSubId, status, a, b);
+    PM_LOG(0, "", "devid:%d-%d status %d (%d,%d)\n", m_nMainId, m_nSubId, status, a, b);
     return HandleSerialMaintainState(kMsgConfigStatus, a, b, status);
 }

@@ -22,10 +22,9 @@
 #include "SerialBase.h"
 #include "SysConfig.h"
 
-#define SERIAL_LOG(level, ...) \
-    Common::gclDebugPrintf(level, __FILE__, __FUNCTION__, __LINE__, __VA_ARGS__)
-
 namespace {
+
+constexpr const char kLogTag[] = "SERIAL_OPERATE: ";
 
 constexpr int kSelectTimeoutMs = 1000;
 constexpr int kIdleSleepMs = 1000;
@@ -211,8 +210,8 @@ CSerialDevOperate::CSerialDevOperate()
       m_nReaderCount(0) {
     pthread_mutex_init(&m_TableLock, nullptr);
     if (pipe2(m_nWakePipe, O_CLOEXEC | O_NONBLOCK) != 0) {
-        SERIAL_LOG(1, "SERIAL_OPERATE: no wake pipe (%s), teardown waits for the reader's select\n",
-                   strerror(errno));
+        PM_LOG(1, kLogTag, "no wake pipe (%s), teardown waits for the reader's select\n",
+               strerror(errno));
         m_nWakePipe[0] = m_nWakePipe[1] = -1;
     }
 }
@@ -233,7 +232,7 @@ int CSerialDevOperate::serial_init() {
     {
         std::lock_guard<std::mutex> guard(m_ReaderLock);
         if (m_nReaderCount > 0) {
-            SERIAL_LOG(1, "SERIAL_OPERATE: serial reader thread runs already\n");
+            PM_LOG(1, kLogTag, "serial reader thread runs already\n");
             return 0;
         }
         ++m_nReaderCount;
@@ -241,7 +240,7 @@ int CSerialDevOperate::serial_init() {
     if (CreateNormalThread(SerialReadThreadEntry, this, nullptr) != 0) {
         std::lock_guard<std::mutex> guard(m_ReaderLock);
         --m_nReaderCount;
-        SERIAL_LOG(0, "SERIAL_OPERATE: serial reader thread could not be started\n");
+        PM_LOG(0, kLogTag, "serial reader thread could not be started\n");
         return -1;
     }
     return 0;
@@ -269,17 +268,16 @@ SerialDevInfo* NewDevInfo(int fd, const std::string& path, CSerialBase* owner) {
     SerialDevInfo* info = new SerialDevInfo();
     info->fd = fd;
     if (!CopySerialName(info->name, path)) {
-        SERIAL_LOG(
-            0, "SERIAL_OPERATE: [OPEN] serial name too long, kept %d of %d bytes, name = %s\n",
-            static_cast<int>(sizeof info->name - 1), static_cast<int>(path.size()), info->name);
+        PM_LOG(0, kLogTag, "[OPEN] serial name too long, kept %d of %d bytes, name = %s\n",
+               static_cast<int>(sizeof info->name - 1), static_cast<int>(path.size()), info->name);
     }
     info->owner = owner;
     info->portId = serial_port_id(path);
     if (fd >= FD_SETSIZE) {
-        SERIAL_LOG(0,
-                   "SERIAL_OPERATE: [OPEN] fd = %d is beyond select's limit %d, name = %s, "
-                   "its data cannot be read\n",
-                   fd, FD_SETSIZE, info->name);
+        PM_LOG(0, kLogTag,
+               "[OPEN] fd = %d is beyond select's limit %d, name = %s, "
+               "its data cannot be read\n",
+               fd, FD_SETSIZE, info->name);
     }
     return info;
 }
@@ -288,37 +286,36 @@ SerialDevInfo* NewDevInfo(int fd, const std::string& path, CSerialBase* owner) {
 
 int CSerialDevOperate::serial_open(CSerialBase* owner, std::string path, int flags) {
     if (owner == nullptr) {
-        SERIAL_LOG(0, "SERIAL_OPERATE: [OPEN] serial failed, serial instance is NULL, name = %s\n",
-                   path.c_str());
+        PM_LOG(0, kLogTag, "[OPEN] serial failed, serial instance is NULL, name = %s\n",
+               path.c_str());
         return -3;
     }
     MutexGuard table(m_TableLock);
     if (serial_check_open_same(path) == 1) {
-        SERIAL_LOG(0, "SERIAL_OPERATE: [OPEN] serial failed, serial has opened, name = %s\n",
-                   path.c_str());
+        PM_LOG(0, kLogTag, "[OPEN] serial failed, serial has opened, name = %s\n", path.c_str());
         return -1;
     }
     int opened = serial_check_perip_open(owner->GetMainId(), owner->GetSubId());
     if (opened != -1) {
-        SERIAL_LOG(0,
-                   "SERIAL_OPERATE: [OPEN] serial failed, this perip has open one serial, name = "
-                   "%s, mainId = %d, subId = %d, opened_fd = %d\n",
-                   path.c_str(), owner->GetMainId(), owner->GetSubId(), opened);
+        PM_LOG(0, kLogTag,
+               "[OPEN] serial failed, this perip has open one serial, name = "
+               "%s, mainId = %d, subId = %d, opened_fd = %d\n",
+               path.c_str(), owner->GetMainId(), owner->GetSubId(), opened);
         return -3;
     }
     int fd = open(path.c_str(), flags);
     if (fd < 0) {
         int error = errno;
-        SERIAL_LOG(0, "SERIAL_OPERATE: [OPEN] serial failed, name = %s\n", path.c_str());
-        SERIAL_LOG(1, "SERIAL_OPERATE: [OPEN] open %s: %s\n", path.c_str(), strerror(error));
+        PM_LOG(0, kLogTag, "[OPEN] serial failed, name = %s\n", path.c_str());
+        PM_LOG(1, kLogTag, "[OPEN] open %s: %s\n", path.c_str(), strerror(error));
         return -2;
     }
     if (fd < kFirstPortFd) {
         const int moved = fcntl(fd, F_DUPFD_CLOEXEC, kFirstPortFd);
-        SERIAL_LOG(1,
-                   "SERIAL_OPERATE: [OPEN] fd = %d is a standard stream's number, moved to fd "
-                   "= %d, name = %s\n",
-                   fd, moved, path.c_str());
+        PM_LOG(1, kLogTag,
+               "[OPEN] fd = %d is a standard stream's number, moved to fd "
+               "= %d, name = %s\n",
+               fd, moved, path.c_str());
         if (moved >= 0) {
             close(fd);
             fd = moved;
@@ -326,7 +323,7 @@ int CSerialDevOperate::serial_open(CSerialBase* owner, std::string path, int fla
     }
     // Blocking from here on: the reader only reads what select reported.
     if (fcntl(fd, F_SETFL, 0) < 0) {
-        SERIAL_LOG(0, "SERIAL_OPERATE: [OPEN] fcntl failed\n");
+        PM_LOG(0, kLogTag, "[OPEN] fcntl failed\n");
     }
     SerialDevInfo* info = NewDevInfo(fd, path, owner);
     size_t openCount;
@@ -337,12 +334,11 @@ int CSerialDevOperate::serial_open(CSerialBase* owner, std::string path, int fla
     }
     m_mapFailedRead.erase(fd);
     WakeReader();
-    SERIAL_LOG(
-        0,
-        "SERIAL_OPERATE: [OPEN] serial success, fd = %d, name = %s, mainId = %d, subId = %d, "
-        "portId = %d, open_size = %d\n",
-        fd, info->name, owner->GetMainId(), owner->GetSubId(), info->portId,
-        static_cast<int>(openCount));
+    PM_LOG(0, kLogTag,
+           "[OPEN] serial success, fd = %d, name = %s, mainId = %d, subId = %d, "
+           "portId = %d, open_size = %d\n",
+           fd, info->name, owner->GetMainId(), owner->GetSubId(), info->portId,
+           static_cast<int>(openCount));
     return fd;
 }
 
@@ -389,8 +385,8 @@ void CSerialDevOperate::serial_forget_owner(const CSerialBase* owner) {
             ++it;
             continue;
         }
-        SERIAL_LOG(0, "SERIAL_OPERATE: [CLOSE] fd = %d, name = %s outlived its owner, closed\n",
-                   it->first, it->second->name);
+        PM_LOG(0, kLogTag, "[CLOSE] fd = %d, name = %s outlived its owner, closed\n", it->first,
+               it->second->name);
         const int fd = it->first;
         SerialDevInfo* info = it->second;
         {
@@ -466,15 +462,15 @@ int CSerialDevOperate::serial_set_property(int fd, unsigned char mask, unsigned 
                                            SerialDataBitMode dataBit, SerialStopBitMode stopBit,
                                            SerialParityMode parity, SerialFlowControlMode flow) {
     if (!serial_is_open(fd)) {
-        SERIAL_LOG(0,
-                   "SERIAL_OPERATE: [SET] serial baud failed, serial is not open, fd = %d, baud = "
-                   "%d\n",
-                   fd, speed);
+        PM_LOG(0, kLogTag,
+               "[SET] serial baud failed, serial is not open, fd = %d, baud = "
+               "%d\n",
+               fd, speed);
         return -1;
     }
     struct termios tio;
     if (tcgetattr(fd, &tio) != 0) {
-        SERIAL_LOG(0, "SERIAL_OPERATE: [SET] tcgetattr failed, fd = %d: %s\n", fd, strerror(errno));
+        PM_LOG(0, kLogTag, "[SET] tcgetattr failed, fd = %d: %s\n", fd, strerror(errno));
         return -1;
     }
     tcflush(fd, TCIOFLUSH);
@@ -482,41 +478,39 @@ int CSerialDevOperate::serial_set_property(int fd, unsigned char mask, unsigned 
     if (mask & SERIAL_PROPERTY_SPEED) {
         unsigned int constant = 0;
         if (serial_get_baud_speed(speed, constant) == 0) {
-            SERIAL_LOG(0,
-                       "SERIAL_OPERATE: [SET] serial baud failed, baud is not legal, fd = %d, baud "
-                       "= %d\n",
-                       fd, speed);
+            PM_LOG(0, kLogTag,
+                   "[SET] serial baud failed, baud is not legal, fd = %d, baud "
+                   "= %d\n",
+                   fd, speed);
             return -1;
         }
         cfsetispeed(&tio, static_cast<speed_t>(constant));
         cfsetospeed(&tio, static_cast<speed_t>(constant));
         if (tcsetattr(fd, TCSANOW, &tio) != 0) {
-            SERIAL_LOG(0, "SERIAL_OPERATE: [SET] tcsetattr failed, fd = %d: %s\n", fd,
-                       strerror(errno));
+            PM_LOG(0, kLogTag, "[SET] tcsetattr failed, fd = %d: %s\n", fd, strerror(errno));
             return -1;
         }
     }
     // Read back: without the speed bit the raw-mode changes above are dropped here.
     tcflush(fd, TCIOFLUSH);
     if (tcgetattr(fd, &tio) != 0) {
-        SERIAL_LOG(0, "SERIAL_OPERATE: [SET] tcgetattr failed, fd = %d: %s\n", fd, strerror(errno));
+        PM_LOG(0, kLogTag, "[SET] tcgetattr failed, fd = %d: %s\n", fd, strerror(errno));
         return -1;
     }
     tcflush(fd, TCIOFLUSH);
     serial_termios_set_line(tio, mask, dataBit, stopBit, parity);
     tcflush(fd, TCIFLUSH);
     if (tcsetattr(fd, TCSANOW, &tio) != 0) {
-        SERIAL_LOG(0, "SERIAL_OPERATE: [SET] tcsetattr failed, fd = %d: %s\n", fd, strerror(errno));
+        PM_LOG(0, kLogTag, "[SET] tcsetattr failed, fd = %d: %s\n", fd, strerror(errno));
         return -1;
     }
     if (serial_set_usb_extern_property(fd) < 0) {
-        SERIAL_LOG(1, "SERIAL_OPERATE: Set USB extend mainchip serial failed\n");
+        PM_LOG(1, kLogTag, "Set USB extend mainchip serial failed\n");
     }
-    SERIAL_LOG(
-        1,
-        "SERIAL_OPERATE: Set serial property success, baud = %d, dataBit = %d, stopBit = %d, "
-        "parity = %d, flow = %d\n",
-        speed, dataBit, stopBit, parity, flow);
+    PM_LOG(1, kLogTag,
+           "Set serial property success, baud = %d, dataBit = %d, stopBit = %d, "
+           "parity = %d, flow = %d\n",
+           speed, dataBit, stopBit, parity, flow);
     return 1;
 }
 
@@ -543,7 +537,7 @@ std::string ProductGroup(const Json::Value& specInfo) {
 int CSerialDevOperate::serial_set_usb_extern_property(int fd) {
     Json::Value specInfo;
     if (Q7R_GetSpecInfo(specInfo) == -1) {
-        SERIAL_LOG(0, "ACC_ALARM:: Q7R_GetSpecInfo SYSTEM_CONFIG faild!\n");
+        PM_LOG(0, "", "ACC_ALARM:: Q7R_GetSpecInfo SYSTEM_CONFIG faild!\n");
         specInfo = Json::Value();
     }
     unsigned int chipType = 0;
@@ -589,29 +583,27 @@ int CSerialDevOperate::serial_set_exar_reg(int fd, int block, int reg, int value
     // Request code 0 is what the adapter's driver answers; anything else (a pty) refuses it,
     // which is harmless.
     ioctl(fd, 0, request);
-    SERIAL_LOG(1, "SERIAL_OPERATE: uart_set_exar_reg, block=%d, reg=%d, value=%d\n", block, reg,
-               value);
+    PM_LOG(1, kLogTag, "uart_set_exar_reg, block=%d, reg=%d, value=%d\n", block, reg, value);
     return 0;
 }
 
 int CSerialDevOperate::serial_write(int fd, const char* data, unsigned int length) {
     if (!serial_is_open(fd)) {
-        SERIAL_LOG(0, "SERIAL_OPERATE: [WRITE] failed, serial is not open, fd = %d\n", fd);
+        PM_LOG(0, kLogTag, "[WRITE] failed, serial is not open, fd = %d\n", fd);
         return -1;
     }
     if (length == 0 || data == nullptr) {
-        SERIAL_LOG(0, "SERIAL_OPERATE: [WRITE] failed, length < 0\n");
+        PM_LOG(0, kLogTag, "[WRITE] failed, length < 0\n");
         return -1;
     }
     ssize_t written = BoundedWrite(fd, data, length);
     int error = errno;
-    SERIAL_LOG(3, "SERIAL_OPERATE: wirte data len = %d, length = %d\n", static_cast<int>(written),
-               length);
+    PM_LOG(3, kLogTag, "wirte data len = %d, length = %d\n", static_cast<int>(written), length);
     if (written >= 0) {
         return written == static_cast<ssize_t>(length) ? 1 : -1;
     }
     if (error != EAGAIN) {
-        SERIAL_LOG(1, "SERIAL_OPERATE: [WRITE] fd = %d: %s\n", fd, strerror(error));
+        PM_LOG(1, kLogTag, "[WRITE] fd = %d: %s\n", fd, strerror(error));
         return -1;
     }
     std::lock_guard<std::mutex> guard(m_WriteDropLock);
@@ -619,10 +611,10 @@ int CSerialDevOperate::serial_write(int fd, const char* data, unsigned int lengt
     const long long now = SteadyMs();
     if (m_nWriteDrops == 1 || now - m_llWriteDropLogMs >= kWriteDropLogPeriodMs) {
         m_llWriteDropLogMs = now;
-        SERIAL_LOG(0,
-                   "SERIAL_OPERATE: [WRITE] fd = %d, output queue full for %d ms, %u bytes "
-                   "dropped, writes dropped so far = %llu\n",
-                   fd, kWriteWaitMs, length, m_nWriteDrops);
+        PM_LOG(0, kLogTag,
+               "[WRITE] fd = %d, output queue full for %d ms, %u bytes "
+               "dropped, writes dropped so far = %llu\n",
+               fd, kWriteWaitMs, length, m_nWriteDrops);
     }
     return -1;
 }
@@ -655,8 +647,7 @@ int CSerialDevOperate::serial_cache_data(int fd, const char* data, int length) {
     MutexGuard table(m_TableLock);
     auto it = m_mapSerialDev.find(fd);
     if (it != m_mapSerialDev.end() && m_setHeldOwners.count(it->second->owner) != 0) {
-        SERIAL_LOG(2, "SERIAL_OPERATE: [READ] fd = %d, owner not ready, %d bytes dropped\n", fd,
-                   length);
+        PM_LOG(2, kLogTag, "[READ] fd = %d, owner not ready, %d bytes dropped\n", fd, length);
         return 0;
     }
     if (it != m_mapSerialDev.end() && it->second->owner != nullptr) {
@@ -668,10 +659,10 @@ int CSerialDevOperate::serial_cache_data(int fd, const char* data, int length) {
 
 void* CSerialDevOperate::SerialReadThreadEntry(void* arg) {
     if (arg == nullptr) {
-        SERIAL_LOG(0, "SERIAL_OPERATE: CSerialDevOperate ptr is null, create thread failed\n");
+        PM_LOG(0, kLogTag, "CSerialDevOperate ptr is null, create thread failed\n");
         return nullptr;
     }
-    SERIAL_LOG(2, "SerialReadThreadEntry pid = %d\n", static_cast<int>(getpid()));
+    PM_LOG(2, "", "SerialReadThreadEntry pid = %d\n", static_cast<int>(getpid()));
     static_cast<CSerialDevOperate*>(arg)->serial_read();
     return nullptr;
 }
@@ -786,18 +777,18 @@ void CSerialDevOperate::NoteReadResult(int fd, int result, int error) {
         if (failed != m_mapFailedRead.end()) {
             m_mapFailedRead.erase(failed);
             if (info != m_mapSerialDev.end()) {
-                SERIAL_LOG(1, "SERIAL_OPERATE: [READ] fd = %d reads again, name = %s\n", fd,
-                           info->second->name);
+                PM_LOG(1, kLogTag, "[READ] fd = %d reads again, name = %s\n", fd,
+                       info->second->name);
             }
         }
     } else if (info != m_mapSerialDev.end()) {
         // A hung-up tty stays readable for select and reads 0 or -1 at once: rest it, log once.
         if (failed == m_mapFailedRead.end()) {
-            SERIAL_LOG(0,
-                       "SERIAL_OPERATE: [READ] failed, fd = %d, name = %s, result = %d, error = "
-                       "%s; tried again every %d ms\n",
-                       fd, info->second->name, result,
-                       result == 0 ? "end of file" : strerror(error), kFailedReadRetryMs);
+            PM_LOG(0, kLogTag,
+                   "[READ] failed, fd = %d, name = %s, result = %d, error = "
+                   "%s; tried again every %d ms\n",
+                   fd, info->second->name, result, result == 0 ? "end of file" : strerror(error),
+                   kFailedReadRetryMs);
         }
         m_mapFailedRead[fd] = SteadyMs();
     }
@@ -806,8 +797,8 @@ void CSerialDevOperate::NoteReadResult(int fd, int result, int error) {
 void CSerialDevOperate::NoteSelectFailure(int error) {
     if (!m_bSelectFailed) {
         m_bSelectFailed = true;
-        SERIAL_LOG(0, "SERIAL_OPERATE: [READ] select failed: %s; tried again every %d ms\n",
-                   strerror(error), kFailedReadRetryMs);
+        PM_LOG(0, kLogTag, "[READ] select failed: %s; tried again every %d ms\n", strerror(error),
+               kFailedReadRetryMs);
     }
     ReaderPause(kFailedReadRetryMs);
 }
