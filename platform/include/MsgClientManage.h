@@ -7,6 +7,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace Common {
 
@@ -87,6 +88,9 @@ public:
     // Remembers `now`; at most once a second publishes kMsgWatchdogEvent with the client's name
     // (32 bytes, NUL-padded) and `now` (int64, little-endian).
     void MSGFeedWatchDog(long long now);
+
+    // The events that have a handler now, in ascending order (tools and tests).
+    std::vector<int> RegisteredEvents() const;
 
     const std::string& Name() const;
     // True once a probe of this client came back through the broker; false again after the

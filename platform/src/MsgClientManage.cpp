@@ -906,6 +906,18 @@ void CMsgClientManage::MSGFeedWatchDog(long long now) {
     d.Publish(Common::kMsgWatchdogEvent, 0, 0, payload, sizeof payload, nullptr);
 }
 
+std::vector<int> CMsgClientManage::RegisteredEvents() const {
+    std::vector<int> ids;
+    {
+        std::lock_guard<std::mutex> guard(m_pImpl->regLock);
+        for (const auto& entry : m_pImpl->events) {
+            ids.push_back(static_cast<int>(entry.first));
+        }
+    }
+    std::sort(ids.begin(), ids.end());
+    return ids;
+}
+
 const std::string& CMsgClientManage::Name() const {
     return m_pImpl->name;
 }

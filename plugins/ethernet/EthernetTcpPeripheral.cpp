@@ -17,6 +17,7 @@
 #include "BasicServiceExport.h"
 #include "CommonLog.h"
 #include "PeripheralManage.h"
+#include "PeripheralEvents.h"
 
 namespace {
 
@@ -121,12 +122,11 @@ int CEthernetTcpPeripheral::HandlePeripParamChange() {
 
 namespace {
 // The Ethernet setting: changed, and the answer to its request.
-constexpr int kEventEthernetParamChanged = 362;
-constexpr int kEventEthernetParamAnswer = 361 | 0x8000;
+constexpr uint32_t kEventEthernetParamAnswer = EventAnswerOf(EVENT_GET_ETHERNET_PARAM);
 }  // namespace
 
 int CEthernetTcpPeripheral::MessageRegister() {
-    m_pMsgClient->MSGEventRegister(m_nMsgId, kEventEthernetParamChanged, this,
+    m_pMsgClient->MSGEventRegister(m_nMsgId, EVENT_ETHERNET_PARAM_CHANGED, this,
                                    &CEthernetTcpPeripheral::OnEthernetParamChanged);
     m_pMsgClient->MSGEventRegister(m_nMsgId, kEventEthernetParamAnswer, this,
                                    &CEthernetTcpPeripheral::OnEthernetParamChanged);
@@ -134,7 +134,7 @@ int CEthernetTcpPeripheral::MessageRegister() {
 }
 
 int CEthernetTcpPeripheral::MessageUnRegister() {
-    m_pMsgClient->MSGEventUnRegister(m_nMsgId, kEventEthernetParamChanged);
+    m_pMsgClient->MSGEventUnRegister(m_nMsgId, EVENT_ETHERNET_PARAM_CHANGED);
     m_pMsgClient->MSGEventUnRegister(m_nMsgId, kEventEthernetParamAnswer);
     return 0;
 }

@@ -105,42 +105,44 @@ TEST_F(SimulatorTest, AnswersEveryRequestWithItsRecord) {
 }
 
 TEST_F(SimulatorTest, NotReadyUntilToldThenReadyAndTheCpxTtyReleased) {
-    const uint32_t answer = kEvGetDeviceModule | 0x8000;
-    for (uint32_t id : {answer, uint32_t{kEvDeviceModule}, uint32_t{kEvCpxRelease}}) {
+    const uint32_t answer = EVENT_GET_DEVICE_MODULE_STATE | 0x8000;
+    for (uint32_t id : {answer, uint32_t{EVENT_DEVICE_MODULE_STATE},
+                        uint32_t{EVENT_DEVICE_MODULE_RELEASE_SERIAL}}) {
         m_service.Record(id);
     }
     Start(R"({"ready": "never", "cpxRelease": "/dev/ttyAMA1"})");
-    m_service.Send(kEvGetDeviceModule, {}, true);
+    m_service.Send(EVENT_GET_DEVICE_MODULE_STATE, {}, true);
     ASSERT_TRUE(m_service.WaitFor(answer));
     EXPECT_EQ(m_service.Seen(answer)[0].payload, (Bytes{0, 0, 0, 0}));
 
     EXPECT_TRUE(m_sim->Execute("ready 1").ok);
-    ASSERT_TRUE(m_service.WaitFor(kEvCpxRelease));
-    EXPECT_EQ(m_service.SeenIds(), (std::vector<uint32_t>{answer, kEvDeviceModule, kEvCpxRelease}));
-    EXPECT_EQ(m_service.Seen(kEvDeviceModule)[0].payload, (Bytes{1, 0, 0, 0}));
-    Bytes cpx = m_service.Seen(kEvCpxRelease)[0].payload;
+    ASSERT_TRUE(m_service.WaitFor(EVENT_DEVICE_MODULE_RELEASE_SERIAL));
+    EXPECT_EQ(m_service.SeenIds(), (std::vector<uint32_t>{answer, EVENT_DEVICE_MODULE_STATE,
+                                                          EVENT_DEVICE_MODULE_RELEASE_SERIAL}));
+    EXPECT_EQ(m_service.Seen(EVENT_DEVICE_MODULE_STATE)[0].payload, (Bytes{1, 0, 0, 0}));
+    Bytes cpx = m_service.Seen(EVENT_DEVICE_MODULE_RELEASE_SERIAL)[0].payload;
     ASSERT_EQ(cpx.size(), 32u);
     EXPECT_STREQ(reinterpret_cast<const char*>(cpx.data()), "/dev/ttyAMA1");
 }
 
 TEST_F(SimulatorTest, McuRelayCarriesBytesBothWaysThroughThePty) {
-    m_service.Record(kEvMcuReceive);
+    m_service.Record(EVENT_MCU_SERIAL_RECV);
     Start(kFullScenario);
     int fd = open(m_sim->McuLinkPath(0).c_str(), O_RDWR | O_NOCTTY);
     ASSERT_GE(fd, 0) << m_sim->McuLinkPath(0);
 
-    m_service.Send(kEvMcuSend, {3, 0, 1, 0, 5, 0, 0, 0, 'h', 'e', 'l', 'l', 'o'});
+    m_service.Send(EVENT_MCU_SERIAL_SEND, {3, 0, 1, 0, 5, 0, 0, 0, 'h', 'e', 'l', 'l', 'o'});
     EXPECT_EQ(ReadSome(fd, 5), "hello");
 
     ASSERT_EQ(write(fd, "$GPGGA", 6), 6);
-    ASSERT_TRUE(m_service.WaitFor(kEvMcuReceive));
-    EXPECT_EQ(m_service.Seen(kEvMcuReceive)[0].payload,
+    ASSERT_TRUE(m_service.WaitFor(EVENT_MCU_SERIAL_RECV));
+    EXPECT_EQ(m_service.Seen(EVENT_MCU_SERIAL_RECV)[0].payload,
               (Bytes{3, 0, 1, 0, 6, 0, 0, 0, '$', 'G', 'P', 'G', 'G', 'A'}));
 
     // A length beyond the message is cut to what came; another peripheral's bytes stay out.
-    m_service.Send(kEvMcuSend, {3, 0, 1, 0, 200, 0, 0, 0, 'x'});
-    m_service.Send(kEvMcuSend, {34, 0, 0, 0, 1, 0, 0, 0, 'y'});
-    m_service.Send(kEvMcuSend, {3, 0, 1, 0, 1, 0, 0, 0, 'z'});
+    m_service.Send(EVENT_MCU_SERIAL_SEND, {3, 0, 1, 0, 200, 0, 0, 0, 'x'});
+    m_service.Send(EVENT_MCU_SERIAL_SEND, {34, 0, 0, 0, 1, 0, 0, 0, 'y'});
+    m_service.Send(EVENT_MCU_SERIAL_SEND, {3, 0, 1, 0, 1, 0, 0, 0, 'z'});
     EXPECT_EQ(ReadSome(fd, 2), "xz");
     close(fd);
 }
@@ -166,7 +168,7 @@ TEST_F(SimulatorTest, McuLineSettingsReachThePty) {
     for (const auto& row : rows) {
         Bytes message = row.message;
         message.resize(16);
-        m_service.Send(kEvMcuSettings, message);
+        m_service.Send(EVENT_MCU_SERIAL_SETTINGS, message);
         ASSERT_TRUE(WaitUntil([&] {
             auto line = m_sim->McuLine(0);
             return line && line->Text() == row.text;
@@ -194,16 +196,16 @@ TEST(PtyLinkTest, ReplacesAStaleLinkRefusesAFileAndCleansUp) {
 }
 
 TEST_F(SimulatorTest, CanFramesPassThePortsFilterToItsPeripheral) {
-    for (uint32_t id : {uint32_t{kEvCanReceive}, uint32_t{kEvCanFilterState}, kSentinel}) {
+    for (uint32_t id : {uint32_t{EVENT_CAN_RECV}, uint32_t{EVENT_CAN_FILTER_STATE}, kSentinel}) {
         m_service.Record(id);
     }
     Start(kFullScenario);
     CanFilterList filter;
     filter.port = 1;
     filter.entries = {{0x0CF00400, 0xFFFFFFFF, false}, {0xFEF100, 0x00FFFF00, true}};
-    m_service.Send(kEvCanFilter, EncodeCanFilter(filter));
-    ASSERT_TRUE(m_service.WaitFor(kEvCanFilterState));
-    EXPECT_EQ(m_service.Seen(kEvCanFilterState)[0].payload, (Bytes{1, 2}));
+    m_service.Send(EVENT_CAN_SET_FILTER, EncodeCanFilter(filter));
+    ASSERT_TRUE(m_service.WaitFor(EVENT_CAN_FILTER_STATE));
+    EXPECT_EQ(m_service.Seen(EVENT_CAN_FILTER_STATE)[0].payload, (Bytes{1, 2}));
     EXPECT_EQ(m_sim->Filters(1), filter.entries);
 
     EXPECT_TRUE(m_sim->Execute("can can1 0CF00400#207D87481400F087").ok);
@@ -214,7 +216,7 @@ TEST_F(SimulatorTest, CanFramesPassThePortsFilterToItsPeripheral) {
     EXPECT_TRUE(m_sim->Execute("can can1 18FEF131#F7FFFF07").ok);
     ASSERT_TRUE(m_sim->Execute("send 6739").ok);
     ASSERT_TRUE(m_service.WaitFor(kSentinel));
-    auto got = m_service.Seen(kEvCanReceive);
+    auto got = m_service.Seen(EVENT_CAN_RECV);
     ASSERT_EQ(got.size(), 2u);
     // main id, sub id, port, item count; then 16-byte items: id, length, data.
     EXPECT_EQ(got[0].payload, (Bytes{12, 0, 0, 0, 1,    0,    1,    0,    0x00, 0x04, 0xF0, 0x0C,
@@ -224,16 +226,16 @@ TEST_F(SimulatorTest, CanFramesPassThePortsFilterToItsPeripheral) {
 }
 
 TEST_F(SimulatorTest, ScenarioFramesWaitForTheFirstFilter) {
-    m_service.Record(kEvCanReceive);
+    m_service.Record(EVENT_CAN_RECV);
     Start(R"({"can": [{"index": 0, "main": 12}],
               "canFrames": ["123#01", "+5 can0 124#02", "+5 can0 123#03"]})");
     CanFilterList filter;
     filter.entries = {{0x123, 0xFFFFFFFF, false}};
-    m_service.Send(kEvCanFilter, EncodeCanFilter(filter));
+    m_service.Send(EVENT_CAN_SET_FILTER, EncodeCanFilter(filter));
     Bytes data;  // the first data byte of every item; 123#01 comes only if the list waited
     ASSERT_TRUE(WaitUntil([&] {
         data.clear();
-        for (const auto& m : m_service.Seen(kEvCanReceive)) {
+        for (const auto& m : m_service.Seen(EVENT_CAN_RECV)) {
             for (size_t i = 0; i < m.payload[6]; ++i) {
                 data.push_back(m.payload[8 + 16 * i + 8]);
             }
@@ -248,9 +250,9 @@ TEST_F(SimulatorTest, FramesTheServiceSendsArePrintedAsACandumpLog) {
     // main id, sub id, port, -, id, length, -, data
     Bytes send = {12, 0, 1, 0, 0, 0, 1, 0, 0x31, 0xF1, 0xFE, 0x18, 2, 0, 0, 0, 0xAB, 0xCD};
     send.resize(24);
-    m_service.Send(kEvCanSend, Bytes(send.begin(), send.begin() + 23));  // short: dropped
-    send[12] = 12;                                                       // cut to 8
-    m_service.Send(kEvCanSend, send);
+    m_service.Send(EVENT_CAN_SEND, Bytes(send.begin(), send.begin() + 23));  // short: dropped
+    send[12] = 12;                                                           // cut to 8
+    m_service.Send(EVENT_CAN_SEND, send);
     ASSERT_TRUE(WaitUntil([&] { return !Candump().empty(); }));
     EXPECT_EQ(Candump(),
               std::vector<std::string>{"(1700000000.123456) can2 18FEF131#ABCD000000000000"});

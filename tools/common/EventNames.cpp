@@ -7,6 +7,7 @@
 #include <cstdlib>
 
 #include "MsgClientManage.h"
+#include "PeripheralEvents.h"
 
 namespace pmtools {
 
@@ -17,55 +18,16 @@ const char kAnswerSuffix[] = ".answer";
 }  // namespace
 
 const std::vector<EventName>& EventTable() {
-    static const std::vector<EventName> table = {
-        {8, "power-down-8", "power-down notice"},
-        {9, "power-down-9", "power-down notice"},
-        {10, "debug-level", "debug level change"},
-        {283, "get-ftp-param", "request: FTP parameters"},
-        {284, "ftp-param-changed", "FTP parameters changed"},
-        {315, "get-serial-param", "request: serial parameter setting"},
-        {316, "serial-param-changed", "serial parameter setting changed"},
-        {319, "get-ipc-setting", "request: IPC setting"},
-        {320, "ipc-setting-changed", "IPC setting changed"},
-        {359, "get-can-param", "request: CAN parameter setting"},
-        {360, "can-param-changed", "CAN parameter setting changed"},
-        {361, "get-ethernet-param", "request: Ethernet parameter setting"},
-        {362, "ethernet-param-changed", "Ethernet parameter setting changed"},
-        {1035, "power-down-1035", "power-down notice"},
-        {1051, "get-video-loss", "request: analogue video loss"},
-        {1052, "video-loss", "analogue video loss notification"},
-        {1059, "get-usb-state", "request: USB state"},
-        {1060, "usb-state", "USB state notification"},
-        {1081, "vehicle-info", "vehicle information"},
-        {1087, "can-send", "CAN frame to transmit"},
-        {1088, "mcu-serial-send", "data to an MCU serial port"},
-        {1089, "can-recv", "received CAN frames"},
-        {1090, "mcu-serial-recv", "data from an MCU serial port"},
-        {1119, "get-udisk-info", "request: USB disk details"},
-        {1121, "get-led-state", "request: LED panel state"},
-        {1122, "led-state", "LED panel state notification"},
-        {1136, "can-filter-state", "CAN filter state report"},
-        {1137, "can-set-filter", "CAN filter list"},
-        {1149, "get-device-module-state", "request: device-management module state"},
-        {1150, "device-module-state", "device-management module state notification"},
-        {1151, "device-module-release-serial", "device-management module released the shared tty"},
-        {1284, "digital-video-loss", "digital channel video loss notification"},
-        {1285, "get-digital-video-loss", "request: digital channel video loss"},
-        {2053, "storage-state", "storage state notification"},
-        {6704, "extend-upgrade-trigger", "start an extension box firmware upgrade"},
-        {6705, "get-extend-upgrade-file", "request: extension box upgrade file"},
-        {6707, "extend-upgrade-state", "extension box upgrade state"},
-        {6708, "get-extend-upgrade-state", "request: extension box upgrade state"},
-        {6710, "extend-version", "extension box version"},
-        {6711, "get-extend-version", "request: extension box version"},
-        {6724, "cpx-serial-release", "shared tty released to the co-processor"},
-        {6735, "mcu-serial-settings", "line settings of an MCU serial port"},
-        {6739, "language-switched", "user interface language changed"},
-        {6820, "serial-config-status", "serial port configuration status"},
-        {6904, "get-extend-io-state", "request: extension hub I/O state"},
-        {6905, "extend-io-state", "extension hub I/O state"},
-        {Common::kMsgWatchdogEvent, "watchdog", "a client fed its watchdog"},
-    };
+    // The service's own table, and the bus's watchdog, which has the answer bit among its
+    // bits and sorts last.
+    static const std::vector<EventName> table = [] {
+        std::vector<EventName> events;
+        for (const PeripheralEventInfo& e : kPeripheralEvents) {
+            events.push_back({e.id, e.name, e.what});
+        }
+        events.push_back({Common::kMsgWatchdogEvent, "watchdog", "a client fed its watchdog"});
+        return events;
+    }();
     return table;
 }
 

@@ -196,16 +196,16 @@ std::vector<Notice> ChangedNotices(const Scenario& before, const Scenario& after
         const char* what;
     };
     static const Source sources[] = {
-        {kEvSerialChanged, EncodeSerialSetting, "serial parameter setting"},
-        {kEvCanChanged, EncodeCanSetting, "CAN parameter setting"},
-        {kEvEthernetChanged, EncodeEthernetSetting, "Ethernet parameter setting"},
-        {kEvIpcChanged, EncodeIpcSetting, "IPC setting"},
-        {kEvFtpChanged, EncodeFtpSetting, "FTP setting"},
-        {kEvVideoLoss, EncodeVideoLoss, "analogue video loss"},
-        {kEvDigitalVideoLoss, EncodeDigitalVideoLoss, "digital video loss"},
-        {kEvLed, EncodeLedState, "LED panel state"},
-        {kEvStorage, EncodeStorageState, "storage state"},
-        {kEvVehicleInfo, EncodeVehicleInfo, "vehicle information"},
+        {EVENT_SERIAL_PARAM_CHANGED, EncodeSerialSetting, "serial parameter setting"},
+        {EVENT_CAN_PARAM_CHANGED, EncodeCanSetting, "CAN parameter setting"},
+        {EVENT_ETHERNET_PARAM_CHANGED, EncodeEthernetSetting, "Ethernet parameter setting"},
+        {EVENT_IPC_SETTING_CHANGED, EncodeIpcSetting, "IPC setting"},
+        {EVENT_FTP_PARAM_CHANGED, EncodeFtpSetting, "FTP setting"},
+        {EVENT_VIDEO_LOSS, EncodeVideoLoss, "analogue video loss"},
+        {EVENT_DIGITAL_VIDEO_LOSS, EncodeDigitalVideoLoss, "digital video loss"},
+        {EVENT_LED_STATE, EncodeLedState, "LED panel state"},
+        {EVENT_STORAGE_STATE, EncodeStorageState, "storage state"},
+        {EVENT_VEHICLE_INFO, EncodeVehicleInfo, "vehicle information"},
     };
     std::vector<Notice> notices;
     for (const Source& src : sources) {
@@ -218,8 +218,8 @@ std::vector<Notice> ChangedNotices(const Scenario& before, const Scenario& after
 }
 
 std::vector<Notice> UnaskedStates(const Scenario& s) {
-    return {{kEvStorage, EncodeStorageState(s), "storage state"},
-            {kEvVehicleInfo, EncodeVehicleInfo(s), "vehicle information"}};
+    return {{EVENT_STORAGE_STATE, EncodeStorageState(s), "storage state"},
+            {EVENT_VEHICLE_INFO, EncodeVehicleInfo(s), "vehicle information"}};
 }
 
 int SerialIndexOf(const Scenario& s, unsigned mainId, unsigned subId) {

@@ -8,46 +8,10 @@
 #include <string>
 #include <vector>
 
+#include "PeripheralEvents.h"
 #include "Scenario.h"
 
 namespace pmrecorder {
-
-// Event ids of the recorder side of the bus.
-enum : uint32_t {
-    kEvPowerDown8 = 8,
-    kEvPowerDown9 = 9,
-    kEvDebugLevel = 10,
-    kEvGetFtp = 283,
-    kEvFtpChanged = 284,
-    kEvGetSerial = 315,
-    kEvSerialChanged = 316,
-    kEvGetIpc = 319,
-    kEvIpcChanged = 320,
-    kEvGetCan = 359,
-    kEvCanChanged = 360,
-    kEvGetEthernet = 361,
-    kEvEthernetChanged = 362,
-    kEvPowerDown1035 = 1035,
-    kEvGetVideoLoss = 1051,
-    kEvVideoLoss = 1052,
-    kEvVehicleInfo = 1081,
-    kEvCanSend = 1087,
-    kEvMcuSend = 1088,
-    kEvCanReceive = 1089,
-    kEvMcuReceive = 1090,
-    kEvGetUDisk = 1119,
-    kEvGetLed = 1121,
-    kEvLed = 1122,
-    kEvCanFilterState = 1136,
-    kEvCanFilter = 1137,
-    kEvGetDeviceModule = 1149,
-    kEvDeviceModule = 1150,
-    kEvCpxRelease = 1151,
-    kEvDigitalVideoLoss = 1284,
-    kEvGetDigitalVideoLoss = 1285,
-    kEvStorage = 2053,
-    kEvMcuSettings = 6735,
-};
 
 constexpr size_t kSerialRecordSize = 992;
 constexpr size_t kCanRecordSize = 208;

@@ -153,7 +153,7 @@ CommandReply RunDebug(Simulator& sim, const std::vector<std::string>& w) {
     if (!pmtools::ParseNumber(w[1], 0xFFFF, level)) {
         return Fail("debug level is a number up to 65535");
     }
-    sim.Notify(kEvDebugLevel, EncodeDebugLevel(static_cast<uint16_t>(level)),
+    sim.Notify(EVENT_DEBUG_LEVEL, EncodeDebugLevel(static_cast<uint16_t>(level)),
                "debug level " + w[1]);
     return Done("debug level " + w[1]);
 }
@@ -305,14 +305,15 @@ void Simulator::RegisterHandlers() {
         return [this, fn](const char* d, int l) { return (this->*fn)(d, l); };
     };
     for (uint32_t id :
-         {kEvGetDeviceModule, kEvGetSerial, kEvGetIpc, kEvGetCan, kEvGetEthernet, kEvGetFtp,
-          kEvGetVideoLoss, kEvGetDigitalVideoLoss, kEvGetLed, kEvGetUDisk}) {
+         {EVENT_GET_DEVICE_MODULE_STATE, EVENT_GET_SERIAL_PARAM, EVENT_GET_IPC_SETTING,
+          EVENT_GET_CAN_PARAM, EVENT_GET_ETHERNET_PARAM, EVENT_GET_FTP_PARAM, EVENT_GET_VIDEO_LOSS,
+          EVENT_GET_DIGITAL_VIDEO_LOSS, EVENT_GET_LED_STATE, EVENT_GET_UDISK_INFO}) {
         m_client->RegisterHandler(own, static_cast<int>(id), bind(&Simulator::OnRequest));
     }
-    m_client->RegisterHandler(own, kEvMcuSend, bind(&Simulator::OnMcuSend));
-    m_client->RegisterHandler(own, kEvMcuSettings, bind(&Simulator::OnMcuSettings));
-    m_client->RegisterHandler(own, kEvCanFilter, bind(&Simulator::OnCanFilter));
-    m_client->RegisterHandler(own, kEvCanSend, bind(&Simulator::OnCanSend));
+    m_client->RegisterHandler(own, EVENT_MCU_SERIAL_SEND, bind(&Simulator::OnMcuSend));
+    m_client->RegisterHandler(own, EVENT_MCU_SERIAL_SETTINGS, bind(&Simulator::OnMcuSettings));
+    m_client->RegisterHandler(own, EVENT_CAN_SET_FILTER, bind(&Simulator::OnCanFilter));
+    m_client->RegisterHandler(own, EVENT_CAN_SEND, bind(&Simulator::OnCanSend));
     m_client->RegisterHandler(own, kControlEvent, bind(&Simulator::OnControl));
 }
 
@@ -332,7 +333,7 @@ void Simulator::Tick() {
     }
     if (m_cpxAtUs >= 0 && now >= m_cpxAtUs) {
         m_cpxAtUs = -1;
-        Publish(kEvCpxRelease, EncodeCpxRelease(m_scenario.cpx.path));
+        Publish(EVENT_DEVICE_MODULE_RELEASE_SERIAL, EncodeCpxRelease(m_scenario.cpx.path));
         Log(1, "device module released " + m_scenario.cpx.path + " (1151)");
     }
     for (Waiting* w : {&m_script, &m_replay}) {
@@ -354,34 +355,34 @@ void Simulator::Tick() {
 Bytes Simulator::AnswerLocked(uint32_t requestId, std::string& what) const {
     const Scenario& s = m_scenario;
     switch (requestId) {
-        case kEvGetDeviceModule:
+        case EVENT_GET_DEVICE_MODULE_STATE:
             what = m_ready ? "device module ready" : "device module not ready";
             return EncodeDeviceModuleState(m_ready);
-        case kEvGetSerial:
+        case EVENT_GET_SERIAL_PARAM:
             what = "serial parameter setting";
             return EncodeSerialSetting(s);
-        case kEvGetIpc:
+        case EVENT_GET_IPC_SETTING:
             what = "IPC setting";
             return EncodeIpcSetting(s);
-        case kEvGetCan:
+        case EVENT_GET_CAN_PARAM:
             what = "CAN parameter setting";
             return EncodeCanSetting(s);
-        case kEvGetEthernet:
+        case EVENT_GET_ETHERNET_PARAM:
             what = "Ethernet parameter setting";
             return EncodeEthernetSetting(s);
-        case kEvGetFtp:
+        case EVENT_GET_FTP_PARAM:
             what = "FTP setting";
             return EncodeFtpSetting(s);
-        case kEvGetVideoLoss:
+        case EVENT_GET_VIDEO_LOSS:
             what = "analogue video loss";
             return EncodeVideoLoss(s);
-        case kEvGetDigitalVideoLoss:
+        case EVENT_GET_DIGITAL_VIDEO_LOSS:
             what = "digital video loss";
             return EncodeDigitalVideoLoss(s);
-        case kEvGetLed:
+        case EVENT_GET_LED_STATE:
             what = "LED panel state";
             return EncodeLedState(s);
-        case kEvGetUDisk:
+        case EVENT_GET_UDISK_INFO:
             what = s.udisk.present ? "U-disk at " + s.udisk.mount : "no U-disk";
             return EncodeUDiskInfo(s.udisk, ResolveInRoot(m_opt.root, s.udisk.mount));
         default:
@@ -401,7 +402,7 @@ int Simulator::OnRequest(const char* msg, int len) {
     {
         std::lock_guard<std::mutex> guard(m_lock);
         answer = AnswerLocked(head.nEventId, what);
-        if (head.nEventId == kEvGetLed) {
+        if (head.nEventId == EVENT_GET_LED_STATE) {
             // The service asks for the LED state once it runs: the moment to tell it the states
             // that have no request of their own.
             follow = UnaskedStates(m_scenario);
@@ -423,7 +424,7 @@ int Simulator::OnRequest(const char* msg, int len) {
 void Simulator::SetReadyLocked(bool ready) {
     m_ready = ready;
     m_readyAtUs = -1;
-    Publish(kEvDeviceModule, EncodeDeviceModuleState(ready));
+    Publish(EVENT_DEVICE_MODULE_STATE, EncodeDeviceModuleState(ready));
     Log(1, std::string("device module ") + (ready ? "ready" : "not ready") + " (1150)");
     m_cpxAtUs = -1;
     if (ready && m_scenario.cpx.enabled) {
@@ -463,7 +464,7 @@ bool Simulator::Ready() const {
 
 void Simulator::SendCpxRelease(const std::string& path) {
     std::lock_guard<std::mutex> guard(m_lock);
-    Publish(kEvCpxRelease, EncodeCpxRelease(path));
+    Publish(EVENT_DEVICE_MODULE_RELEASE_SERIAL, EncodeCpxRelease(path));
     Log(1, "device module released " + path + " (1151)");
 }
 
@@ -563,7 +564,7 @@ void Simulator::PumpMcuLocked() {
                        " bytes dropped");
             continue;
         }
-        Publish(kEvMcuReceive,
+        Publish(EVENT_MCU_SERIAL_RECV,
                 EncodeMcuReceive(slot->mainId, slot->subId, buffer, static_cast<size_t>(n)));
         Log(2, "MCU port " + std::to_string(index) + " -> " + IdsText(slot->mainId, slot->subId) +
                    ": " + std::to_string(n) + " bytes (1090)");
@@ -729,7 +730,7 @@ size_t Simulator::DeliverLocked(int port, const std::vector<CanFrame>& frames,
     for (const Bytes& event :
          EncodeCanReceive(slot->mainId, slot->subId, static_cast<uint8_t>(port), taken,
                           m_opt.canItemsPerEvent)) {
-        Publish(kEvCanReceive, event);
+        Publish(EVENT_CAN_RECV, event);
     }
     for (const CanFrame& f : taken) {
         Log(2, iface + " -> " + ids + ": " + FormatCansend(f) + " (1089)");
@@ -767,7 +768,7 @@ int Simulator::OnCanFilter(const char* msg, int len) {
     }
     std::lock_guard<std::mutex> guard(m_lock);
     m_filters[list.port] = list.entries;
-    Publish(kEvCanFilterState,
+    Publish(EVENT_CAN_FILTER_STATE,
             EncodeCanFilterState(list.port, static_cast<uint8_t>(list.entries.size())));
     Log(1, "can" + std::to_string(list.port) + " filter from " + SenderText(head.nSenderId) + ":" +
                FilterText(list.entries));

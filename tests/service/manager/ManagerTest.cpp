@@ -12,6 +12,8 @@
 #include <gtest/gtest.h>
 
 #include "CommonTime.h"
+#include "EventNames.h"
+#include "PeripheralEvents.h"
 #include "ServiceHarness.h"
 
 namespace {
@@ -167,6 +169,21 @@ TEST(ManagerBus, UnregistrationLeavesTheForgottenEventsRegistered) {
     EXPECT_EQ(handled(), all);
     service.Manager().PhmMessageUnRegister();
     EXPECT_EQ(handled(), stays);
+}
+
+// The service and the tools take their ids from one table: everything the service listens to
+// has a name there, so pm-bus names it and the recorder simulator can play it.
+TEST(ManagerBus, EveryRegisteredEventIsInTheEventTable) {
+    ServiceHarness service(pmtest::kNoPeripherals, kEightChannels);
+    service.Register();
+    const std::vector<int> registered = service.ManagerClient()->RegisteredEvents();
+    ASSERT_FALSE(registered.empty());
+    for (int id : registered) {
+        EXPECT_FALSE(pmtools::NameOfEvent(static_cast<uint32_t>(id)).empty()) << id;
+    }
+    for (size_t i = 1; i < std::size(kPeripheralEvents); ++i) {
+        EXPECT_LT(kPeripheralEvents[i - 1].id, kPeripheralEvents[i].id) << "ascending, unique";
+    }
 }
 
 // ---- the manager thread: start-up gate and polls ----

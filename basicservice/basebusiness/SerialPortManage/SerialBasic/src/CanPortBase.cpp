@@ -10,15 +10,11 @@
 #include "BusMessage.h"
 #include "CommonLog.h"
 #include "PeripheralManage.h"
+#include "PeripheralEvents.h"
 
 namespace {
 
 constexpr const char kLogTag[] = "C_BASE: ";
-
-constexpr int kEventCanData = 1089;
-constexpr int kEventCanFilterReport = 1136;
-constexpr int kMsgCanFilter = 1137;
-constexpr int kMsgCanSend = 1087;
 
 constexpr unsigned int kMaxCanDataLen = 8;
 constexpr unsigned int kHeadLen = 16;          // bus head in front of every event
@@ -152,7 +148,7 @@ int CCanPortBase::SetCanPortFilter() {
            "Set can port filter, mainId = %d, subId = %d, canPortId = %d, count = %d, "
            "length = %d uiMinPeriod = %d \n",
            m_nMainId, m_nSubId, m_ucCanPortId, count, itemLen, m_usMinPeriod);
-    m_pMsgClient->MSGSendMessage(0, kMsgCanFilter, 0, reinterpret_cast<const char*>(msg),
+    m_pMsgClient->MSGSendMessage(0, EVENT_CAN_SET_FILTER, 0, reinterpret_cast<const char*>(msg),
                                  static_cast<int>(kFilterHeadLen + itemLen),
                                  static_cast<int>(m_nMsgId));
     return 0;
@@ -187,22 +183,22 @@ int CCanPortBase::SendCanDataToPeripheral(const char* data, unsigned int length,
              "C_BASE: Send to device, mainId = %d, subId = %d, canId = 0x%x, dataLen = %d",
              m_nMainId, m_nSubId, canId, length);
     m_pPeripheralManage->hex_dump(title, reinterpret_cast<const char*>(msg), kSendLen, 3);
-    m_pMsgClient->MSGSendMessage(0, kMsgCanSend, 0, reinterpret_cast<const char*>(msg), kSendLen,
+    m_pMsgClient->MSGSendMessage(0, EVENT_CAN_SEND, 0, reinterpret_cast<const char*>(msg), kSendLen,
                                  static_cast<int>(m_nMsgId));
     return 0;
 }
 
 int CCanPortBase::CanPortMessageRegister() {
-    m_pMsgClient->MSGEventRegister(static_cast<int>(m_nMsgId), kEventCanFilterReport, this,
+    m_pMsgClient->MSGEventRegister(static_cast<int>(m_nMsgId), EVENT_CAN_FILTER_STATE, this,
                                    &CCanPortBase::OnReceiveDataFromCanFilter_Get);
-    m_pMsgClient->MSGEventRegister(static_cast<int>(m_nMsgId), kEventCanData, this,
+    m_pMsgClient->MSGEventRegister(static_cast<int>(m_nMsgId), EVENT_CAN_RECV, this,
                                    &CCanPortBase::OnReceiveDataFromCanPort);
     return 0;
 }
 
 int CCanPortBase::CanPortMessageUnRegister() {
-    m_pMsgClient->MSGEventUnRegister(static_cast<int>(m_nMsgId), kEventCanFilterReport);
-    m_pMsgClient->MSGEventUnRegister(static_cast<int>(m_nMsgId), kEventCanData);
+    m_pMsgClient->MSGEventUnRegister(static_cast<int>(m_nMsgId), EVENT_CAN_FILTER_STATE);
+    m_pMsgClient->MSGEventUnRegister(static_cast<int>(m_nMsgId), EVENT_CAN_RECV);
     return 0;
 }
 

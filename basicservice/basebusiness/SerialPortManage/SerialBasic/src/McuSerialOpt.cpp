@@ -10,13 +10,12 @@
 #include "CommonLog.h"
 #include "PeripheralManage.h"
 #include "SerialBase.h"
+#include "PeripheralEvents.h"
 
 namespace {
 
 constexpr const char kLogTag[] = "MCU_OPT: ";
 
-constexpr int kEventSerialData = 1090;  // data from an MCU port
-constexpr int kMsgSerialData = 1088;    // data to an MCU port
 constexpr unsigned int kHeadSize = 16;
 // Event 1090: main id (uint16) at 16, sub id (uint16) at 18, data length (uint32) at 20.
 constexpr unsigned int kRecvDataOffset = 24;
@@ -52,7 +51,7 @@ int CMcuSerialOpt::SerialMessageRegister() {
     }
     int msgId = static_cast<int>(m_pSerialBase->GetMsgId());
     printf("SerialMessageRegister, msgId = %d\n", msgId);
-    return m_pSerialBase->GetMsgClient()->MSGEventRegister(msgId, kEventSerialData, this,
+    return m_pSerialBase->GetMsgClient()->MSGEventRegister(msgId, EVENT_MCU_SERIAL_RECV, this,
                                                            &CMcuSerialOpt::OnReceiveDataFromSerial);
 }
 
@@ -61,7 +60,7 @@ int CMcuSerialOpt::SerialMessageUnRegister() {
         return -1;
     }
     return m_pSerialBase->GetMsgClient()->MSGEventUnRegister(
-        static_cast<int>(m_pSerialBase->GetMsgId()), kEventSerialData);
+        static_cast<int>(m_pSerialBase->GetMsgId()), EVENT_MCU_SERIAL_RECV);
 }
 
 int CMcuSerialOpt::OnReceiveDataFromSerial(const char* data, int length) {
@@ -126,7 +125,7 @@ int CMcuSerialOpt::SendDataToPeripheral(const char* data, unsigned int length) {
             Title("MCU_OPT: [SEND], mainId = %d, subId = %d, length = %d", mainId, subId, length),
             data, length, 3);
     }
-    m_pSerialBase->GetMsgClient()->MSGSendMessage(0, kMsgSerialData, 0, message.data(),
+    m_pSerialBase->GetMsgClient()->MSGSendMessage(0, EVENT_MCU_SERIAL_SEND, 0, message.data(),
                                                   static_cast<int>(message.size()),
                                                   static_cast<int>(m_pSerialBase->GetMsgId()));
     return 0;

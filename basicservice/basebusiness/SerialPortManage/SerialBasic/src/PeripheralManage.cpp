@@ -17,6 +17,7 @@
 #include "CommonLog.h"
 #include "CommonTime.h"
 #include "PeripheralBase.h"
+#include "PeripheralEvents.h"
 #include "SerialBase.h"
 #include "SerialDevExtendBox.h"
 #include "SerialDevExtendBoxHub.h"
@@ -26,41 +27,9 @@ namespace {
 
 constexpr const char kLogTag[] = "S_MANAGE: ";
 
-// Bus events of the manager: requests it sends, and the events it handles.
-enum : int {
-    MSG_POWERDOWN_A = 8,
-    MSG_POWERDOWN_B = 9,
-    MSG_DEBUG_LEVEL = 10,
-    MSG_FTP_REQUEST = 283,
-    MSG_FTP_CHANGED = 284,
-    MSG_SERIAL_REQUEST = 315,
-    MSG_SERIAL_CHANGED = 316,
-    MSG_IPC_REQUEST = 319,
-    MSG_IPC_CHANGED = 320,
-    MSG_CAN_REQUEST = 359,
-    MSG_CAN_CHANGED = 360,
-    MSG_ETHERNET_REQUEST = 361,
-    MSG_ETHERNET_CHANGED = 362,
-    MSG_POWERDOWN_C = 1035,
-    MSG_VLOSS_REQUEST = 1051,
-    MSG_VLOSS_CHANGED = 1052,
-    MSG_USB_STATE_REQUEST = 1059,
-    MSG_USB_STATE_CHANGED = 1060,
-    MSG_VEHICLE_INFO = 1081,
-    MSG_UDISK_INFO_REQUEST = 1119,
-    MSG_LED_REQUEST = 1121,
-    MSG_LED_CHANGED = 1122,
-    MSG_DEVICE_MODULE_REQUEST = 1149,
-    MSG_DEVICE_MODULE_CHANGED = 1150,
-    MSG_DEVICE_MODULE_RELEASE_SERIAL = 1151,
-    MSG_DIGITAL_VLOSS_CHANGED = 1284,
-    MSG_DIGITAL_VLOSS_REQUEST = 1285,
-    MSG_STORAGE_STATUS = 2053,
-    MSG_CPX_SERIAL_RELEASE = 6724,
-    MSG_LANGUAGE_SWITCHED = 6739,
-    MSG_UNKNOWN_7425 = 7425,
-    MSG_ANSWER = 0x8000,
-};
+// Unregistered by the manager although it never registers it; kept in the list as it always
+// was.
+constexpr int kEventNeverRegistered = 7425;
 
 using PhmHandler = int (CPeripheralManage::*)(const char*, int);
 
@@ -74,64 +43,65 @@ struct PhmEvent {
 // OnSwitchLanguageFinished (6739), OnGetUsbState (33827, 1060) and OnGetUDiskInfo (33887)
 // arrive with the alarm speech and USB self-test work.
 const PhmEvent kRegisteredEvents[] = {
-    {MSG_DEBUG_LEVEL, &CPeripheralManage::OnSetDebugLevel},
-    {MSG_DEVICE_MODULE_REQUEST | MSG_ANSWER, &CPeripheralManage::OnDeviceModuleComplete},
-    {MSG_DEVICE_MODULE_CHANGED, &CPeripheralManage::OnDeviceModuleComplete},
-    {MSG_DEVICE_MODULE_RELEASE_SERIAL, &CPeripheralManage::OnDeviceModuleReleaseSerial},
-    {MSG_SERIAL_REQUEST | MSG_ANSWER, &CPeripheralManage::OnUpdateSerialParamSetting},
-    {MSG_SERIAL_CHANGED, &CPeripheralManage::OnUpdateSerialParamSetting},
-    {MSG_CAN_REQUEST | MSG_ANSWER, &CPeripheralManage::OnUpdateCanParamSetting},
-    {MSG_CAN_CHANGED, &CPeripheralManage::OnUpdateCanParamSetting},
-    {MSG_ETHERNET_REQUEST | MSG_ANSWER, &CPeripheralManage::OnUpdateEthernetParamSetting},
-    {MSG_ETHERNET_CHANGED, &CPeripheralManage::OnUpdateEthernetParamSetting},
-    {MSG_IPC_REQUEST | MSG_ANSWER, &CPeripheralManage::OnUpdataIPCSetting},
-    {MSG_IPC_CHANGED, &CPeripheralManage::OnUpdataIPCSetting},
-    {MSG_DIGITAL_VLOSS_CHANGED, &CPeripheralManage::OnUpdataDigitalVideoLossStatus},
-    {MSG_DIGITAL_VLOSS_REQUEST | MSG_ANSWER, &CPeripheralManage::OnUpdataDigitalVideoLossStatus},
-    {MSG_VLOSS_CHANGED, &CPeripheralManage::OnUpdataVideoLossStatus},
-    {MSG_VLOSS_REQUEST | MSG_ANSWER, &CPeripheralManage::OnUpdataVideoLossStatus},
-    {MSG_LED_REQUEST | MSG_ANSWER, &CPeripheralManage::OnUpdateLedState},
-    {MSG_LED_CHANGED, &CPeripheralManage::OnUpdateLedState},
-    {MSG_STORAGE_STATUS, &CPeripheralManage::OnUpdataStorageStatus},
-    {MSG_VEHICLE_INFO, &CPeripheralManage::OnUpdateDeviceVehicleInfo},
-    {MSG_FTP_REQUEST | MSG_ANSWER, &CPeripheralManage::OnGetFtpParam},
-    {MSG_FTP_CHANGED, &CPeripheralManage::OnGetFtpParam},
-    {MSG_POWERDOWN_B, &CPeripheralManage::OnProcessPowerdown},
-    {MSG_POWERDOWN_A, &CPeripheralManage::OnProcessPowerdown},
-    {MSG_POWERDOWN_C, &CPeripheralManage::OnProcessPowerdown},
+    {EVENT_DEBUG_LEVEL, &CPeripheralManage::OnSetDebugLevel},
+    {EventAnswerOf(EVENT_GET_DEVICE_MODULE_STATE), &CPeripheralManage::OnDeviceModuleComplete},
+    {EVENT_DEVICE_MODULE_STATE, &CPeripheralManage::OnDeviceModuleComplete},
+    {EVENT_DEVICE_MODULE_RELEASE_SERIAL, &CPeripheralManage::OnDeviceModuleReleaseSerial},
+    {EventAnswerOf(EVENT_GET_SERIAL_PARAM), &CPeripheralManage::OnUpdateSerialParamSetting},
+    {EVENT_SERIAL_PARAM_CHANGED, &CPeripheralManage::OnUpdateSerialParamSetting},
+    {EventAnswerOf(EVENT_GET_CAN_PARAM), &CPeripheralManage::OnUpdateCanParamSetting},
+    {EVENT_CAN_PARAM_CHANGED, &CPeripheralManage::OnUpdateCanParamSetting},
+    {EventAnswerOf(EVENT_GET_ETHERNET_PARAM), &CPeripheralManage::OnUpdateEthernetParamSetting},
+    {EVENT_ETHERNET_PARAM_CHANGED, &CPeripheralManage::OnUpdateEthernetParamSetting},
+    {EventAnswerOf(EVENT_GET_IPC_SETTING), &CPeripheralManage::OnUpdataIPCSetting},
+    {EVENT_IPC_SETTING_CHANGED, &CPeripheralManage::OnUpdataIPCSetting},
+    {EVENT_DIGITAL_VIDEO_LOSS, &CPeripheralManage::OnUpdataDigitalVideoLossStatus},
+    {EventAnswerOf(EVENT_GET_DIGITAL_VIDEO_LOSS),
+     &CPeripheralManage::OnUpdataDigitalVideoLossStatus},
+    {EVENT_VIDEO_LOSS, &CPeripheralManage::OnUpdataVideoLossStatus},
+    {EventAnswerOf(EVENT_GET_VIDEO_LOSS), &CPeripheralManage::OnUpdataVideoLossStatus},
+    {EventAnswerOf(EVENT_GET_LED_STATE), &CPeripheralManage::OnUpdateLedState},
+    {EVENT_LED_STATE, &CPeripheralManage::OnUpdateLedState},
+    {EVENT_STORAGE_STATE, &CPeripheralManage::OnUpdataStorageStatus},
+    {EVENT_VEHICLE_INFO, &CPeripheralManage::OnUpdateDeviceVehicleInfo},
+    {EventAnswerOf(EVENT_GET_FTP_PARAM), &CPeripheralManage::OnGetFtpParam},
+    {EVENT_FTP_PARAM_CHANGED, &CPeripheralManage::OnGetFtpParam},
+    {EVENT_POWER_DOWN_9, &CPeripheralManage::OnProcessPowerdown},
+    {EVENT_POWER_DOWN_8, &CPeripheralManage::OnProcessPowerdown},
+    {EVENT_POWER_DOWN_1035, &CPeripheralManage::OnProcessPowerdown},
 };
 
 // Not the mirror of the registration, on purpose: the request ids 359, 361 and 283 stand
 // where their answers were registered, 7425 was never registered, and the power-down events
 // stay registered.
 const int kUnregisteredEvents[] = {
-    MSG_DEVICE_MODULE_REQUEST | MSG_ANSWER,
-    MSG_DEVICE_MODULE_CHANGED,
-    MSG_DEBUG_LEVEL,
-    MSG_DEVICE_MODULE_RELEASE_SERIAL,
-    MSG_SERIAL_REQUEST | MSG_ANSWER,
-    MSG_SERIAL_CHANGED,
-    MSG_CAN_REQUEST,
-    MSG_CAN_CHANGED,
-    MSG_ETHERNET_REQUEST,
-    MSG_ETHERNET_CHANGED,
-    MSG_IPC_REQUEST | MSG_ANSWER,
-    MSG_IPC_CHANGED,
-    MSG_DIGITAL_VLOSS_CHANGED,
-    MSG_DIGITAL_VLOSS_REQUEST | MSG_ANSWER,
-    MSG_VLOSS_CHANGED,
-    MSG_VLOSS_REQUEST | MSG_ANSWER,
-    MSG_LED_REQUEST | MSG_ANSWER,
-    MSG_LED_CHANGED,
-    MSG_STORAGE_STATUS,
-    MSG_VEHICLE_INFO,
-    MSG_UNKNOWN_7425,
-    MSG_FTP_REQUEST,
-    MSG_FTP_CHANGED,
-    MSG_LANGUAGE_SWITCHED,
-    MSG_USB_STATE_REQUEST | MSG_ANSWER,
-    MSG_USB_STATE_CHANGED,
-    MSG_UDISK_INFO_REQUEST | MSG_ANSWER,
+    EventAnswerOf(EVENT_GET_DEVICE_MODULE_STATE),
+    EVENT_DEVICE_MODULE_STATE,
+    EVENT_DEBUG_LEVEL,
+    EVENT_DEVICE_MODULE_RELEASE_SERIAL,
+    EventAnswerOf(EVENT_GET_SERIAL_PARAM),
+    EVENT_SERIAL_PARAM_CHANGED,
+    EVENT_GET_CAN_PARAM,
+    EVENT_CAN_PARAM_CHANGED,
+    EVENT_GET_ETHERNET_PARAM,
+    EVENT_ETHERNET_PARAM_CHANGED,
+    EventAnswerOf(EVENT_GET_IPC_SETTING),
+    EVENT_IPC_SETTING_CHANGED,
+    EVENT_DIGITAL_VIDEO_LOSS,
+    EventAnswerOf(EVENT_GET_DIGITAL_VIDEO_LOSS),
+    EVENT_VIDEO_LOSS,
+    EventAnswerOf(EVENT_GET_VIDEO_LOSS),
+    EventAnswerOf(EVENT_GET_LED_STATE),
+    EVENT_LED_STATE,
+    EVENT_STORAGE_STATE,
+    EVENT_VEHICLE_INFO,
+    kEventNeverRegistered,
+    EVENT_GET_FTP_PARAM,
+    EVENT_FTP_PARAM_CHANGED,
+    EVENT_LANGUAGE_SWITCHED,
+    EventAnswerOf(EVENT_GET_USB_STATE),
+    EVENT_USB_STATE,
+    EventAnswerOf(EVENT_GET_UDISK_INFO),
 };
 
 // A still-missing bit and the request that asks for it.
@@ -141,15 +111,15 @@ struct StateRequest {
 };
 
 const StateRequest kParamRequests[] = {
-    {PARAM_STATE_SERIAL, MSG_SERIAL_REQUEST}, {PARAM_STATE_IPC, MSG_IPC_REQUEST},
-    {PARAM_STATE_CAN, MSG_CAN_REQUEST},       {PARAM_STATE_ETHERNET, MSG_ETHERNET_REQUEST},
-    {PARAM_STATE_FTP, MSG_FTP_REQUEST},
+    {PARAM_STATE_SERIAL, EVENT_GET_SERIAL_PARAM}, {PARAM_STATE_IPC, EVENT_GET_IPC_SETTING},
+    {PARAM_STATE_CAN, EVENT_GET_CAN_PARAM},       {PARAM_STATE_ETHERNET, EVENT_GET_ETHERNET_PARAM},
+    {PARAM_STATE_FTP, EVENT_GET_FTP_PARAM},
 };
 
 const StateRequest kStatusRequests[] = {
-    {STATUS_STATE_VLOSS, MSG_VLOSS_REQUEST},
-    {STATUS_STATE_DIGITAL_VLOSS, MSG_DIGITAL_VLOSS_REQUEST},
-    {STATUS_STATE_LED, MSG_LED_REQUEST},
+    {STATUS_STATE_VLOSS, EVENT_GET_VIDEO_LOSS},
+    {STATUS_STATE_DIGITAL_VLOSS, EVENT_GET_DIGITAL_VIDEO_LOSS},
+    {STATUS_STATE_LED, EVENT_GET_LED_STATE},
 };
 
 constexpr long long kStatusPollPeriodMs = 1000;
@@ -409,7 +379,7 @@ int CPeripheralManage::ThreadFuncImpl() {
 
     if (m_ucDeviceModuleReady == 0) {
         PM_LOG(1, kLogTag, "DeviceManage module is not init success, please wait......\n");
-        m_pMsgClient->MSGSendMessage(0, MSG_DEVICE_MODULE_REQUEST, 1, nullptr, 0, m_nMsgId);
+        m_pMsgClient->MSGSendMessage(0, EVENT_GET_DEVICE_MODULE_STATE, 1, nullptr, 0, m_nMsgId);
         usleep(2000000);
         return 0;
     }
@@ -471,7 +441,7 @@ void CPeripheralManage::PhmThreadCycle(long long now) {
     if (g_cycle.usbPollCount >= kUsbPollPeriods) {
         g_cycle.usbPollCount = 0;
         PM_LOG(1, "", "usb plugin ,send message to get usb disk info\n");
-        m_pMsgClient->MSGSendMessage(0, MSG_UDISK_INFO_REQUEST, 1, nullptr, 0, m_nMsgId);
+        m_pMsgClient->MSGSendMessage(0, EVENT_GET_UDISK_INFO, 1, nullptr, 0, m_nMsgId);
     }
     ++g_cycle.usbPollCount;
 }
@@ -1507,7 +1477,7 @@ int CPeripheralManage::OnProcessPowerdown(const char*, int) {
     PM_LOG(0, "", " m_ucTestEnable=%d\n", m_ucTestEnable);
     if (m_ucTestEnable == 1) {
         // The recorder answers with its real serial setting, which replaces the test layout.
-        m_pMsgClient->MSGSendMessage(0, MSG_SERIAL_REQUEST, 1, nullptr, 0, m_nMsgId);
+        m_pMsgClient->MSGSendMessage(0, EVENT_GET_SERIAL_PARAM, 1, nullptr, 0, m_nMsgId);
     }
     return 0;
 }
@@ -1605,7 +1575,7 @@ void CPeripheralManage::BroadcastCpxSerialRelease(std::string path) {
     }
     char payload[kCpxPathSize] = {};
     memcpy(payload, path.data(), std::min(path.size(), sizeof(payload)));
-    m_pMsgClient->MSGSendMessage(0, MSG_CPX_SERIAL_RELEASE, 0, payload,
+    m_pMsgClient->MSGSendMessage(0, EVENT_CPX_SERIAL_RELEASE, 0, payload,
                                  static_cast<int>(sizeof(payload)), m_nMsgId);
 }
 

@@ -15,6 +15,7 @@
 #include "PeripheralManage.h"
 #include "SerialDevOperate.h"
 #include "SerialFrame.h"
+#include "PeripheralEvents.h"
 
 namespace {
 
@@ -28,8 +29,6 @@ constexpr unsigned int kDeliverySize = 1024;
 constexpr unsigned int kPortEntries = 12;
 constexpr unsigned int kExtendEntries = 8;
 constexpr int kMainChipOpenFlags = 2306;  // O_RDWR | O_NOCTTY | O_NONBLOCK
-constexpr int kMsgSetMcuProperty = 6735;
-constexpr int kMsgConfigStatus = 6820;
 constexpr unsigned char kStatusReuseMaintainPort = 6;
 constexpr unsigned int kForceReportArg = 5;
 constexpr unsigned int kMainIdPortGroup = 7;  // reported on ports of their own
@@ -584,7 +583,7 @@ int CSerialBase::SetMainChipSerialProperty(unsigned char mask, SerialBaudRate ba
         message[5] = McuStopBitCode(stopBit);
         message[6] = static_cast<unsigned char>(parity);
         message[7] = static_cast<unsigned char>(flow);
-        m_pMsgClient->MSGSendMessage(0, kMsgSetMcuProperty, 0,
+        m_pMsgClient->MSGSendMessage(0, EVENT_MCU_SERIAL_SETTINGS, 0,
                                      reinterpret_cast<const char*>(message), sizeof(message),
                                      static_cast<int>(m_nMsgId));
         PM_LOG(1, kLogTag,
@@ -666,5 +665,5 @@ int CSerialBase::SetSerialConfigStatus(unsigned char status, unsigned int a, uns
     }
     m_ucLastConfigStatus = status;
     PM_LOG(0, "", "devid:%d-%d status %d (%d,%d)\n", m_nMainId, m_nSubId, status, a, b);
-    return HandleSerialMaintainState(kMsgConfigStatus, a, b, status);
+    return HandleSerialMaintainState(EVENT_SERIAL_CONFIG_STATUS, a, b, status);
 }
