@@ -32,7 +32,7 @@ public:
     // Bytes wait in the receive buffer; the buffer lock is held. Serial reader thread for a
     // main-chip tty, manager thread for an MCU port. Must not block.
     int ProcessPeripheralData() override {
-        char data[1024];  // GetSerialBufferData hands out at most 1024 bytes
+        char data[SERIAL_DELIVERY_SIZE];  // what GetSerialBufferData hands out at most
         unsigned int length = 0;
         GetSerialBufferData(data, length);
         ClearSerialBufferValue();

@@ -9,6 +9,8 @@
 #include <string>
 #include <vector>
 
+#include "BusWire.h"
+
 namespace Common {
 
 // The 16-byte head in front of every message, little-endian words.
@@ -21,12 +23,9 @@ struct SMessageHead {
     uint32_t isAnswer : 1;    // bit 24: made by MSGResponseMessage
     uint32_t reserved : 7;    // bits 25-31: zero
 };
-static_assert(sizeof(SMessageHead) == 16, "the bus head is 16 bytes");
+static_assert(sizeof(SMessageHead) == kMsgHeadSize, "the bus head is 16 bytes");
 
-constexpr uint32_t kMsgAnswerBit = 0x8000;          // answer id = request id | this
-constexpr uint32_t kMsgMaxPayload = 0x7FFFFF;       // what the 23-bit length can carry
-constexpr uint32_t kMsgWatchdogEvent = 0x00FFFF01;  // published by MSGFeedWatchDog
-constexpr unsigned kMsgMinHandlerBuffer = 4096;     // handlers' buffers are zero-padded to this
+constexpr unsigned kMsgMinHandlerBuffer = 4096;  // handlers' buffers are zero-padded to this
 
 }  // namespace Common
 

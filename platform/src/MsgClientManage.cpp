@@ -18,13 +18,10 @@
 #include <unordered_map>
 #include <vector>
 
-#include "BusWire.h"
 #include "CommonLog.h"
 #include "MsgBroker.h"
 
-using namespace Common::bus;
-using Common::kMsgMaxPayload;
-using Common::kMsgMinHandlerBuffer;
+using namespace Common;
 
 namespace {
 
@@ -346,21 +343,21 @@ int CMsgClientManage::Impl::Publish(uint32_t eventId, uint32_t senderId, uint32_
     }
     size_t payload = static_cast<size_t>(len);
     zmq_msg_t msg;
-    if (zmq_msg_init_size(&msg, kHeadSize + payload) != 0) {
+    if (zmq_msg_init_size(&msg, kMsgHeadSize + payload) != 0) {
         PM_LOG(0, kLogTag, "%s: event %u: no memory for %zu bytes\n", tag, eventId,
-               kHeadSize + payload);
+               kMsgHeadSize + payload);
         return -1;
     }
     char* frame = static_cast<char*>(zmq_msg_data(&msg));
     if (payload > 0) {
-        memcpy(frame + kHeadSize, data, payload);
+        memcpy(frame + kMsgHeadSize, data, payload);
     }
     int rc;
     int err = 0;
     {
         std::lock_guard<std::mutex> guard(sendLock);
         uint32_t s = fixedSeq != nullptr ? *fixedSeq : ++seq;
-        PutHead(frame, eventId, senderId, s, static_cast<uint32_t>(len) | flags);
+        PutMsgHead(frame, eventId, senderId, s, static_cast<uint32_t>(len) | flags);
         rc = zmq_msg_send(&msg, pub, ZMQ_DONTWAIT);
         if (rc < 0) {
             err = zmq_errno();
@@ -390,12 +387,13 @@ void CMsgClientManage::Impl::LogRefusal(uint32_t eventId, int err) {
 
 // Also the subscription prefix of its round: only this client, in this round, receives it.
 void CMsgClientManage::Impl::ProbeFrame(uint64_t round, char* out) const {
-    PutHead(out, kProbeEvent, static_cast<uint32_t>(token), static_cast<uint32_t>(token >> 32), 8);
-    PutLe64(out + kHeadSize, round);
+    PutMsgHead(out, kMsgProbeEvent, static_cast<uint32_t>(token),
+               static_cast<uint32_t>(token >> 32), 8);
+    PutLe64(out + kMsgHeadSize, round);
 }
 
 void CMsgClientManage::Impl::PublishProbe(uint64_t round) {
-    char probe[kProbeSize];
+    char probe[kMsgProbeSize];
     ProbeFrame(round, probe);
     std::lock_guard<std::mutex> guard(sendLock);
     // A probe lost before the connection is up is simply sent again.
@@ -426,7 +424,7 @@ void CMsgClientManage::Impl::SetSubscriptionLocked(const void* prefix, size_t si
 // order, so when the probe comes back every subscription made before the round is in force.
 uint64_t CMsgClientManage::Impl::StartRoundLocked() {
     uint64_t round = nextRound++;
-    char probe[kProbeSize];
+    char probe[kMsgProbeSize];
     ProbeFrame(round, probe);
     SetSubscriptionLocked(probe, sizeof probe, true);
     openRounds.push_back(round);
@@ -439,7 +437,7 @@ void CMsgClientManage::Impl::EndRoundLocked(uint64_t round) {
         return;
     }
     openRounds.erase(it);
-    char probe[kProbeSize];
+    char probe[kMsgProbeSize];
     ProbeFrame(round, probe);
     SetSubscriptionLocked(probe, sizeof probe, false);
 }
@@ -573,25 +571,25 @@ void CMsgClientManage::Impl::Classify(const char* data, size_t size, bool more) 
         PM_LOG(0, kLogTag, "%s: dropped a part of a multi-part message (%zu bytes)\n", tag, size);
         return;
     }
-    if (size < kHeadSize) {
+    if (size < kMsgHeadSize) {
         PM_LOG(0, kLogTag, "%s: dropped a frame of %zu bytes, shorter than the head\n", tag, size);
         return;
     }
     uint32_t eventId = GetLe32(data);
-    if (eventId == kProbeEvent && size == kProbeSize && GetLe64(data + 4) == token) {
-        uint64_t round = GetLe64(data + kHeadSize);
+    if (eventId == kMsgProbeEvent && size == kMsgProbeSize && GetLe64(data + 4) == token) {
+        uint64_t round = GetLe64(data + kMsgHeadSize);
         appliedUpTo = std::max(appliedUpTo, round);
         EndRoundLocked(round);
         MarkConnected();
         recvCv.notify_all();
         return;
     }
-    uint32_t length = GetLe32(data + 12) & kLengthMask;
-    if (length != size - kHeadSize) {
+    uint32_t length = GetLe32(data + 12) & kMsgLengthMask;
+    if (length != size - kMsgHeadSize) {
         PM_LOG(0, kLogTag,
                "%s: dropped event %u: length field %u, but %zu payload bytes "
                "received\n",
-               tag, eventId, length, size - kHeadSize);
+               tag, eventId, length, size - kMsgHeadSize);
         return;
     }
     QueueLocked(data, size);
@@ -859,7 +857,7 @@ int CMsgClientManage::MSGEventUnRegister(int ownId, int eventId) {
 int CMsgClientManage::MSGSendMessage(int /*target*/, int eventId, int needAnswer, const char* data,
                                      int len, int ownId) {
     return m_pImpl->Publish(static_cast<uint32_t>(eventId), static_cast<uint32_t>(ownId),
-                            needAnswer != 0 ? kNeedAnswerFlag : 0, data, len, nullptr);
+                            needAnswer != 0 ? kMsgNeedAnswerFlag : 0, data, len, nullptr);
 }
 
 int CMsgClientManage::MSGResponseMessage(Common::SMessageHead* request, const char* data, int len) {
@@ -867,10 +865,10 @@ int CMsgClientManage::MSGResponseMessage(Common::SMessageHead* request, const ch
         PM_LOG(0, kLogTag, "%s: answer to a null request\n", m_pImpl->tag);
         return -1;
     }
-    char head[kHeadSize];
+    char head[kMsgHeadSize];
     memcpy(head, request, sizeof head);
     uint32_t seq = GetLe32(head + 8);
-    return m_pImpl->Publish(GetLe32(head) | Common::kMsgAnswerBit, 0, kIsAnswerFlag, data, len,
+    return m_pImpl->Publish(GetLe32(head) | Common::kMsgAnswerBit, 0, kMsgIsAnswerFlag, data, len,
                             &seq);
 }
 
@@ -900,9 +898,9 @@ void CMsgClientManage::MSGFeedWatchDog(long long now) {
         d.dogSent = true;
         d.lastDog = t;
     }
-    char payload[kWatchdogPayload] = {};
-    memcpy(payload, d.name.data(), std::min(d.name.size(), kWatchdogNameSize));
-    PutLe64(payload + kWatchdogNameSize, static_cast<uint64_t>(now));
+    char payload[kMsgWatchdogPayload] = {};
+    memcpy(payload, d.name.data(), std::min(d.name.size(), kMsgWatchdogNameSize));
+    PutLe64(payload + kMsgWatchdogNameSize, static_cast<uint64_t>(now));
     d.Publish(Common::kMsgWatchdogEvent, 0, 0, payload, sizeof payload, nullptr);
 }
 

@@ -8,6 +8,8 @@
 
 #include "EventNames.h"
 
+#include "BusWire.h"
+
 namespace pmtools {
 
 namespace {
@@ -22,11 +24,6 @@ int HexValue(char c) {
 
 bool IsSeparator(char c) {
     return c == ' ' || c == '\t' || c == ',' || c == ':';
-}
-
-uint32_t Word(const uint8_t* p) {
-    return static_cast<uint32_t>(p[0]) | static_cast<uint32_t>(p[1]) << 8 |
-           static_cast<uint32_t>(p[2]) << 16 | static_cast<uint32_t>(p[3]) << 24;
 }
 
 std::string Clock(const struct timeval& when) {
@@ -108,13 +105,13 @@ std::string HexDump(const uint8_t* data, size_t size, const std::string& indent)
 }
 
 bool ReadHead(const uint8_t* message, size_t size, HeadFields& head) {
-    if (message == nullptr || size < 16) {
+    if (message == nullptr || size < Common::kMsgHeadSize) {
         return false;
     }
-    head.eventId = Word(message);
-    head.senderId = Word(message + 4);
-    head.seq = Word(message + 8);
-    uint32_t flags = Word(message + 12);
+    head.eventId = Common::GetLe32(message);
+    head.senderId = Common::GetLe32(message + 4);
+    head.seq = Common::GetLe32(message + 8);
+    uint32_t flags = Common::GetLe32(message + 12);
     head.length = flags & 0x7FFFFF;
     head.needAnswer = (flags >> 23 & 1) != 0;
     head.isAnswer = (flags >> 24 & 1) != 0;

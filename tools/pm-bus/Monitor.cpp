@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "BusWire.h"
 #include "Commands.h"
 #include "MsgBroker.h"
 #include "Signals.h"
@@ -22,24 +23,9 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// The bus's own control traffic: a client's subscription probe, never shown.
-constexpr uint32_t kProbeEvent = 0x00FFFF02;
-constexpr size_t kHeadSize = 16;
-constexpr size_t kProbeSize = kHeadSize + 8;
 constexpr int kPollMs = 100;
 constexpr auto kProbeInterval = std::chrono::milliseconds(50);
 constexpr auto kNoBrokerNotice = std::chrono::seconds(2);
-
-void PutLe32(uint8_t* p, uint32_t v) {
-    for (int i = 0; i < 4; ++i) {
-        p[i] = static_cast<uint8_t>(v >> (8 * i));
-    }
-}
-
-uint32_t GetLe32(const uint8_t* p) {
-    return static_cast<uint32_t>(p[0]) | static_cast<uint32_t>(p[1]) << 8 |
-           static_cast<uint32_t>(p[2]) << 16 | static_cast<uint32_t>(p[3]) << 24;
-}
 
 uint64_t Token() {
     uint64_t token = 0;
@@ -52,12 +38,12 @@ uint64_t Token() {
 
 // A probe that only this monitor subscribes to: its token in words 1 and 2, round 1.
 std::vector<uint8_t> Probe(uint64_t token) {
-    std::vector<uint8_t> probe(kProbeSize, 0);
-    PutLe32(probe.data(), kProbeEvent);
-    PutLe32(probe.data() + 4, static_cast<uint32_t>(token));
-    PutLe32(probe.data() + 8, static_cast<uint32_t>(token >> 32));
-    PutLe32(probe.data() + 12, 8);
-    probe[kHeadSize] = 1;
+    std::vector<uint8_t> probe(Common::kMsgProbeSize, 0);
+    Common::PutLe32(probe.data(), Common::kMsgProbeEvent);
+    Common::PutLe32(probe.data() + 4, static_cast<uint32_t>(token));
+    Common::PutLe32(probe.data() + 8, static_cast<uint32_t>(token >> 32));
+    Common::PutLe32(probe.data() + 12, 8);
+    probe[Common::kMsgHeadSize] = 1;
     return probe;
 }
 
@@ -127,7 +113,7 @@ private:
         }
         for (uint32_t id : m_args.ids) {
             uint8_t prefix[4];
-            PutLe32(prefix, id);
+            Common::PutLe32(prefix, id);
             if (zmq_setsockopt(m_sub, ZMQ_SUBSCRIBE, prefix, sizeof prefix) != 0) {
                 return false;
             }
@@ -141,9 +127,9 @@ private:
         while (zmq_msg_recv(&msg, m_sub, ZMQ_DONTWAIT) >= 0) {
             const auto* data = static_cast<const uint8_t*>(zmq_msg_data(&msg));
             size_t size = zmq_msg_size(&msg);
-            if (size >= 4 && GetLe32(data) == kProbeEvent) {
-                if (!m_ready && size == kProbeSize &&
-                    memcmp(data, m_probe.data(), kProbeSize) == 0) {
+            if (size >= 4 && Common::GetLe32(data) == Common::kMsgProbeEvent) {
+                if (!m_ready && size == Common::kMsgProbeSize &&
+                    memcmp(data, m_probe.data(), Common::kMsgProbeSize) == 0) {
                     m_ready = true;
                     fprintf(stderr, "pm-bus: monitoring %s\n", busName.c_str());
                 }

@@ -3,28 +3,17 @@
 #include <algorithm>
 #include <cstring>
 
+#include "BusWire.h"
+
 namespace pmrecorder {
 
 namespace {
 
-uint32_t Le16(const uint8_t* p) {
-    return p[0] | p[1] << 8;
-}
-uint32_t Le32(const uint8_t* p) {
-    return Le16(p) | Le16(p + 2) << 16;
-}
-uint32_t Be32(const uint8_t* p) {
-    return static_cast<uint32_t>(p[0]) << 24 | p[1] << 16 | p[2] << 8 | p[3];
-}
-
-void PutLe16(uint8_t* p, uint32_t v) {
-    p[0] = static_cast<uint8_t>(v);
-    p[1] = static_cast<uint8_t>(v >> 8);
-}
-void PutLe32(uint8_t* p, uint32_t v) {
-    PutLe16(p, v & 0xFFFF);
-    PutLe16(p + 2, v >> 16);
-}
+using Common::GetBe32;
+using Common::GetLe16;
+using Common::GetLe32;
+using Common::PutLe16;
+using Common::PutLe32;
 
 constexpr uint8_t kMaskedMark = 0xFF;
 constexpr size_t kFilterHead = 4;
@@ -55,9 +44,9 @@ bool DecodeMcuSend(const uint8_t* payload, size_t size, McuData& out, std::strin
         error = "MCU data shorter than its 8-byte head (" + std::to_string(size) + " bytes)";
         return false;
     }
-    out.mainId = static_cast<uint16_t>(Le16(payload));
-    out.subId = static_cast<uint16_t>(Le16(payload + 2));
-    size_t length = Le32(payload + 4);
+    out.mainId = static_cast<uint16_t>(GetLe16(payload));
+    out.subId = static_cast<uint16_t>(GetLe16(payload + 2));
+    size_t length = GetLe32(payload + 4);
     if (length > size - 8) {
         error = "MCU data says " + std::to_string(length) + " bytes, carries " +
                 std::to_string(size - 8);
@@ -106,7 +95,7 @@ bool DecodeCanFilter(const uint8_t* payload, size_t size, CanFilterList& out, st
     CanFilterList list;
     list.port = payload[0];
     size_t count = payload[1];
-    list.minPeriod = static_cast<uint16_t>(Le16(payload + 2));
+    list.minPeriod = static_cast<uint16_t>(GetLe16(payload + 2));
     const uint8_t* items = payload + kFilterHead;
     size_t bytes = size - kFilterHead;
     if (bytes < count * 4 || bytes > count * 8) {
@@ -125,11 +114,11 @@ bool DecodeCanFilter(const uint8_t* payload, size_t size, CanFilterList& out, st
         CanFilterEntry e;
         if (k + 8 <= bytes && LooksMasked(items + k) && reach[i + 1][k + 8]) {
             e.masked = true;
-            e.id = Le32(items + k) & 0x00FFFFFF;
-            e.mask = Le32(items + k + 4);
+            e.id = GetLe32(items + k) & 0x00FFFFFF;
+            e.mask = GetLe32(items + k + 4);
             k += 8;
         } else {
-            e.id = Be32(items + k);
+            e.id = GetBe32(items + k);
             k += 4;
         }
         list.entries.push_back(e);
@@ -207,10 +196,10 @@ bool DecodeCanSend(const uint8_t* payload, size_t size, CanSendRequest& out, std
         error = "CAN send request shorter than 24 bytes (" + std::to_string(size) + ")";
         return false;
     }
-    out.mainId = static_cast<uint16_t>(Le16(payload));
-    out.subId = static_cast<uint16_t>(Le16(payload + 2));
+    out.mainId = static_cast<uint16_t>(GetLe16(payload));
+    out.subId = static_cast<uint16_t>(GetLe16(payload + 2));
     out.frame = CanFrame();
-    out.frame.id = Le32(payload + 8);
+    out.frame.id = GetLe32(payload + 8);
     out.frame.extended = out.frame.id > kCanStandardMax;
     out.frame.length = payload[12];
     if (out.frame.length > 8) {

@@ -4,21 +4,12 @@
 #include <cstddef>
 #include <cstring>
 
+#include "BusWire.h"
 #include "PeripheralDefine.h"
 
 namespace pmrecorder {
 
 namespace {
-
-void PutLe16(Bytes& b, size_t at, uint32_t v) {
-    b[at] = static_cast<uint8_t>(v);
-    b[at + 1] = static_cast<uint8_t>(v >> 8);
-}
-
-void PutLe32(Bytes& b, size_t at, uint32_t v) {
-    PutLe16(b, at, v & 0xFFFF);
-    PutLe16(b, at + 2, v >> 16);
-}
 
 void ApplyPatches(Bytes& b, const std::vector<Patch>& patches) {
     for (const Patch& p : patches) {
@@ -94,7 +85,7 @@ Bytes EncodeEthernetSetting(const Scenario& s) {
         b[at + offsetof(EthernetEntry_t, subFun)] = slot.subId;
         memcpy(b.data() + at + offsetof(EthernetEntry_t, ip), slot.ip.data(),
                std::min(slot.ip.size(), sizeof(EthernetEntry_t::ip) - 1));
-        PutLe16(b, at + offsetof(EthernetEntry_t, port), slot.port);
+        Common::PutLe16(b.data() + at + offsetof(EthernetEntry_t, port), slot.port);
     }
     return b;
 }
@@ -117,7 +108,7 @@ Bytes EncodeIpcSetting(const Scenario& s) {
 
 Bytes EncodeVideoLoss(const Scenario& s) {
     Bytes b(kVideoLossSize, 0);
-    PutLe32(b, 0, s.videoLossMask);
+    Common::PutLe32(b.data() + 0, s.videoLossMask);
     return b;
 }
 
@@ -152,8 +143,8 @@ Bytes EncodeStorageState(const Scenario& s) {
 
 Bytes EncodeVehicleInfo(const Scenario& s) {
     Bytes b(kVehicleRecordSize, 0);
-    PutLe32(b, 0, s.vehicleWord0);
-    PutLe32(b, 48, s.vehicleWord48);
+    Common::PutLe32(b.data() + 0, s.vehicleWord0);
+    Common::PutLe32(b.data() + 48, s.vehicleWord48);
     b[52] = s.vehicleByte52;
     ApplyPatches(b, s.vehiclePatch);
     return b;
@@ -170,8 +161,8 @@ Bytes EncodeUDiskInfo(const UDisk& disk, const std::string& mount) {
     if (disk.present) {
         // Entry 0 at data offset 32: mount directory (NUL-terminated, 40 bytes), size at 40.
         memcpy(b.data() + 32, mount.data(), std::min<size_t>(mount.size(), 39));
-        PutLe32(b, 32 + 40, static_cast<uint32_t>(disk.recordSize));
-        PutLe32(b, 32 + 44, static_cast<uint32_t>(disk.recordSize >> 32));
+        Common::PutLe32(b.data() + 32 + 40, static_cast<uint32_t>(disk.recordSize));
+        Common::PutLe32(b.data() + 32 + 44, static_cast<uint32_t>(disk.recordSize >> 32));
     }
     return b;
 }
@@ -184,8 +175,8 @@ Bytes EncodeCpxRelease(const std::string& path) {
 
 Bytes EncodeDebugLevel(uint16_t level) {
     Bytes b(8, 0);
-    PutLe16(b, 0, 0x1A00);
-    PutLe16(b, 2, level);
+    Common::PutLe16(b.data() + 0, 0x1A00);
+    Common::PutLe16(b.data() + 2, level);
     return b;
 }
 

@@ -8,18 +8,19 @@
 #include <string>
 #include <vector>
 
+#include "PeripheralDefine.h"
 #include "PeripheralEvents.h"
 #include "Scenario.h"
 
 namespace pmrecorder {
 
-constexpr size_t kSerialRecordSize = 992;
-constexpr size_t kCanRecordSize = 208;
-constexpr size_t kEthernetRecordSize = 336;
-constexpr size_t kIpcRecordSize = 408;
-constexpr size_t kFtpRecordSize = 416;
-constexpr size_t kVehicleRecordSize = 56;
-constexpr size_t kStorageRecordSize = 32;
+constexpr size_t kSerialRecordSize = sizeof(paramSerialSetting_t);
+constexpr size_t kCanRecordSize = sizeof(paramCanSetting_t);
+constexpr size_t kEthernetRecordSize = sizeof(paramPeripheralEtherNet_t);
+constexpr size_t kIpcRecordSize = IPC_SETTING_SIZE;
+constexpr size_t kFtpRecordSize = sizeof(tag_MsgFtpSetting);
+constexpr size_t kVehicleRecordSize = VEHICLE_INFO_SIZE;
+constexpr size_t kStorageRecordSize = STORAGE_STATE_SIZE;
 constexpr size_t kLedPayloadSize = 16;  // the service wants a 16-byte head length, uses 10
 constexpr size_t kVideoLossSize = 4;
 constexpr size_t kDigitalVideoLossSize = 6;

@@ -19,7 +19,7 @@ namespace pmrecorder {
 
 namespace {
 
-constexpr size_t kHead = sizeof(Common::SMessageHead);
+constexpr size_t kHead = Common::kMsgHeadSize;
 constexpr size_t kRememberedControls = 32;
 
 int64_t SteadyUs() {

@@ -8,7 +8,6 @@
 namespace {
 
 constexpr const char kLogTag[] = "GPS_NMEA: ";
-constexpr unsigned int kTakeSize = 1024;  // what GetSerialBufferData hands out at most
 }  // namespace
 
 CGpsNmea::CGpsNmea(CPeripheralManage* manage, CMsgClientManage* client, unsigned int mainId,
@@ -51,7 +50,7 @@ int CGpsNmea::PeripheralThreadCycle(long long now) {
 }
 
 int CGpsNmea::ProcessPeripheralData() {
-    char bytes[kTakeSize];
+    char bytes[SERIAL_DELIVERY_SIZE];
     unsigned int length = 0;
     GetSerialBufferData(bytes, length);
     ClearSerialBufferValue();

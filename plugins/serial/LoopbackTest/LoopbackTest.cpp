@@ -5,7 +5,6 @@
 namespace {
 
 constexpr const char kLogTag[] = "LOOPBACK: ";
-constexpr unsigned int kTakeSize = 1024;  // what GetSerialBufferData hands out at most
 }  // namespace
 
 CLoopbackTest::CLoopbackTest(CPeripheralManage* manage, CMsgClientManage* client,
@@ -75,7 +74,7 @@ int CLoopbackTest::PeripheralThreadCycle(long long now) {
 }
 
 int CLoopbackTest::ProcessPeripheralData() {
-    char bytes[kTakeSize];
+    char bytes[SERIAL_DELIVERY_SIZE];
     unsigned int length = 0;
     GetSerialBufferData(bytes, length);
     ClearSerialBufferValue();

@@ -3,6 +3,7 @@
 #ifndef SERIALBASIC_PERIPHERAL_DEFINE_H
 #define SERIALBASIC_PERIPHERAL_DEFINE_H
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 
@@ -45,6 +46,25 @@ struct PeripheralProperty {
 };
 static_assert(sizeof(PeripheralProperty) == 32, "eight 32-bit fields");
 
+// Entries of the parameter settings: the serial ports (0-3 MCU, 4-7 main chip, 8-11 main
+// chip, second group), the sub-ports behind an extension box, the CAN ports, the Ethernet peers.
+enum : unsigned int {
+    SERIAL_PORT_COUNT = 12,
+    SERIAL_MCU_PORT_END = 4,       // ports before it are the MCU's
+    SERIAL_MAINCHIP_PORT_END = 8,  // then the main chip's, then its second group
+    SERIAL_EXTEND_PORT_COUNT = 8,
+    CAN_PORT_COUNT = 4,
+    ETHERNET_ENTRY_COUNT = 4,
+};
+
+// Records the recorder sends that the service keeps and hands on whole.
+enum : size_t {
+    IPC_SETTING_SIZE = 408,
+    LED_STATE_SIZE = 12,
+    STORAGE_STATE_SIZE = 32,
+    VEHICLE_INFO_SIZE = 56,
+};
+
 #pragma pack(push, 1)
 
 // Sub-port behind an extension box; laid out like the head of a port entry.
@@ -60,13 +80,13 @@ struct SerialPortEntry_t {
     uint8_t baudrate;  // SerialBaudRate
     uint8_t subFun;
     uint8_t lineSetting[5];
-    SerialExtendEntry_t extend[8];  // used only when mainFun is an extension box (1 or 149)
+    SerialExtendEntry_t extend[SERIAL_EXTEND_PORT_COUNT];  // only behind a box (1 or 149)
 };
 
 // The recorder's serial parameter setting. Ports 0-3 are MCU ports, 4-7 main-chip ports,
 // 8-11 main-chip ports of the second group.
 struct paramSerialSetting_t {
-    SerialPortEntry_t port[12];
+    SerialPortEntry_t port[SERIAL_PORT_COUNT];
     uint8_t reserved[128];
 };
 
@@ -79,7 +99,7 @@ struct CanPortEntry_t {
 };
 
 struct paramCanSetting_t {
-    CanPortEntry_t port[4];
+    CanPortEntry_t port[CAN_PORT_COUNT];
     uint8_t reserved[128];
 };
 
@@ -93,7 +113,7 @@ struct EthernetEntry_t {
 };
 
 struct paramPeripheralEtherNet_t {
-    EthernetEntry_t entry[4];
+    EthernetEntry_t entry[ETHERNET_ENTRY_COUNT];
     uint8_t reserved[128];
 };
 
@@ -115,7 +135,7 @@ static_assert(sizeof(tag_MsgFtpSetting) == 416, "FTP setting is 416 bytes");
 // the main chip's serial port at each position 0 to 11 (empty when not configured).
 struct SerialParam_t {
     paramSerialSetting_t stuSerialSetting;
-    std::string strSerialPath[12];
+    std::string strSerialPath[SERIAL_PORT_COUNT];
 };
 
 // Entry points of a protocol plug-in library (exported unmangled).

@@ -159,7 +159,7 @@ protected:
     SerialParam_t m_stuSystemSerialParam;
     paramCanSetting_t m_stuCanParam;
     paramPeripheralEtherNet_t m_stuEthernetParam;
-    uint8_t m_stuIpcSetting[408];
+    uint8_t m_stuIpcSetting[IPC_SETTING_SIZE];
     uint32_t m_nViChnNum;
     uint32_t m_nDigitalChnNum;
     uint32_t m_nTotalChnNum;
@@ -167,9 +167,9 @@ protected:
     std::atomic<uint32_t> m_nVideoLossState;  // written under m_VideoLossLock, read without
     uint32_t m_nStatusState;
     pthread_mutex_t m_LedLock;
-    uint8_t m_stuSysLedState[12];
-    uint8_t m_stuStorageStatus[32];
-    uint8_t m_stuVehicleInfo[56];
+    uint8_t m_stuSysLedState[LED_STATE_SIZE];
+    uint8_t m_stuStorageStatus[STORAGE_STATE_SIZE];
+    uint8_t m_stuVehicleInfo[VEHICLE_INFO_SIZE];
     eProductType m_nProductType;
     pthread_mutex_t m_FtpLock;
     tag_MsgFtpSetting m_stuFtpSetting;

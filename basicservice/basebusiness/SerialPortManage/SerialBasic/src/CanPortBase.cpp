@@ -17,8 +17,8 @@ namespace {
 constexpr const char kLogTag[] = "C_BASE: ";
 
 constexpr unsigned int kMaxCanDataLen = 8;
-constexpr unsigned int kHeadLen = 16;          // bus head in front of every event
-constexpr unsigned int kRecvItemsOffset = 24;  // head + function id, sub id, port, count
+// Payload of event 1089: function id, sub id, port, unused, count, then the items.
+constexpr unsigned int kRecvItemsOffset = 8;
 constexpr unsigned int kRecvItemLen = 16;
 constexpr unsigned int kFilterHeadLen = 4;
 constexpr unsigned int kFilterMaxItemBytes = 1024;
@@ -43,11 +43,11 @@ unsigned int ItemBytes(const CanPortRecvIdProperty& entry) {
 // mark. The CAN module reads both forms, so neither may be "fixed".
 unsigned int PutFilterItem(unsigned char* p, const CanPortRecvIdProperty& entry) {
     if (!entry.bHasMask) {
-        PutBe32(p, entry.canId);
+        Common::PutBe32(p, entry.canId);
         return 4;
     }
-    PutLe32(p, (entry.canId & 0x00FFFFFFu) | 0xFF000000u);
-    PutLe32(p + 4, entry.mask);
+    Common::PutLe32(p, (entry.canId & 0x00FFFFFFu) | 0xFF000000u);
+    Common::PutLe32(p + 4, entry.mask);
     return 8;
 }
 
@@ -143,7 +143,7 @@ int CCanPortBase::SetCanPortFilter() {
     }
     msg[0] = m_ucCanPortId;
     msg[1] = static_cast<unsigned char>(count);
-    PutLe16(msg + 2, m_usMinPeriod);
+    Common::PutLe16(msg + 2, m_usMinPeriod);
     PM_LOG(1, kLogTag,
            "Set can port filter, mainId = %d, subId = %d, canPortId = %d, count = %d, "
            "length = %d uiMinPeriod = %d \n",
@@ -170,10 +170,10 @@ int CCanPortBase::SendCanDataToPeripheral(const char* data, unsigned int length,
         return 0;
     }
     unsigned char* msg = buffer.get();
-    PutLe16(msg + 0, m_nMainId);
-    PutLe16(msg + 2, m_nSubId);
-    PutLe16(msg + 6, 1);
-    PutLe32(msg + 8, canId);
+    Common::PutLe16(msg + 0, m_nMainId);
+    Common::PutLe16(msg + 2, m_nSubId);
+    Common::PutLe16(msg + 6, 1);
+    Common::PutLe32(msg + 8, canId);
     msg[12] = static_cast<unsigned char>(length);
     if (length > 0) {
         memcpy(msg + 16, data, length);
@@ -203,15 +203,16 @@ int CCanPortBase::CanPortMessageUnRegister() {
 }
 
 int CCanPortBase::OnReceiveDataFromCanPort(const char* data, int length) {
-    if (data == nullptr || length <= 15) {
+    const MsgView msg(data, length);
+    if (msg.TooShort()) {
         PM_LOG(0, kLogTag, "Receive CAN port data length error ,length = %d \n", length);
         return 0;
     }
-    const MsgView msg(data, length);
-    const uint32_t funcId = msg.U16(kHeadLen + 0);
-    const uint32_t subId = msg.U16(kHeadLen + 2);
-    const unsigned int canPort = msg.Byte(kHeadLen + 4);
-    const unsigned int itemNum = msg.U16(kHeadLen + 6);
+    const MsgView payload = msg.Payload();
+    const uint32_t funcId = payload.U16(0);
+    const uint32_t subId = payload.U16(2);
+    const unsigned int canPort = payload.Byte(4);
+    const unsigned int itemNum = payload.U16(6);
     PM_LOG(2, kLogTag, "Recv data, mainId = %d, subId = %d, canPort = %d, uiItemNum = %d  \n",
            m_nMainId, m_nSubId, canPort, itemNum);
     if (funcId != m_nMainId || subId != m_nSubId) {
@@ -220,9 +221,9 @@ int CCanPortBase::OnReceiveDataFromCanPort(const char* data, int length) {
         return 0;
     }
 
-    const unsigned int received = static_cast<unsigned int>(length);
-    const unsigned int itemsReceived =
-        received > kRecvItemsOffset ? (received - kRecvItemsOffset) / kRecvItemLen : 0;
+    const size_t received = payload.Size();
+    const unsigned int itemsReceived = static_cast<unsigned int>(
+        received > kRecvItemsOffset ? (received - kRecvItemsOffset) / kRecvItemLen : 0);
     unsigned int itemCount = itemNum;
     if (itemCount > itemsReceived) {
         PM_LOG(0, kLogTag,
@@ -232,9 +233,10 @@ int CCanPortBase::OnReceiveDataFromCanPort(const char* data, int length) {
         itemCount = itemsReceived;
     }
 
-    const unsigned char* item = reinterpret_cast<const unsigned char*>(data) + kRecvItemsOffset;
+    const unsigned char* item =
+        reinterpret_cast<const unsigned char*>(data) + Common::kMsgHeadSize + kRecvItemsOffset;
     for (unsigned int n = 0; n < itemCount; ++n) {
-        const uint32_t canId = MsgView(reinterpret_cast<const char*>(item), 4).U32(0);
+        const uint32_t canId = Common::GetLe32(item);
         const unsigned int dataLen = item[4];
         if (dataLen > kMaxCanDataLen) {
             // The rest of the count is spent on this item: every later item is dropped.
@@ -252,12 +254,13 @@ int CCanPortBase::OnReceiveDataFromCanPort(const char* data, int length) {
 }
 
 int CCanPortBase::OnReceiveDataFromCanFilter_Get(const char* data, int length) {
-    if (data == nullptr || length <= 15) {
+    const MsgView msg(data, length);
+    if (msg.TooShort()) {
         PM_LOG(0, kLogTag, "Receive CAN port data length error ,length = %d \n", length);
         return 0;
     }
     PM_LOG(0, kLogTag, "CAN filter update, canBusId = %d, transFilterNum = %d\n",
-           MsgView(data, length).Byte(kHeadLen), MsgView(data, length).Byte(kHeadLen + 1));
+           msg.Payload().Byte(0), msg.Payload().Byte(1));
     return 0;
 }
 

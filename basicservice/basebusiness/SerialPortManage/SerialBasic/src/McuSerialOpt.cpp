@@ -16,9 +16,9 @@ namespace {
 
 constexpr const char kLogTag[] = "MCU_OPT: ";
 
-constexpr unsigned int kHeadSize = 16;
 // Event 1090: main id (uint16) at 16, sub id (uint16) at 18, data length (uint32) at 20.
-constexpr unsigned int kRecvDataOffset = 24;
+// Payload of event 1090: main id, sub id, data length, then the data.
+constexpr unsigned int kRecvDataOffset = 8;
 constexpr unsigned int kRecvBufferSize = 1024;
 // Message 1088: main id (uint16), sub id (uint16), data length (uint32), then the data.
 constexpr unsigned int kSendHeadSize = 8;
@@ -64,25 +64,25 @@ int CMcuSerialOpt::SerialMessageUnRegister() {
 }
 
 int CMcuSerialOpt::OnReceiveDataFromSerial(const char* data, int length) {
-    if (data == nullptr || length <= 15) {
+    const MsgView msg(data, length);
+    if (msg.TooShort()) {
         PM_LOG(0, kLogTag, "Receive serial data length error ,length = %d \n", length);
         return -1;
     }
     if (m_pSerialBase == nullptr) {
         return -1;
     }
-    // The head fields lie within the zero-padded handler buffer even for a short message.
-    const MsgView msg(data, length);
-    unsigned int mainId = msg.U16(kHeadSize);
-    unsigned int subId = msg.U16(kHeadSize + 2);
+    const MsgView payload = msg.Payload();
+    unsigned int mainId = payload.U16(0);
+    unsigned int subId = payload.U16(2);
     PM_LOG(3, kLogTag, "[RECV] mainId = %d, subTd = %d \n", mainId, subId);
     if (mainId != m_pSerialBase->GetMainId() || subId != m_pSerialBase->GetSubId()) {
         return 0;
     }
 
-    uint32_t dataLength = msg.U32(kHeadSize + 4);
-    unsigned int received = static_cast<unsigned int>(length) > kRecvDataOffset
-                                ? static_cast<unsigned int>(length) - kRecvDataOffset
+    uint32_t dataLength = payload.U32(4);
+    unsigned int received = payload.Size() > kRecvDataOffset
+                                ? static_cast<unsigned int>(payload.Size() - kRecvDataOffset)
                                 : 0;
     unsigned int copy = dataLength;
     if (copy > kRecvBufferSize || copy > received) {
@@ -93,7 +93,7 @@ int CMcuSerialOpt::OnReceiveDataFromSerial(const char* data, int length) {
                mainId, subId, dataLength, received, copy);
     }
     char buffer[kRecvBufferSize] = {};
-    memcpy(buffer, data + kRecvDataOffset, copy);
+    payload.Copy(kRecvDataOffset, buffer, copy);
     CPeripheralManage* manage = m_pSerialBase->GetPeripheralManage();
     if (manage != nullptr) {
         manage->hex_dump(
@@ -113,9 +113,9 @@ int CMcuSerialOpt::SendDataToPeripheral(const char* data, unsigned int length) {
     unsigned int mainId = m_pSerialBase->GetMainId();
     unsigned int subId = m_pSerialBase->GetSubId();
     std::vector<char> message(kSendHeadSize + length);
-    PutLe16(message.data(), mainId);
-    PutLe16(message.data() + 2, subId);
-    PutLe32(message.data() + 4, length);
+    Common::PutLe16(message.data(), mainId);
+    Common::PutLe16(message.data() + 2, subId);
+    Common::PutLe32(message.data() + 4, length);
     if (length > 0) {
         memcpy(message.data() + kSendHeadSize, data, length);
     }

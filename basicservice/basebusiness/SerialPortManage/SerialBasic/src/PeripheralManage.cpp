@@ -14,6 +14,7 @@
 #include <memory>
 
 #include "BusMessage.h"
+#include "MutexGuard.h"
 #include "CommonLog.h"
 #include "CommonTime.h"
 #include "PeripheralBase.h"
@@ -877,7 +878,7 @@ unsigned char CPeripheralManage::GetPeripheralParamId(ePeripheralType type, unsi
                                                       unsigned int subId) {
     switch (type) {
         case PERIPHERAL_TYPE_SERIAL:
-            for (unsigned char i = 0; i < 12; ++i) {
+            for (unsigned char i = 0; i < SERIAL_PORT_COUNT; ++i) {
                 const SerialPortEntry_t& entry = m_stuSystemSerialParam.stuSerialSetting.port[i];
                 if (entry.mainFun == mainId && entry.subFun == subId) {
                     return i;
@@ -885,7 +886,7 @@ unsigned char CPeripheralManage::GetPeripheralParamId(ePeripheralType type, unsi
             }
             break;
         case PERIPHERAL_TYPE_CANPORT:
-            for (unsigned char i = 0; i < 4; ++i) {
+            for (unsigned char i = 0; i < CAN_PORT_COUNT; ++i) {
                 if (m_stuCanParam.port[i].mainFun == mainId &&
                     m_stuCanParam.port[i].subFun == subId) {
                     return i;
@@ -893,7 +894,7 @@ unsigned char CPeripheralManage::GetPeripheralParamId(ePeripheralType type, unsi
             }
             break;
         case PERIPHERAL_TYPE_ETHERNET:
-            for (unsigned char i = 0; i < 4; ++i) {
+            for (unsigned char i = 0; i < ETHERNET_ENTRY_COUNT; ++i) {
                 const EthernetEntry_t& entry = m_stuEthernetParam.entry[i];
                 if (entry.mainFun == mainId && entry.subFun == subId) {
                     return i;
@@ -922,7 +923,7 @@ unsigned char CPeripheralManage::GetPeripheralUiId(ePeripheralType type, unsigne
         const std::string text = name.asString();
         PM_LOG(3, "", "GetPeripheralUiId: strTemp = %s\n", text.c_str());
         // The configured name is what is searched for: "232" matches "232-1".
-        for (unsigned char ui = 0; ui < 4; ++ui) {
+        for (unsigned char ui = 0; ui < std::size(kUiPorts); ++ui) {
             if (strstr(kUiPorts[ui], text.c_str()) != nullptr) {
                 return ui;
             }
@@ -942,7 +943,7 @@ int CPeripheralManage::OnUpdateSerialParamSetting(const char* data, int length) 
     }
     m_nParamState &= static_cast<uint16_t>(~PARAM_STATE_SERIAL);
     paramSerialSetting_t setting;
-    msg.Copy(16, &setting, sizeof(setting));
+    msg.Payload().Copy(0, &setting, sizeof(setting));
     if (memcmp(&setting, &m_stuSystemSerialParam.stuSerialSetting, sizeof(setting)) == 0) {
         return 0;
     }
@@ -961,7 +962,7 @@ int CPeripheralManage::OnUpdateCanParamSetting(const char* data, int length) {
     PM_LOG(2, kLogTag, "OnUpdateCanParamSetting......\n");
     m_nParamState &= static_cast<uint16_t>(~PARAM_STATE_CAN);
     paramCanSetting_t setting;
-    msg.Copy(16, &setting, sizeof(setting));
+    msg.Payload().Copy(0, &setting, sizeof(setting));
     if (memcmp(&setting, &m_stuCanParam, sizeof(setting)) == 0) {
         return 0;
     }
@@ -979,7 +980,7 @@ int CPeripheralManage::OnUpdateEthernetParamSetting(const char* data, int length
     }
     m_nParamState &= static_cast<uint16_t>(~PARAM_STATE_ETHERNET);
     paramPeripheralEtherNet_t setting;
-    msg.Copy(16, &setting, sizeof(setting));
+    msg.Payload().Copy(0, &setting, sizeof(setting));
     if (memcmp(&setting, &m_stuEthernetParam, sizeof(setting)) == 0) {
         return 0;
     }
@@ -998,7 +999,7 @@ int CPeripheralManage::UpdateSerialInstance(const paramSerialSetting_t& setting)
 
     std::vector<PeripheralPair> createQueue;
     std::vector<PeripheralPair> changed;
-    for (int p = 0; p < 12; ++p) {
+    for (unsigned int p = 0; p < SERIAL_PORT_COUNT; ++p) {
         ReconcileSerialPort(old.port[p], fresh.port[p], createQueue, changed);
     }
     CreateQueuedSerialInstances(createQueue, changed);
@@ -1062,7 +1063,7 @@ void CPeripheralManage::ReconcileSameSerialPort(const SerialPortEntry_t& oldPort
                 GetPeripheralInstance(PERIPHERAL_TYPE_SERIAL, oldPort.mainFun, 0)) {
             box->HandlePeripParamChange();
         }
-        for (int k = 0; k < 8; ++k) {
+        for (unsigned int k = 0; k < SERIAL_EXTEND_PORT_COUNT; ++k) {
             const SerialExtendEntry_t& oldChild = oldPort.extend[k];
             const SerialExtendEntry_t& newChild = newPort.extend[k];
             if (oldChild.mainFun != newChild.mainFun || oldChild.subFun != newChild.subFun) {
@@ -1087,7 +1088,7 @@ void CPeripheralManage::RemoveLeavingExtendBox(const SerialPortEntry_t& oldPort)
         PM_LOG(0, "", "S_MANAGE:HandlePeripParamChange\n");
         box->HandlePeripParamChange();
     }
-    for (int k = 0; k < 8; ++k) {
+    for (unsigned int k = 0; k < SERIAL_EXTEND_PORT_COUNT; ++k) {
         const SerialExtendEntry_t& child = oldPort.extend[k];
         PM_LOG(2, kLogTag, "Remove extend serial instance, index = %d, mainId = %d, subId = %d\n",
                k, child.mainFun, child.subFun);
@@ -1134,7 +1135,7 @@ void CPeripheralManage::NotifySerialParamChange() {
 
 int CPeripheralManage::UpdateCanInstance(const paramCanSetting_t& setting) {
     std::vector<PeripheralPair> createQueue;
-    for (int i = 0; i < 4; ++i) {
+    for (unsigned int i = 0; i < CAN_PORT_COUNT; ++i) {
         const CanPortEntry_t& oldPort = m_stuCanParam.port[i];
         const CanPortEntry_t& newPort = setting.port[i];
         if (oldPort.mainFun == newPort.mainFun && oldPort.subFun == newPort.subFun) {
@@ -1161,7 +1162,7 @@ int CPeripheralManage::UpdateCanInstance(const paramCanSetting_t& setting) {
 
 int CPeripheralManage::UpdateEthernetInstance(const paramPeripheralEtherNet_t& setting) {
     std::vector<PeripheralPair> createQueue;
-    for (int i = 0; i < 4; ++i) {
+    for (unsigned int i = 0; i < ETHERNET_ENTRY_COUNT; ++i) {
         const EthernetEntry_t& oldEntry = m_stuEthernetParam.entry[i];
         const EthernetEntry_t& newEntry = setting.entry[i];
         if (oldEntry.mainFun == newEntry.mainFun && oldEntry.subFun == newEntry.subFun) {
@@ -1209,14 +1210,14 @@ int CPeripheralManage::PrintPeripheralParam(ePeripheralType type, void* record) 
         case PERIPHERAL_TYPE_SERIAL: {
             const auto* setting = static_cast<const paramSerialSetting_t*>(record);
             puts("######### SERIAL PARAM#############");
-            for (int i = 0; i < 12; ++i) {
+            for (unsigned int i = 0; i < SERIAL_PORT_COUNT; ++i) {
                 const SerialPortEntry_t& port = setting->port[i];
                 printf("index = %d, mainFun = %d, subFun = %d, baudrate = %d\n", i, port.mainFun,
                        port.subFun, port.baudrate);
                 if (!IsExtendBox(port.mainFun)) {
                     continue;
                 }
-                for (int k = 0; k < 8; ++k) {
+                for (unsigned int k = 0; k < SERIAL_EXTEND_PORT_COUNT; ++k) {
                     printf("    extend: %d, mainFun = %d, subFun = %d, baudrate = %d\n", k,
                            port.extend[k].mainFun, port.extend[k].subFun, port.extend[k].baudrate);
                 }
@@ -1226,7 +1227,7 @@ int CPeripheralManage::PrintPeripheralParam(ePeripheralType type, void* record) 
         case PERIPHERAL_TYPE_CANPORT: {
             const auto* setting = static_cast<const paramCanSetting_t*>(record);
             puts("######### CAN_PORT PARAM#############");
-            for (int i = 0; i < 4; ++i) {
+            for (unsigned int i = 0; i < CAN_PORT_COUNT; ++i) {
                 printf("index = %d, mainFun = %d, subFun = %d, baudrate = %d\n", i,
                        setting->port[i].mainFun, setting->port[i].subFun,
                        setting->port[i].baudrate);
@@ -1236,7 +1237,7 @@ int CPeripheralManage::PrintPeripheralParam(ePeripheralType type, void* record) 
         case PERIPHERAL_TYPE_ETHERNET: {
             const auto* bytes = static_cast<const uint8_t*>(record);
             puts("######### ETHERNET_PORT PARAM#############");
-            for (int i = 0; i < 4; ++i) {
+            for (unsigned int i = 0; i < ETHERNET_ENTRY_COUNT; ++i) {
                 const uint8_t* entry = bytes + i * sizeof(EthernetEntry_t);
                 const unsigned int port = entry[20] | (entry[21] << 8);
                 // The address need not be terminated within its 16 bytes.
@@ -1255,10 +1256,10 @@ int CPeripheralManage::PrintPeripheralParam(ePeripheralType type, void* record) 
 
 int CPeripheralManage::OnSetDebugLevel(const char* data, int length) {
     MsgView msg(data, length);
-    if (msg.HeadLength() != 8 || msg.U16(16) != 0x1A00) {
+    if (msg.HeadLength() != 8 || msg.Payload().U16(0) != 0x1A00) {
         return 0;
     }
-    m_nDebugLevel = msg.U16(18);
+    m_nDebugLevel = msg.Payload().U16(2);
     PM_LOG(0, kLogTag, "Set debug level = %d\n", m_nDebugLevel.load());
     return 0;
 }
@@ -1269,7 +1270,7 @@ int CPeripheralManage::OnDeviceModuleComplete(const char* data, int length) {
         PM_LOG(0, kLogTag, "device module complete length or msg is error \n");
         return -1;
     }
-    const uint8_t state = msg.Byte(16);
+    const uint8_t state = msg.Payload().Byte(0);
     m_ucDeviceModuleReady = (state & 0x01) ? 1 : 0;
     PM_LOG(1, kLogTag, "DeviceManage module init state = 0x%x\n", state);
     return 0;
@@ -1282,7 +1283,7 @@ int CPeripheralManage::OnDeviceModuleReleaseSerial(const char* data, int length)
         PM_LOG(0, kLogTag, "device module complete length or msg is error \n");
         return -1;
     }
-    const std::string path = msg.Text(16);
+    const std::string path = msg.Payload().Text(0);
     if (IsCpxSerial(m_nProductType, path)) {
         m_ucCpxOccupy = 0;
     }
@@ -1301,7 +1302,7 @@ int CPeripheralManage::OnUpdataIPCSetting(const char* data, int length) {
     }
     m_nParamState &= static_cast<uint16_t>(~PARAM_STATE_IPC);
     uint8_t setting[sizeof(m_stuIpcSetting)];
-    msg.Copy(16, setting, sizeof(setting));
+    msg.Payload().Copy(0, setting, sizeof(setting));
     if (memcmp(setting, m_stuIpcSetting, sizeof(setting)) != 0) {
         PM_LOG(2, kLogTag, "IPC param has changed, and re get video loss state\n");
         memcpy(m_stuIpcSetting, setting, sizeof(setting));
@@ -1340,11 +1341,12 @@ int CPeripheralManage::OnUpdataDigitalVideoLossStatus(const char* data, int leng
                m_nTotalChnNum);
     }
     const unsigned int channels = std::min(m_nTotalChnNum, kVideoLossChannels);
+    const MsgView payload = msg.Payload();
     MutexGuard guard(m_VideoLossLock);
     uint32_t state = m_nVideoLossState;
     for (unsigned int n = 0; n < channels; ++n) {
-        const uint8_t protocol = msg.Byte(16 + n);
-        const uint8_t lost = msg.Byte(20 + n);
+        const uint8_t protocol = payload.Byte(n);
+        const uint8_t lost = payload.Byte(4 + n);
         uint8_t digital = 0;
         uint8_t ipcProtocol = 0;
         GetIpcChannel(n, digital, ipcProtocol);
@@ -1377,7 +1379,7 @@ int CPeripheralManage::OnUpdataVideoLossStatus(const char* data, int length) {
                m_nViChnNum);
     }
     const unsigned int channels = std::min(m_nViChnNum, kVideoLossChannels);
-    const uint32_t mask = msg.U32(16);
+    const uint32_t mask = msg.Payload().U32(0);
     MutexGuard guard(m_VideoLossLock);
     uint32_t state = m_nVideoLossState;
     for (unsigned int n = 0; n < channels; ++n) {
@@ -1406,7 +1408,7 @@ int CPeripheralManage::OnUpdateLedState(const char* data, int length) {
     }
     m_nStatusState |= STATUS_STATE_LED;
     MutexGuard guard(m_LedLock);
-    msg.Copy(16, m_stuSysLedState, 10);
+    msg.Payload().Copy(0, m_stuSysLedState, 10);
     const uint8_t* led = m_stuSysLedState;
     PM_LOG(2, kLogTag,
            "Update Led state, record = %x, net = %x, err = %x, gps = %x, alarm = %x, "
@@ -1421,13 +1423,14 @@ int CPeripheralManage::OnUpdataStorageStatus(const char* data, int length) {
         PM_LOG(0, kLogTag, "OnUpdataStorageStatus param error\n");
         return -1;
     }
-    msg.Copy(16, m_stuStorageStatus, sizeof(m_stuStorageStatus));
+    const MsgView payload = msg.Payload();
+    payload.Copy(0, m_stuStorageStatus, sizeof(m_stuStorageStatus));
     int errorSd = 1;
     for (int i = 0; i < 2; ++i) {
-        const size_t entry = 40 + 4 * i;
-        const uint8_t state = msg.Byte(entry);
-        const uint8_t type = msg.Byte(entry + 2);
-        const uint8_t valid = msg.Byte(entry + 3);
+        const size_t entry = 24 + 4 * i;
+        const uint8_t state = payload.Byte(entry);
+        const uint8_t type = payload.Byte(entry + 2);
+        const uint8_t valid = payload.Byte(entry + 3);
         // valid and i stand swapped against their labels, as the field logs have always shown.
         PM_LOG(4, kLogTag, "i = %d, valid = %d, type = %d, state = %d\n", valid, i, type, state);
         if (valid == 1 && type == 1 && (state == 2 || state == 5 || state == 6)) {
@@ -1446,9 +1449,8 @@ int CPeripheralManage::OnUpdateDeviceVehicleInfo(const char* data, int length) {
     }
     MsgView msg(data, length);
     MutexGuard guard(m_LedLock);
-    msg.Copy(16, m_stuVehicleInfo, sizeof(m_stuVehicleInfo));
-    const MsgView record(reinterpret_cast<const char*>(m_stuVehicleInfo),
-                         static_cast<int>(sizeof(m_stuVehicleInfo)));
+    msg.Payload().Copy(0, m_stuVehicleInfo, sizeof(m_stuVehicleInfo));
+    const MsgView record(m_stuVehicleInfo, sizeof(m_stuVehicleInfo));
     const uint32_t first = record.U32(0);
     const uint32_t second = record.U32(48);
     const uint8_t flags = record.Byte(52);
@@ -1467,7 +1469,7 @@ int CPeripheralManage::OnGetFtpParam(const char* data, int length) {
     m_nParamState &= static_cast<uint16_t>(~PARAM_STATE_FTP);
     {
         MutexGuard guard(m_FtpLock);
-        msg.Copy(16, &m_stuFtpSetting, sizeof(m_stuFtpSetting));
+        msg.Payload().Copy(0, &m_stuFtpSetting, sizeof(m_stuFtpSetting));
     }
     PM_LOG(2, kLogTag, "FTP param changed\n");
     return 0;
@@ -1488,12 +1490,13 @@ int CPeripheralManage::OnDispatchProxyData(const char* data, int length) {
         PM_LOG(0, kLogTag, "Protocol proxy param length error \n");
         return -1;
     }
-    if (msg.U16(80) != 1) {
+    const MsgView payload = msg.Payload();
+    if (payload.U16(64) != 1) {
         PM_LOG(0, kLogTag, "Protocol proxy param type error \n");
         return -1;
     }
-    const unsigned int funcId = msg.U16(82);
-    const unsigned int dataLen = msg.U32(88);
+    const unsigned int funcId = payload.U16(66);
+    const unsigned int dataLen = payload.U32(72);
     PM_LOG(0, kLogTag, "serialInfo--uiFuncId:%d, uiDataLen:%d, len = %d\n", funcId, dataLen + 84,
            dataLen);
     // Proxy data is delivered to nobody yet.
@@ -1510,8 +1513,8 @@ int CPeripheralManage::OnGetUpgradingPeripInfo(const char* data, int length) {
         PM_LOG(0, kLogTag, "OnGetFtpParam param error\n");
         return -1;
     }
-    const uint8_t source = msg.Byte(16);
-    const uint8_t type = msg.Byte(17);
+    const uint8_t source = msg.Payload().Byte(0);
+    const uint8_t type = msg.Payload().Byte(1);
     PM_LOG(1, kLogTag, "Get upgrading peripheral, type = %d, source = %d\n", type, source);
     if (source > 3 || type > 2) {
         return -1;

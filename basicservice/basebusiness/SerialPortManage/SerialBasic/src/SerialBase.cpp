@@ -25,9 +25,6 @@ constexpr unsigned int kDefaultBufferSize = 2048;
 constexpr unsigned int kMaxBufferSize = 0x100000;
 // What one delivery may leave in the buffer before older bytes are dropped, and what one
 // GetSerialBufferData hands out.
-constexpr unsigned int kDeliverySize = 1024;
-constexpr unsigned int kPortEntries = 12;
-constexpr unsigned int kExtendEntries = 8;
 constexpr int kMainChipOpenFlags = 2306;  // O_RDWR | O_NOCTTY | O_NONBLOCK
 constexpr unsigned char kStatusReuseMaintainPort = 6;
 constexpr unsigned int kForceReportArg = 5;
@@ -41,13 +38,13 @@ bool IsExtendBoxId(unsigned int mainId, unsigned int subId) {
 }
 
 int LinkTypeOfPort(unsigned int port) {
-    if (port < 4) {
+    if (port < SERIAL_MCU_PORT_END) {
         return SERIAL_LINK_MCU;
     }
-    if (port < 8) {
+    if (port < SERIAL_MAINCHIP_PORT_END) {
         return SERIAL_LINK_MAINCHIP;
     }
-    if (port < kPortEntries) {
+    if (port < SERIAL_PORT_COUNT) {
         return SERIAL_LINK_MAINCHIP_2;
     }
     return SERIAL_LINK_NONE;
@@ -223,17 +220,17 @@ int CSerialBase::InitSerialProperty() {
         return 0;
     }
 
-    unsigned int port = kPortEntries;
-    unsigned int extend = kExtendEntries;
+    unsigned int port = SERIAL_PORT_COUNT;
+    unsigned int extend = SERIAL_EXTEND_PORT_COUNT;
     const SerialParam_t param = *m_pPeripheralManage->GetSystemSerialParam();
-    for (unsigned int i = 0; i < kPortEntries && port == kPortEntries; ++i) {
+    for (unsigned int i = 0; i < SERIAL_PORT_COUNT && port == SERIAL_PORT_COUNT; ++i) {
         const SerialPortEntry_t& entry = param.stuSerialSetting.port[i];
         if (entry.mainFun == m_nMainId && entry.subFun == m_nSubId) {
             port = i;
             m_strSerialName = param.strSerialPath[i];
             break;
         }
-        for (unsigned int k = 0; k < kExtendEntries; ++k) {
+        for (unsigned int k = 0; k < SERIAL_EXTEND_PORT_COUNT; ++k) {
             if (entry.extend[k].mainFun == m_nMainId && entry.extend[k].subFun == m_nSubId) {
                 m_bExtend = 1;
                 port = i;
@@ -244,7 +241,7 @@ int CSerialBase::InitSerialProperty() {
     }
     m_nSerialType = LinkTypeOfPort(port);
 
-    if (extend < kExtendEntries) {
+    if (extend < SERIAL_EXTEND_PORT_COUNT) {
         m_ucExtendId = static_cast<uint8_t>(extend);
         FindFatherSerial();
     }
@@ -313,13 +310,13 @@ int CSerialBase::HandlePeripParamChange() {
     const paramSerialSetting_t& setting =
         m_pPeripheralManage->GetSystemSerialParam()->stuSerialSetting;
     int baud = -1;
-    for (unsigned int i = 0; i < kPortEntries && baud < 0; ++i) {
+    for (unsigned int i = 0; i < SERIAL_PORT_COUNT && baud < 0; ++i) {
         if (setting.port[i].mainFun == m_nMainId && setting.port[i].subFun == m_nSubId) {
             baud = setting.port[i].baudrate;
         }
     }
-    for (unsigned int i = 0; i < kPortEntries && baud < 0; ++i) {
-        for (unsigned int k = 0; k < kExtendEntries; ++k) {
+    for (unsigned int i = 0; i < SERIAL_PORT_COUNT && baud < 0; ++i) {
+        for (unsigned int k = 0; k < SERIAL_EXTEND_PORT_COUNT; ++k) {
             const SerialExtendEntry_t& entry = setting.port[i].extend[k];
             if (entry.mainFun == m_nMainId && entry.subFun == m_nSubId) {
                 baud = entry.baudrate;
@@ -361,13 +358,14 @@ int CSerialBase::GetSerialBufferData(char* out, unsigned int& length) {
     if (out == nullptr) {
         return 0;
     }
-    if (m_nBufferLength <= kDeliverySize) {
+    if (m_nBufferLength <= SERIAL_DELIVERY_SIZE) {
         memcpy(out, m_pBuffer, m_nBufferLength);
         length = m_nBufferLength;
     } else {
-        memcpy(out, m_pBuffer, kDeliverySize);
-        length = kDeliverySize;
-        SetSerialBufferValue(m_pBuffer + kDeliverySize, m_nBufferLength - kDeliverySize);
+        memcpy(out, m_pBuffer, SERIAL_DELIVERY_SIZE);
+        length = SERIAL_DELIVERY_SIZE;
+        SetSerialBufferValue(m_pBuffer + SERIAL_DELIVERY_SIZE,
+                             m_nBufferLength - SERIAL_DELIVERY_SIZE);
     }
     return 1;
 }
@@ -425,7 +423,8 @@ int CSerialBase::PreProcessPeripheralData(const char* data, unsigned int length)
         return -1;
     }
     // Older bytes that the plug-in left behind are dropped rather than overrun the buffer.
-    if (m_nBufferLength + length > kDeliverySize || m_nBufferLength + length > m_nMaxBufferSize) {
+    if (m_nBufferLength + length > SERIAL_DELIVERY_SIZE ||
+        m_nBufferLength + length > m_nMaxBufferSize) {
         ClearSerialBufferValue();
     }
     memcpy(m_pBuffer + m_nBufferLength, data, length);
@@ -511,19 +510,19 @@ int CSerialBase::SendDataToPeripheral(const char* data, unsigned int length) {
     }
     if (IsMainChipLink(m_nSerialType) && m_pMainChipSerialOpt != nullptr && !m_bExtend) {
         if (m_stuSerialProperty.protocolType != SERIAL_PROTOCOL_EXTEND_FRAME) {
-            if (length > kDeliverySize) {
+            if (length > SERIAL_DELIVERY_SIZE) {
                 PM_LOG(0, kLogTag,
                        "Send data too long, mainId = %d, subId = %d, length = %d, "
                        "send %d\n",
-                       m_nMainId, m_nSubId, length, kDeliverySize);
-                length = kDeliverySize;
+                       m_nMainId, m_nSubId, length, SERIAL_DELIVERY_SIZE);
+                length = SERIAL_DELIVERY_SIZE;
             }
             return m_pMainChipSerialOpt->SendDataToPeripheral(data, length);
         }
         if (data == nullptr || length == 0) {
             return m_pMainChipSerialOpt->SendDataToPeripheral(data, 0);  // logs the error
         }
-        unsigned char frame[2 * kDeliverySize];
+        unsigned char frame[2 * SERIAL_DELIVERY_SIZE];
         int stuffed =
             BuildExtendDataFrame(m_ucExtendId, reinterpret_cast<const unsigned char*>(data), length,
                                  frame, sizeof(frame));

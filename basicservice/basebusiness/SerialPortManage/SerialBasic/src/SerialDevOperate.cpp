@@ -19,6 +19,7 @@
 #include "CommonLog.h"
 #include "CommonThread.h"
 #include "BusMessage.h"
+#include "MutexGuard.h"
 #include "SerialBase.h"
 #include "SysConfig.h"
 
