@@ -24,6 +24,7 @@
 #include "SysConfig.h"
 
 class CSerialDevOperate;
+struct PortFamily;
 
 // The record of one live instance.
 struct PeripheralProperty_t {
@@ -189,8 +190,7 @@ private:
 
     // Pieces of AnalysePeripheralConfig.
     void AnalyseSerialConfig(const Json::Value& entries);
-    void AnalyseCanConfig(const Json::Value& entries);
-    void AnalyseEthernetConfig(const Json::Value& entries);
+    void AnalysePortConfig(const PortFamily& family, const Json::Value& entries);
     void AnalyseMainChipSerialPath(const Json::Value& entries);
 
     // Pieces of the loader: a built-in box (1 created, 0 not), a library file (the result of
@@ -202,6 +202,11 @@ private:
     // Hands the record's instance to its releaser (the serial reader delivers nothing to it
     // from here on) and clears it.
     void ReleaseInstance(PeripheralProperty_t& record);
+
+    // The parameter families' common handler and the CAN and Ethernet reconciliation.
+    int OnUpdateParamSetting(const PortFamily& family, const char* data, int length);
+    int UpdatePortInstances(const PortFamily& family, const uint8_t* record);
+    uint8_t* KeptParamRecord(ePeripheralType type);
 
     // Pieces of UpdateSerialInstance, one port at a time.
     void ReconcileSerialPort(const SerialPortEntry_t& oldPort, const SerialPortEntry_t& newPort,

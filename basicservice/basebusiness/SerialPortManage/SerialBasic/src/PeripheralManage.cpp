@@ -248,6 +248,64 @@ bool IsCpxSerial(eProductType productType, const std::string& path) {
 
 }  // namespace
 
+// What the serial, CAN and Ethernet parameter families have in common, and the words and
+// sizes they differ by.
+struct PortFamily {
+    ePeripheralType type;
+    uint8_t kindBit;    // bit of m_nCurPeripheral
+    uint16_t paramBit;  // bit of m_nParamState
+    const char* name;   // "<name> port param length error", "<name> param has changed"
+    int changedLevel;   // level of "<name> param has changed"
+    const char* word;   // "Remove <word> instance", "Begin create <word> instance"
+    size_t recordSize;
+    unsigned int entryCount;  // entries at the start of the record: main id, then sub id
+    size_t entrySize;
+    // Configuration keys; no baud key: the family's entries make no configured records.
+    const char* configWord;  // "Analyse Config, add one [<configWord>] lib"
+    const char* funcIdKey;
+    const char* libNameKey;
+    const char* enableKey;
+    const char* baudKey;
+};
+
+namespace {
+
+const PortFamily kSerialFamily = {
+    PERIPHERAL_TYPE_SERIAL, CUR_PERIPHERAL_SERIAL, PARAM_STATE_SERIAL, "Serial", 2, "serial",
+    sizeof(paramSerialSetting_t), SERIAL_PORT_COUNT, sizeof(SerialPortEntry_t),
+    // Serial configuration entries have variants of their own: AnalyseSerialConfig.
+    nullptr, nullptr, nullptr, nullptr, nullptr};
+const PortFamily kCanFamily = {PERIPHERAL_TYPE_CANPORT,
+                               CUR_PERIPHERAL_CAN,
+                               PARAM_STATE_CAN,
+                               "CAN",
+                               2,
+                               "can",
+                               sizeof(paramCanSetting_t),
+                               CAN_PORT_COUNT,
+                               sizeof(CanPortEntry_t),
+                               "Can port",
+                               "DEV_CANPORT_FUNCID",
+                               "DEV_CANPORT_LIB_NAME",
+                               "DEV_CANPORT_SUPPORT_ENABLE",
+                               "DEV_CAN_BAUD_RATE"};
+const PortFamily kEthernetFamily = {PERIPHERAL_TYPE_ETHERNET,
+                                    CUR_PERIPHERAL_ETHERNET,
+                                    PARAM_STATE_ETHERNET,
+                                    "Ethernet",
+                                    1,
+                                    "Ethernet",
+                                    sizeof(paramPeripheralEtherNet_t),
+                                    ETHERNET_ENTRY_COUNT,
+                                    sizeof(EthernetEntry_t),
+                                    "ethernet",
+                                    "DEV_ETHERNET_FUNCID",
+                                    "DEV_ETHERNET_LIB_NAME",
+                                    "DEV_ETHERNET_SUPPORT_ENABLE",
+                                    nullptr};
+
+}  // namespace
+
 // ---------------------------------------------------------------------------------------------
 // Entry and lifecycle
 
@@ -483,8 +541,8 @@ int CPeripheralManage::AnalysePeripheralConfig() {
     const Json::Value& can = JsonArray(m_jsonPeripheralCfg, "DEVICE_CANPORT_SETTING");
     const Json::Value& ethernet = JsonArray(m_jsonPeripheralCfg, "DEVICE_ETHERNET_SETTING");
     AnalyseSerialConfig(serial);
-    AnalyseCanConfig(can);
-    AnalyseEthernetConfig(ethernet);
+    AnalysePortConfig(kCanFamily, can);
+    AnalysePortConfig(kEthernetFamily, ethernet);
     AnalyseMainChipSerialPath(JsonArray(
         JsonMember(m_jsonPeripheralCfg, "DEVICE_PERIPHERAL_PARAM_SETTING"), "SERIAL_PARAM"));
 
@@ -529,56 +587,35 @@ void CPeripheralManage::AnalyseSerialConfig(const Json::Value& entries) {
     m_nParamState |= PARAM_STATE_SERIAL;
 }
 
-void CPeripheralManage::AnalyseCanConfig(const Json::Value& entries) {
+// CAN entries make configured records (with their baud rate); Ethernet entries only name
+// libraries: Ethernet instances follow the Ethernet parameter setting alone.
+void CPeripheralManage::AnalysePortConfig(const PortFamily& family, const Json::Value& entries) {
     if (entries.size() == 0) {
-        m_nCurPeripheral &= static_cast<uint8_t>(~CUR_PERIPHERAL_CAN);
-        m_nParamState &= static_cast<uint16_t>(~PARAM_STATE_CAN);
+        m_nCurPeripheral &= static_cast<uint8_t>(~family.kindBit);
+        m_nParamState &= static_cast<uint16_t>(~family.paramBit);
         return;
     }
     for (Json::ArrayIndex i = 0; i < entries.size(); ++i) {
         const Json::Value& entry = entries[i];
-        const Json::Value& funcId = JsonMember(entry, "DEV_CANPORT_FUNCID");
-        const Json::Value& libName = JsonMember(entry, "DEV_CANPORT_LIB_NAME");
-        if (!funcId.isInt() || !libName.isString() ||
-            JsonText(entry, "DEV_CANPORT_SUPPORT_ENABLE") != "true") {
+        const Json::Value& funcId = JsonMember(entry, family.funcIdKey);
+        const Json::Value& libName = JsonMember(entry, family.libNameKey);
+        if (!funcId.isInt() || !libName.isString() || JsonText(entry, family.enableKey) != "true") {
             continue;
         }
         const uint32_t mainId = static_cast<uint32_t>(funcId.asInt());
-        m_mapPeripheralLibName[PERIPHERAL_TYPE_CANPORT][mainId] = libName.asString();
-        PeripheralProperty property{};
-        property.mainId = mainId;
-        // CAN rates share the serial words on purpose.
-        property.baud = serial_baud_switch(JsonText(entry, "DEV_CAN_BAUD_RATE"));
-        m_mapPeripheralConfig[PERIPHERAL_TYPE_CANPORT].push_back(property);
-        PM_LOG(4, kLogTag, "Analyse Config, add one [Can port] lib, name = %s, mainId = %d\n",
-               libName.asString().c_str(), mainId);
-    }
-    m_nCurPeripheral |= CUR_PERIPHERAL_CAN;
-    m_nParamState |= PARAM_STATE_CAN;
-}
-
-void CPeripheralManage::AnalyseEthernetConfig(const Json::Value& entries) {
-    if (entries.size() == 0) {
-        m_nCurPeripheral &= static_cast<uint8_t>(~CUR_PERIPHERAL_ETHERNET);
-        m_nParamState &= static_cast<uint16_t>(~PARAM_STATE_ETHERNET);
-        return;
-    }
-    // Only library names: Ethernet instances follow the Ethernet parameter setting alone.
-    for (Json::ArrayIndex i = 0; i < entries.size(); ++i) {
-        const Json::Value& entry = entries[i];
-        const Json::Value& funcId = JsonMember(entry, "DEV_ETHERNET_FUNCID");
-        const Json::Value& libName = JsonMember(entry, "DEV_ETHERNET_LIB_NAME");
-        if (!funcId.isInt() || !libName.isString() ||
-            JsonText(entry, "DEV_ETHERNET_SUPPORT_ENABLE") != "true") {
-            continue;
+        m_mapPeripheralLibName[family.type][mainId] = libName.asString();
+        if (family.baudKey != nullptr) {
+            PeripheralProperty property{};
+            property.mainId = mainId;
+            // CAN rates share the serial words on purpose.
+            property.baud = serial_baud_switch(JsonText(entry, family.baudKey));
+            m_mapPeripheralConfig[family.type].push_back(property);
         }
-        const uint32_t mainId = static_cast<uint32_t>(funcId.asInt());
-        m_mapPeripheralLibName[PERIPHERAL_TYPE_ETHERNET][mainId] = libName.asString();
-        PM_LOG(4, kLogTag, "Analyse Config, add one [ethernet] lib, name = %s, mainId = %d\n",
-               libName.asString().c_str(), mainId);
+        PM_LOG(4, kLogTag, "Analyse Config, add one [%s] lib, name = %s, mainId = %d\n",
+               family.configWord, libName.asString().c_str(), mainId);
     }
-    m_nCurPeripheral |= CUR_PERIPHERAL_ETHERNET;
-    m_nParamState |= PARAM_STATE_ETHERNET;
+    m_nCurPeripheral |= family.kindBit;
+    m_nParamState |= family.paramBit;
 }
 
 void CPeripheralManage::AnalyseMainChipSerialPath(const Json::Value& entries) {
@@ -936,57 +973,60 @@ unsigned char CPeripheralManage::GetPeripheralUiId(ePeripheralType type, unsigne
 // Parameter-change reconciliation
 
 int CPeripheralManage::OnUpdateSerialParamSetting(const char* data, int length) {
-    MsgView msg(data, length);
-    if (msg.TooShort()) {
-        PM_LOG(0, kLogTag, "Serial port param length error \n");
-        return -1;
-    }
-    m_nParamState &= static_cast<uint16_t>(~PARAM_STATE_SERIAL);
-    paramSerialSetting_t setting;
-    msg.Payload().Copy(0, &setting, sizeof(setting));
-    if (memcmp(&setting, &m_stuSystemSerialParam.stuSerialSetting, sizeof(setting)) == 0) {
-        return 0;
-    }
-    PM_LOG(2, kLogTag, "Serial param has changed......\n");
-    PrintPeripheralParam(PERIPHERAL_TYPE_SERIAL, &setting);
-    UpdateSerialInstance(setting);
-    return 0;
+    return OnUpdateParamSetting(kSerialFamily, data, length);
 }
 
 int CPeripheralManage::OnUpdateCanParamSetting(const char* data, int length) {
-    MsgView msg(data, length);
-    if (msg.TooShort()) {
-        PM_LOG(0, kLogTag, "CAN port param length error \n");
-        return -1;
-    }
-    PM_LOG(2, kLogTag, "OnUpdateCanParamSetting......\n");
-    m_nParamState &= static_cast<uint16_t>(~PARAM_STATE_CAN);
-    paramCanSetting_t setting;
-    msg.Payload().Copy(0, &setting, sizeof(setting));
-    if (memcmp(&setting, &m_stuCanParam, sizeof(setting)) == 0) {
-        return 0;
-    }
-    PM_LOG(2, kLogTag, "CAN param has changed......\n");
-    PrintPeripheralParam(PERIPHERAL_TYPE_CANPORT, &setting);
-    UpdateCanInstance(setting);
-    return 0;
+    return OnUpdateParamSetting(kCanFamily, data, length);
 }
 
 int CPeripheralManage::OnUpdateEthernetParamSetting(const char* data, int length) {
+    return OnUpdateParamSetting(kEthernetFamily, data, length);
+}
+
+uint8_t* CPeripheralManage::KeptParamRecord(ePeripheralType type) {
+    switch (type) {
+        case PERIPHERAL_TYPE_SERIAL:
+            return reinterpret_cast<uint8_t*>(&m_stuSystemSerialParam.stuSerialSetting);
+        case PERIPHERAL_TYPE_CANPORT:
+            return reinterpret_cast<uint8_t*>(&m_stuCanParam);
+        case PERIPHERAL_TYPE_ETHERNET:
+            return reinterpret_cast<uint8_t*>(&m_stuEthernetParam);
+    }
+    return nullptr;
+}
+
+// The first record after start-up opens the gate for its family even when it equals the kept
+// one. The only length check is for the head: the record is read at its full size regardless,
+// zeros where the message ends.
+int CPeripheralManage::OnUpdateParamSetting(const PortFamily& family, const char* data,
+                                            int length) {
     MsgView msg(data, length);
     if (msg.TooShort()) {
-        PM_LOG(0, kLogTag, "Ethernet port param length error \n");
+        PM_LOG(0, kLogTag, "%s port param length error \n", family.name);
         return -1;
     }
-    m_nParamState &= static_cast<uint16_t>(~PARAM_STATE_ETHERNET);
-    paramPeripheralEtherNet_t setting;
-    msg.Payload().Copy(0, &setting, sizeof(setting));
-    if (memcmp(&setting, &m_stuEthernetParam, sizeof(setting)) == 0) {
+    if (family.type == PERIPHERAL_TYPE_CANPORT) {
+        PM_LOG(2, kLogTag, "OnUpdateCanParamSetting......\n");
+    }
+    m_nParamState &= static_cast<uint16_t>(~family.paramBit);
+    std::vector<uint8_t> setting(family.recordSize);
+    msg.Payload().Copy(0, setting.data(), setting.size());
+    if (memcmp(setting.data(), KeptParamRecord(family.type), setting.size()) == 0) {
         return 0;
     }
-    PM_LOG(1, kLogTag, "Ethernet param has changed......\n");
-    PrintPeripheralParam(PERIPHERAL_TYPE_ETHERNET, &setting);
-    UpdateEthernetInstance(setting);
+    PM_LOG(family.changedLevel, kLogTag, "%s param has changed......\n", family.name);
+    PrintPeripheralParam(family.type, setting.data());
+    switch (family.type) {
+        case PERIPHERAL_TYPE_SERIAL: {
+            paramSerialSetting_t serial;
+            memcpy(&serial, setting.data(), sizeof(serial));
+            return UpdateSerialInstance(serial);
+        }
+        case PERIPHERAL_TYPE_CANPORT:
+        case PERIPHERAL_TYPE_ETHERNET:
+            return UpdatePortInstances(family, setting.data());
+    }
     return 0;
 }
 
@@ -1134,55 +1174,39 @@ void CPeripheralManage::NotifySerialParamChange() {
 }
 
 int CPeripheralManage::UpdateCanInstance(const paramCanSetting_t& setting) {
-    std::vector<PeripheralPair> createQueue;
-    for (unsigned int i = 0; i < CAN_PORT_COUNT; ++i) {
-        const CanPortEntry_t& oldPort = m_stuCanParam.port[i];
-        const CanPortEntry_t& newPort = setting.port[i];
-        if (oldPort.mainFun == newPort.mainFun && oldPort.subFun == newPort.subFun) {
-            continue;
-        }
-        PM_LOG(1, kLogTag, "Remove can instance, mainId = %d, subId = %d\n", oldPort.mainFun,
-               oldPort.subFun);
-        RemovePeripheralInstance(PERIPHERAL_TYPE_CANPORT, oldPort.mainFun, oldPort.subFun);
-        createQueue.push_back({newPort.mainFun, newPort.subFun});
-    }
-    m_stuCanParam = setting;
-    for (const PeripheralPair& pair : createQueue) {
-        if (pair.mainId == 0) {
-            continue;
-        }
-        PM_LOG(1, kLogTag, "Begin create can instance, mainId = %d, subId = %d\n", pair.mainId,
-               pair.subId);
-        CreatePeripheralInstance(PERIPHERAL_TYPE_CANPORT, pair.mainId, pair.subId);
-    }
-    PM_LOG(1, kLogTag, "Update CAN Instance Finished, instance_size = %d\n",
-           static_cast<int>(m_listPeripheralPlugin.size()));
-    return 0;
+    return UpdatePortInstances(kCanFamily, reinterpret_cast<const uint8_t*>(&setting));
 }
 
 int CPeripheralManage::UpdateEthernetInstance(const paramPeripheralEtherNet_t& setting) {
+    return UpdatePortInstances(kEthernetFamily, reinterpret_cast<const uint8_t*>(&setting));
+}
+
+// Only the two ids of an entry count: a change of baud rate, address or port alone creates and
+// removes nothing. Every removal comes before every creation, and no instance is told.
+int CPeripheralManage::UpdatePortInstances(const PortFamily& family, const uint8_t* record) {
+    uint8_t* kept = KeptParamRecord(family.type);
     std::vector<PeripheralPair> createQueue;
-    for (unsigned int i = 0; i < ETHERNET_ENTRY_COUNT; ++i) {
-        const EthernetEntry_t& oldEntry = m_stuEthernetParam.entry[i];
-        const EthernetEntry_t& newEntry = setting.entry[i];
-        if (oldEntry.mainFun == newEntry.mainFun && oldEntry.subFun == newEntry.subFun) {
+    for (unsigned int i = 0; i < family.entryCount; ++i) {
+        const uint8_t* oldEntry = kept + i * family.entrySize;
+        const uint8_t* newEntry = record + i * family.entrySize;
+        if (oldEntry[0] == newEntry[0] && oldEntry[1] == newEntry[1]) {
             continue;
         }
-        PM_LOG(1, kLogTag, "Remove Ethernet instance, mainId = %d, subId = %d\n", oldEntry.mainFun,
-               oldEntry.subFun);
-        RemovePeripheralInstance(PERIPHERAL_TYPE_ETHERNET, oldEntry.mainFun, oldEntry.subFun);
-        createQueue.push_back({newEntry.mainFun, newEntry.subFun});
+        PM_LOG(1, kLogTag, "Remove %s instance, mainId = %d, subId = %d\n", family.word,
+               oldEntry[0], oldEntry[1]);
+        RemovePeripheralInstance(family.type, oldEntry[0], oldEntry[1]);
+        createQueue.push_back({newEntry[0], newEntry[1]});
     }
-    m_stuEthernetParam = setting;
+    memcpy(kept, record, family.recordSize);
     for (const PeripheralPair& pair : createQueue) {
         if (pair.mainId == 0) {
             continue;
         }
-        PM_LOG(1, kLogTag, "Begin create Ethernet instance, mainId = %d, subId = %d\n", pair.mainId,
-               pair.subId);
-        CreatePeripheralInstance(PERIPHERAL_TYPE_ETHERNET, pair.mainId, pair.subId);
+        PM_LOG(1, kLogTag, "Begin create %s instance, mainId = %d, subId = %d\n", family.word,
+               pair.mainId, pair.subId);
+        CreatePeripheralInstance(family.type, pair.mainId, pair.subId);
     }
-    PM_LOG(1, kLogTag, "Update Ethernet Instance Finished, instance_size = %d\n",
+    PM_LOG(1, kLogTag, "Update %s Instance Finished, instance_size = %d\n", family.name,
            static_cast<int>(m_listPeripheralPlugin.size()));
     return 0;
 }
