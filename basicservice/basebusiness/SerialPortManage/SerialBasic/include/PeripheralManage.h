@@ -77,13 +77,24 @@ public:
     // Configuration document "DEVICE_SERIAL_EXTEND_CFG": 1 read, 0 missing.
     int AnalysePeripheralConfig();
 
-    // Plug-in loader and instance registry (manager thread).
+    // Plug-in loader and instance registry (manager thread). Two result conventions meet here,
+    // kept as callers have always seen them: the built-in boxes answer 1 created / 0 not, the
+    // libraries 0 / -1.
+    //
+    // 1: a built-in box (serial 1:0 or 149:0) was created. 0: the same instance exists, a box
+    // could not be created, or whatever OpenPeripheralLib returned.
     int CreatePeripheralInstance(ePeripheralType type, unsigned int mainId, unsigned int subId);
+    // 0: loaded and registered, and also when no file matched or the creator gave null.
+    // -1: no library name, no folder, dlopen failed, or an entry point is missing.
     int OpenPeripheralLib(ePeripheralType type, unsigned int mainId, unsigned int subId);
+    // Remove then create for a new main id; a switch for a new sub id; 0 for no change.
     int LoadPeripheralPlugin(ePeripheralType type, unsigned int oldMainId, unsigned int oldSubId,
                              unsigned int newMainId, unsigned int newSubId);
+    // 0 switched; -1 no creator, or the creator gave null (the record stays without instance);
+    // -2 no record found.
     int SwitchPeripheralInSameLib(unsigned int mainId, unsigned int oldSubId,
                                   unsigned int newSubId);
+    // 0 released (or a record without instance taken, whatever the ids), -1 none found.
     int RemovePeripheralInstance(ePeripheralType type, unsigned int mainId, unsigned int subId);
     CPeripheralBase* GetPeripheralInstance(ePeripheralType type, unsigned int mainId,
                                            unsigned int subId);
@@ -148,6 +159,8 @@ public:
     int GetMsgId() const { return m_nMsgId; }
 
 protected:
+    // Unless a lock is named, a member is touched on the manager thread only (its handlers,
+    // the reconciliation, the registry, the cycle) and needs none.
     eProductType m_eServiceProductType;
     CMsgClientManage* m_pMsgClient;
     int m_nMsgId;
@@ -164,23 +177,23 @@ protected:
     uint32_t m_nViChnNum;
     uint32_t m_nDigitalChnNum;
     uint32_t m_nTotalChnNum;
-    pthread_mutex_t m_VideoLossLock;
+    pthread_mutex_t m_VideoLossLock;          // guards the read-modify-write of the mask below
     std::atomic<uint32_t> m_nVideoLossState;  // written under m_VideoLossLock, read without
     uint32_t m_nStatusState;
-    pthread_mutex_t m_LedLock;
-    uint8_t m_stuSysLedState[LED_STATE_SIZE];
+    pthread_mutex_t m_LedLock;                 // guards m_stuSysLedState and m_stuVehicleInfo
+    uint8_t m_stuSysLedState[LED_STATE_SIZE];  // m_LedLock
     uint8_t m_stuStorageStatus[STORAGE_STATE_SIZE];
-    uint8_t m_stuVehicleInfo[VEHICLE_INFO_SIZE];
+    uint8_t m_stuVehicleInfo[VEHICLE_INFO_SIZE];  // m_LedLock
     eProductType m_nProductType;
-    pthread_mutex_t m_FtpLock;
-    tag_MsgFtpSetting m_stuFtpSetting;
+    pthread_mutex_t m_FtpLock;          // guards m_stuFtpSetting
+    tag_MsgFtpSetting m_stuFtpSetting;  // m_FtpLock
     uint8_t m_ucDeviceModuleReady;
     CSerialDevOperate* m_pSerialDevOperate;
     std::map<ePeripheralType, std::vector<PeripheralProperty>> m_mapPeripheralConfig;
     std::atomic<uint8_t> m_ucCpxOccupy;  // read by the main-chip links' open threads
     uint8_t m_ucTestEnable;
     uint8_t m_ucisPlugIn;
-    std::atomic<unsigned int> m_nDebugLevel;
+    std::atomic<unsigned int> m_nDebugLevel;  // read by every thread that dumps bytes
     std::map<ePeripheralType, std::vector<PeripheralPair>> m_mapChangedPeripPair;
 
 private:

@@ -359,7 +359,6 @@ CPeripheralManage::CPeripheralManage()
     m_nDigitalChnNum = Q7R_GetDigitalchnNum();
     m_nTotalChnNum = m_nViChnNum + m_nDigitalChnNum;
 
-    m_ucCpxOccupy = 1;
     pthread_mutex_init(&m_VideoLossLock, nullptr);
     pthread_mutex_init(&m_LedLock, nullptr);
     pthread_mutex_init(&m_FtpLock, nullptr);
@@ -372,11 +371,6 @@ CPeripheralManage::CPeripheralManage()
         exit(1);
     }
     // The alarm speech configuration arrives with the alarm speech work.
-
-    m_nMsgId = 10;
-    m_ucDeviceModuleReady = 0;
-    m_ucTestEnable = 0;
-    m_ucisPlugIn = 1;
     PM_LOG(1, kLogTag, "**CPeripheralManage** instance is construct, m_nMsgId = %d\n", m_nMsgId);
 }
 

@@ -12,6 +12,7 @@
 #include "GuiToolkit.h"
 #include "MainChipSerialOpt.h"
 #include "McuSerialOpt.h"
+#include "MutexGuard.h"
 #include "PeripheralManage.h"
 #include "SerialDevOperate.h"
 #include "SerialFrame.h"
@@ -150,7 +151,6 @@ CSerialBase::CSerialBase(CPeripheralManage* manage, CMsgClientManage* client, un
     pthread_mutexattr_settype(&recursive, PTHREAD_MUTEX_RECURSIVE);
     pthread_mutex_init(&m_BufferLock, &recursive);
     pthread_mutexattr_destroy(&recursive);
-    m_nBufferLength = 0;
 
     if (m_nSerialType == SERIAL_LINK_MCU) {
         m_pMcuSerialOpt = new CMcuSerialOpt(this);  // sets the open flag
@@ -177,10 +177,6 @@ CSerialBase::CSerialBase(CPeripheralManage* manage, CMsgClientManage* client, un
                                   m_pFatherSerial->GetCurPeripOpenStatus());
         }
     }
-    m_stuRecvStamp = SerialRecvStamp_t{};
-    m_llRecvCount = 0;
-    m_ucConfigStatus = 0xFF;
-    m_ucLastConfigStatus = 0xFF;
 }
 
 CSerialBase::~CSerialBase() {
@@ -384,22 +380,24 @@ void CSerialBase::SetSerialMaxBufferSize(unsigned int size) {
     if (size > kMaxBufferSize) {
         size = kMaxBufferSize;
     }
-    LockSerialBuffer();
-    char* buffer = new char[size]();
+    MutexGuard buffer(m_BufferLock);
+    char* grown = new char[size]();
     unsigned int keep = m_nBufferLength < size ? m_nBufferLength : size;
-    memcpy(buffer, m_pBuffer, keep);
+    memcpy(grown, m_pBuffer, keep);
     delete[] m_pBuffer;
-    m_pBuffer = buffer;
+    m_pBuffer = grown;
     m_nMaxBufferSize = size;
     m_nBufferLength = keep;
-    UnlockSerialBuffer();
 }
 
 int CSerialBase::PreProcessPeripheralData(const char* data, unsigned int length) {
-    LockSerialBuffer();
-    unsigned int capacity = m_nMaxBufferSize;
-    unsigned int pending = m_nBufferLength;
-    UnlockSerialBuffer();
+    unsigned int capacity = 0;
+    unsigned int pending = 0;
+    {
+        MutexGuard buffer(m_BufferLock);
+        capacity = m_nMaxBufferSize;
+        pending = m_nBufferLength;
+    }
     bool accepted = length < capacity && data != nullptr && length > 0;
     // The title costs a format on every delivery; only build it when it will be printed.
     if (m_pPeripheralManage != nullptr && m_pPeripheralManage->GetDebugLevel() >= 3) {
@@ -417,9 +415,8 @@ int CSerialBase::PreProcessPeripheralData(const char* data, unsigned int length)
         return AnalyseExtendData(data, length);
     }
 
-    LockSerialBuffer();
+    MutexGuard buffer(m_BufferLock);
     if (length >= m_nMaxBufferSize) {  // the buffer shrank since the check above
-        UnlockSerialBuffer();
         return -1;
     }
     // Older bytes that the plug-in left behind are dropped rather than overrun the buffer.
@@ -434,16 +431,14 @@ int CSerialBase::PreProcessPeripheralData(const char* data, unsigned int length)
     m_stuRecvStamp.llThisRecvTime = Common::Q7R_TMGetSystemMicroSecond();
     m_stuRecvStamp.nLastRecvLength = length;
     ++m_llRecvCount;
-    UnlockSerialBuffer();
     return 0;
 }
 
 int CSerialBase::AnalyseExtendData(const char* data, unsigned int length) {
-    LockSerialBuffer();
+    MutexGuard buffer(m_BufferLock);
     if (data == nullptr || length >= m_nMaxBufferSize) {
         PM_LOG(0, kLogTag, "Extend data refused, mainId = %d, subId = %d, rev_length = %d\n",
                m_nMainId, m_nSubId, length);
-        UnlockSerialBuffer();
         return -1;
     }
     if (m_nBufferLength + length > m_nMaxBufferSize) {
@@ -456,16 +451,15 @@ int CSerialBase::AnalyseExtendData(const char* data, unsigned int length) {
     memcpy(m_pBuffer + m_nBufferLength, data, length);
     m_nBufferLength += length;
 
-    const unsigned char* pending = reinterpret_cast<const unsigned char*>(m_pBuffer);
     for (;;) {
         unsigned int start = 0;
         unsigned int end = 0;
-        eExtendFrameScan scan = ScanExtendFrame(pending, m_nBufferLength, start, end);
+        eExtendFrameScan scan = ScanExtendFrame(reinterpret_cast<const unsigned char*>(m_pBuffer),
+                                                m_nBufferLength, start, end);
         if (scan == EXTEND_SCAN_PARTIAL) {
             // Copied out first: SetSerialBufferValue zeroes the buffer before it copies.
             std::vector<char> rest(m_pBuffer + start, m_pBuffer + m_nBufferLength);
             SetSerialBufferValue(rest.data(), static_cast<unsigned int>(rest.size()));
-            UnlockSerialBuffer();
             return 0;
         }
         if (scan == EXTEND_SCAN_NONE) {
@@ -481,7 +475,6 @@ int CSerialBase::AnalyseExtendData(const char* data, unsigned int length) {
         m_nBufferLength -= next;
     }
     ClearSerialBufferValue();
-    UnlockSerialBuffer();
     return 0;
 }
 
