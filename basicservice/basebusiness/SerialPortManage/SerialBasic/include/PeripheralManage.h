@@ -25,6 +25,7 @@
 
 class CSerialDevOperate;
 struct PortFamily;
+struct SerialPortStep;
 
 // The record of one live instance.
 struct PeripheralProperty_t {
@@ -225,10 +226,8 @@ private:
     void ReconcileSerialPort(const SerialPortEntry_t& oldPort, const SerialPortEntry_t& newPort,
                              std::vector<PeripheralPair>& createQueue,
                              std::vector<PeripheralPair>& changed);
-    void ReconcileSameSerialPort(const SerialPortEntry_t& oldPort, const SerialPortEntry_t& newPort,
-                                 std::vector<PeripheralPair>& createQueue,
-                                 std::vector<PeripheralPair>& changed);
-    void RemoveLeavingExtendBox(const SerialPortEntry_t& oldPort);
+    void TakeSerialStep(const SerialPortStep& step, std::vector<PeripheralPair>& createQueue,
+                        std::vector<PeripheralPair>& changed);
     void CreateQueuedSerialInstances(const std::vector<PeripheralPair>& createQueue,
                                      std::vector<PeripheralPair>& changed);
     void NotifySerialParamChange();

@@ -23,6 +23,7 @@
 #include "SerialDevExtendBox.h"
 #include "SerialDevExtendBoxHub.h"
 #include "SerialDevOperate.h"
+#include "SerialReconcile.h"
 
 namespace {
 
@@ -146,10 +147,6 @@ struct CycleState {
     unsigned int usbPollCount = 0;
 };
 CycleState g_cycle;
-
-bool IsExtendBox(unsigned int mainId) {
-    return mainId == PERIPHERAL_MAINID_EXTEND_BOX || mainId == PERIPHERAL_MAINID_EXTEND_HUB_BOX;
-}
 
 bool SameIdentity(const CPeripheralBase* instance, ePeripheralType type, unsigned int mainId,
                   unsigned int subId) {
@@ -1058,79 +1055,48 @@ void CPeripheralManage::ReconcileSerialPort(const SerialPortEntry_t& oldPort,
                                             const SerialPortEntry_t& newPort,
                                             std::vector<PeripheralPair>& createQueue,
                                             std::vector<PeripheralPair>& changed) {
-    if (oldPort.mainFun == newPort.mainFun && oldPort.subFun == newPort.subFun) {
-        ReconcileSameSerialPort(oldPort, newPort, createQueue, changed);
-        return;
+    for (const SerialPortStep& step : PlanSerialPort(oldPort, newPort)) {
+        TakeSerialStep(step, createQueue, changed);
     }
-    if (IsExtendBox(oldPort.mainFun)) {
-        // A box arriving in place of a box gets no queue entries for its children.
-        RemoveLeavingExtendBox(oldPort);
-        createQueue.push_back({newPort.mainFun, newPort.subFun});
-        return;
-    }
-    if (IsExtendBox(newPort.mainFun)) {
-        PM_LOG(2, kLogTag, "Remove extend serial instance, mainId = %d, subId = %d\n",
-               oldPort.mainFun, oldPort.subFun);
-        RemovePeripheralInstance(PERIPHERAL_TYPE_SERIAL, oldPort.mainFun, oldPort.subFun);
-        createQueue.push_back({newPort.mainFun, 0});
-        for (const SerialExtendEntry_t& child : newPort.extend) {
-            createQueue.push_back({child.mainFun, child.subFun});
-        }
-        return;
-    }
-    PM_LOG(2, kLogTag, "Remove serial instance, mainId = %d, subId = %d\n", oldPort.mainFun,
-           oldPort.subFun);
-    RemovePeripheralInstance(PERIPHERAL_TYPE_SERIAL, oldPort.mainFun, oldPort.subFun);
-    createQueue.push_back({newPort.mainFun, newPort.subFun});
 }
 
-void CPeripheralManage::ReconcileSameSerialPort(const SerialPortEntry_t& oldPort,
-                                                const SerialPortEntry_t& newPort,
-                                                std::vector<PeripheralPair>& createQueue,
-                                                std::vector<PeripheralPair>& changed) {
-    if (oldPort.mainFun == 0) {
-        return;
-    }
-    if (IsExtendBox(oldPort.mainFun)) {
-        // Told while the changed list is still empty.
-        if (CPeripheralBase* box =
-                GetPeripheralInstance(PERIPHERAL_TYPE_SERIAL, oldPort.mainFun, 0)) {
-            box->HandlePeripParamChange();
-        }
-        for (unsigned int k = 0; k < SERIAL_EXTEND_PORT_COUNT; ++k) {
-            const SerialExtendEntry_t& oldChild = oldPort.extend[k];
-            const SerialExtendEntry_t& newChild = newPort.extend[k];
-            if (oldChild.mainFun != newChild.mainFun || oldChild.subFun != newChild.subFun) {
-                PM_LOG(2, kLogTag,
-                       "Remove extend serial instance, index = %d, mainId = %d, subId "
-                       "= %d\n",
-                       k, oldChild.mainFun, oldChild.subFun);
-                RemovePeripheralInstance(PERIPHERAL_TYPE_SERIAL, oldChild.mainFun, oldChild.subFun);
-                createQueue.push_back({newChild.mainFun, newChild.subFun});
-            } else if (oldChild.mainFun != 0 && oldChild.baudrate != newChild.baudrate) {
-                changed.push_back({oldChild.mainFun, oldChild.subFun});
+void CPeripheralManage::TakeSerialStep(const SerialPortStep& step,
+                                       std::vector<PeripheralPair>& createQueue,
+                                       std::vector<PeripheralPair>& changed) {
+    const PeripheralPair& ids = step.logged;
+    switch (step.kind) {
+        case SerialPortStep::kNotifyBox:
+        case SerialPortStep::kNotifyLeavingBox:
+            if (CPeripheralBase* box =
+                    GetPeripheralInstance(PERIPHERAL_TYPE_SERIAL, step.target.mainId, 0)) {
+                if (step.kind == SerialPortStep::kNotifyLeavingBox) {
+                    PM_LOG(0, "", "S_MANAGE:HandlePeripParamChange\n");
+                }
+                box->HandlePeripParamChange();
             }
-        }
+            return;
+        case SerialPortStep::kRemoveChild:
+            PM_LOG(2, kLogTag,
+                   "Remove extend serial instance, index = %d, mainId = %d, subId = %d\n",
+                   step.index, ids.mainId, ids.subId);
+            break;
+        case SerialPortStep::kRemoveBox:
+        case SerialPortStep::kRemoveForBox:
+            PM_LOG(2, kLogTag, "Remove extend serial instance, mainId = %d, subId = %d\n",
+                   ids.mainId, ids.subId);
+            break;
+        case SerialPortStep::kRemove:
+            PM_LOG(2, kLogTag, "Remove serial instance, mainId = %d, subId = %d\n", ids.mainId,
+                   ids.subId);
+            break;
+        case SerialPortStep::kCreate:
+            createQueue.push_back(step.target);
+            return;
+        case SerialPortStep::kChanged:
+            changed.push_back(step.target);
+            return;
     }
-    if (oldPort.baudrate != newPort.baudrate) {
-        changed.push_back({newPort.mainFun, newPort.subFun});
-    }
-}
-
-void CPeripheralManage::RemoveLeavingExtendBox(const SerialPortEntry_t& oldPort) {
-    if (CPeripheralBase* box = GetPeripheralInstance(PERIPHERAL_TYPE_SERIAL, oldPort.mainFun, 0)) {
-        PM_LOG(0, "", "S_MANAGE:HandlePeripParamChange\n");
-        box->HandlePeripParamChange();
-    }
-    for (unsigned int k = 0; k < SERIAL_EXTEND_PORT_COUNT; ++k) {
-        const SerialExtendEntry_t& child = oldPort.extend[k];
-        PM_LOG(2, kLogTag, "Remove extend serial instance, index = %d, mainId = %d, subId = %d\n",
-               k, child.mainFun, child.subFun);
-        RemovePeripheralInstance(PERIPHERAL_TYPE_SERIAL, child.mainFun, child.subFun);
-    }
-    PM_LOG(2, kLogTag, "Remove extend serial instance, mainId = %d, subId = %d\n", oldPort.mainFun,
-           oldPort.subFun);
-    RemovePeripheralInstance(PERIPHERAL_TYPE_SERIAL, oldPort.mainFun, 0);
+    RemovePeripheralInstance(PERIPHERAL_TYPE_SERIAL, step.target.mainId, step.target.subId);
 }
 
 void CPeripheralManage::CreateQueuedSerialInstances(const std::vector<PeripheralPair>& createQueue,
@@ -1232,7 +1198,7 @@ int CPeripheralManage::PrintPeripheralParam(ePeripheralType type, void* record) 
                 const SerialPortEntry_t& port = setting->port[i];
                 printf("index = %d, mainFun = %d, subFun = %d, baudrate = %d\n", i, port.mainFun,
                        port.subFun, port.baudrate);
-                if (!IsExtendBox(port.mainFun)) {
+                if (!IsExtendBoxMainId(port.mainFun)) {
                     continue;
                 }
                 for (unsigned int k = 0; k < SERIAL_EXTEND_PORT_COUNT; ++k) {
