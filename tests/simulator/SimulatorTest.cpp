@@ -7,7 +7,7 @@
 #include <termios.h>
 #include <unistd.h>
 
-#include "BusPeer.h"
+#include "RecordingClient.h"
 #include "Records.h"
 #include "RecorderRoot.h"
 #include "Simulator.h"
@@ -58,7 +58,7 @@ protected:
 
     pmtest::PrivateBus m_bus;
     pmtest::TempDir m_root;
-    pmtest::BusPeer m_service;
+    pmtest::RecordingClient m_service;
     Scenario m_scenario;
     std::mutex m_lock;
     std::vector<std::string> m_candump;

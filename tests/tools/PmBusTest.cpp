@@ -2,7 +2,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
-#include "BusPeer.h"
+#include "RecordingClient.h"
 #include "TestSupport.h"
 #include "ToolProcess.h"
 
@@ -30,7 +30,7 @@ TEST_F(PmBusTest, SendReachesWaitWhichPrintsTheMonitorLine) {
 // The peer first answers with another sequence number: call must take only the answer to its
 // own request.
 TEST_F(PmBusTest, CallPrintsTheAnswerToItsOwnRequest) {
-    pmtest::BusPeer peer;
+    pmtest::RecordingClient peer;
     CMsgClientManage& client = peer.Client();
     client.RegisterHandler(1, 7001, [&client](const char* data, int len) {
         Common::SMessageHead head;

@@ -1,6 +1,6 @@
 // The plug-in loader, the instance registry and the reconciliation of parameter changes,
-// against the test plug-ins of tests/plugins: their journal lines ("TEST_PLUGIN: ...") and the
-// manager's lines are read in one order.
+// against the test plug-ins of tests/fixtures/plugins: their journal lines ("TEST_PLUGIN: ...") and
+// the manager's lines are read in one order.
 #include <dirent.h>
 #include <dlfcn.h>
 #include <stdio.h>

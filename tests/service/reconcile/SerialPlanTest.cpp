@@ -30,9 +30,10 @@ SerialPortEntry_t Port(const Entry& e) {
 }
 
 std::string Describe(const std::vector<SerialPortStep>& plan) {
-    static const char* const kNames[] = {"notify-box",  "notify-leaving-box", "remove-child",
-                                         "remove-box",  "remove-for-box",     "remove",
-                                         "create",      "changed"};
+    static const char* const kNames[] = {"notify-box",     "notify-leaving-box",
+                                         "remove-child",   "remove-box",
+                                         "remove-for-box", "remove",
+                                         "create",         "changed"};
     std::string out;
     for (const SerialPortStep& s : plan) {
         out += out.empty() ? "" : " | ";
@@ -80,10 +81,12 @@ INSTANTIATE_TEST_SUITE_P(
         PlanCase{"an empty port stays empty", {0}, {0}, ""},
         PlanCase{"a peripheral that stays as it was", {7, 1, 3}, {7, 1, 3}, ""},
         PlanCase{"its baud rate alone changed", {7, 1, 3}, {7, 1, 5}, "changed 7:1"},
-        PlanCase{"another sub id replaces, never switches", {7, 1}, {7, 2},
-                 "remove 7:1 | create 7:2"},
+        PlanCase{
+            "another sub id replaces, never switches", {7, 1}, {7, 2}, "remove 7:1 | create 7:2"},
         PlanCase{"another peripheral", {7}, {8, 0, 6}, "remove 7:0 | create 8:0"},
-        PlanCase{"a peripheral on an empty port (the old 0:0 is removed too)", {0}, {7},
+        PlanCase{"a peripheral on an empty port (the old 0:0 is removed too)",
+                 {0},
+                 {7},
                  "remove 0:0 | create 7:0"},
         PlanCase{"a box that stays: it hears first, nothing else", kBox, kBox, "notify-box 1:0"},
         PlanCase{"a box keeps its place but one child is replaced",

@@ -1,7 +1,7 @@
 // A bus client of the test's own, pumped on a thread of its own, that keeps every message it
 // registered for: it plays the service to the simulator and a responder to pm-bus.
-#ifndef TESTS_TOOLS_BUS_PEER_H
-#define TESTS_TOOLS_BUS_PEER_H
+#ifndef TESTS_SUPPORT_RECORDING_CLIENT_H
+#define TESTS_SUPPORT_RECORDING_CLIENT_H
 
 #include <algorithm>
 #include <atomic>
@@ -21,10 +21,10 @@ struct SeenMessage {
     std::vector<uint8_t> payload;  // the bytes after the head, as many as the head says
 };
 
-class BusPeer {
+class RecordingClient {
 public:
-    explicit BusPeer(int ownId = 10) : m_ownId(ownId), m_thread([this] { Loop(); }) {}
-    ~BusPeer() {
+    explicit RecordingClient(int ownId = 10) : m_ownId(ownId), m_thread([this] { Loop(); }) {}
+    ~RecordingClient() {
         m_stop = true;
         m_thread.join();
     }
