@@ -3,8 +3,6 @@
 //
 // The service creates one instance per port whose serial record names this plug-in's main
 // id (see docs/plugins.md); this file is all a plug-in needs.
-#include <new>
-
 #include "BasicServiceExport.h"
 #include "CommonLog.h"
 #include "SerialBase.h"
@@ -54,17 +52,4 @@ public:
 
 // The loader finds these two by name; everything else stays hidden. No exception may reach
 // the service: a failed allocation is a null instance, which the loader logs.
-PERIPHERAL_PLUGIN_EXPORT CPeripheralBase* PeripheralCreate(CPeripheralManage* manage,
-                                                           CMsgClientManage* client,
-                                                           unsigned int mainId,
-                                                           unsigned int subId) {
-    return new (std::nothrow) CMinimalPlugin(manage, client, mainId, subId);
-}
-
-PERIPHERAL_PLUGIN_EXPORT void PeripheralRelease(CPeripheralBase* instance) {
-    if (instance == nullptr) {
-        return;
-    }
-    instance->StopPeripheralThread();  // open flag down, events unregistered
-    delete instance;
-}
+BASICSERVICE_PLUGIN(CMinimalPlugin)

@@ -1,7 +1,5 @@
 #include "CanJ1939Peripheral.h"
 
-#include <new>
-
 #include "BasicServiceExport.h"
 #include "CommonLog.h"
 
@@ -79,17 +77,4 @@ int CCanJ1939Peripheral::ProcessPeripheralData(const char* data, unsigned int le
     return 0;
 }
 
-PERIPHERAL_PLUGIN_EXPORT CPeripheralBase* PeripheralCreate(CPeripheralManage* manage,
-                                                           CMsgClientManage* client,
-                                                           unsigned int mainId,
-                                                           unsigned int subId) {
-    return new (std::nothrow) CCanJ1939Peripheral(manage, client, mainId, subId);
-}
-
-PERIPHERAL_PLUGIN_EXPORT void PeripheralRelease(CPeripheralBase* instance) {
-    if (instance == nullptr) {
-        return;
-    }
-    instance->StopPeripheralThread();
-    delete instance;
-}
+BASICSERVICE_PLUGIN(CCanJ1939Peripheral)

@@ -290,17 +290,4 @@ void CEthernetTcpPeripheral::Serve(int fd, const TcpPeer& peer) {
     }
 }
 
-PERIPHERAL_PLUGIN_EXPORT CPeripheralBase* PeripheralCreate(CPeripheralManage* manage,
-                                                           CMsgClientManage* client,
-                                                           unsigned int mainId,
-                                                           unsigned int subId) {
-    return new (std::nothrow) CEthernetTcpPeripheral(manage, client, mainId, subId);
-}
-
-PERIPHERAL_PLUGIN_EXPORT void PeripheralRelease(CPeripheralBase* instance) {
-    if (instance == nullptr) {
-        return;
-    }
-    instance->StopPeripheralThread();
-    delete instance;
-}
+BASICSERVICE_PLUGIN(CEthernetTcpPeripheral)
