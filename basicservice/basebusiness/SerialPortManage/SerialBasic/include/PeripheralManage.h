@@ -243,14 +243,15 @@ private:
 // The service library's entry for the host.
 extern "C" BASICSERVICE_API CServiceBase* Create();
 
-// Built-in extension boxes (serial main ids 1 and 149, sub id 0).
+// Built-in extension boxes (serial main ids 1 and 149, sub id 0). A release stops the
+// instance's thread and deletes it; it answers 1, also for null.
 BASICSERVICE_API CPeripheralBase* ExtendBoxCreate(CPeripheralManage* manage,
                                                   CMsgClientManage* client, unsigned int mainId,
                                                   unsigned int subId);
-BASICSERVICE_API void ExtendBoxRelease(CPeripheralBase* instance);
+BASICSERVICE_API int ExtendBoxRelease(CPeripheralBase* instance);
 BASICSERVICE_API CPeripheralBase* ExtendBoxHubCreate(CPeripheralManage* manage,
                                                      CMsgClientManage* client, unsigned int mainId,
                                                      unsigned int subId);
-BASICSERVICE_API void ExtendBoxHubRelease(CPeripheralBase* instance);
+BASICSERVICE_API int ExtendBoxHubRelease(CPeripheralBase* instance);
 
 #endif

@@ -13,6 +13,7 @@
 class CMcuSerialOpt;
 class CMainChipSerialOpt;
 class CSerialDevOperate;
+class CSerialDevExtendBox;
 
 // Where a serial peripheral is attached, from the index of its port entry in the serial
 // parameter setting.
@@ -126,8 +127,13 @@ protected:
     uint8_t m_ucMaintainPort;
 
 private:
+    // The box keeps its sub-ports' configured baud rate up to date.
+    friend class CSerialDevExtendBox;
+
     void FindFatherSerial();
     CSerialDevOperate* DeviceLayer() const;
+    // The father as the box it must be (the hub when it was found as one), or null.
+    CSerialDevExtendBox* FatherBox() const;
     // Logs why a sub-port's request cannot go through its father box; returns -1.
     int FatherSerialUnavailable();
 };

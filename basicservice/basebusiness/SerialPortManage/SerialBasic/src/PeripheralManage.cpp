@@ -649,11 +649,13 @@ int CPeripheralManage::CreatePeripheralInstance(ePeripheralType type, unsigned i
     }
     if (type == PERIPHERAL_TYPE_SERIAL && subId == 0) {
         if (mainId == PERIPHERAL_MAINID_EXTEND_BOX) {
-            return CreateBuiltInBox(ExtendBoxCreate, ExtendBoxRelease, mainId,
+            // The records hold plug-in releasers, which answer nothing.
+            return CreateBuiltInBox(ExtendBoxCreate, [](CPeripheralBase* p) { ExtendBoxRelease(p); }, mainId,
                                     "S_MANAGE: ExtendBox instance create failed\n");
         }
         if (mainId == PERIPHERAL_MAINID_EXTEND_HUB_BOX) {
-            return CreateBuiltInBox(ExtendBoxHubCreate, ExtendBoxHubRelease, mainId,
+            return CreateBuiltInBox(ExtendBoxHubCreate,
+                                    [](CPeripheralBase* p) { ExtendBoxHubRelease(p); }, mainId,
                                     "S_MANAGE: ExtendHub Box instance create failed\n");
         }
     }

@@ -14,6 +14,8 @@
 #include "McuSerialOpt.h"
 #include "MutexGuard.h"
 #include "PeripheralManage.h"
+#include "SerialDevExtendBox.h"
+#include "SerialDevExtendBoxHub.h"
 #include "SerialDevOperate.h"
 #include "SerialFrame.h"
 #include "PeripheralEvents.h"
@@ -479,16 +481,15 @@ int CSerialBase::AnalyseExtendData(const char* data, unsigned int length) {
 }
 
 int CSerialBase::AnalyseExtendFrameData(const char* frame, unsigned int length) {
-    // TODO(extension box): hand the frame to CSerialDevExtendBox::DispatchExtendSerialData
-    // (main id 1) or CSerialDevExtendBoxHub::DispatchExtendSerialData (main id 149) once the
-    // boxes exist. Until then a cut frame is only logged.
-    (void)frame;
-    if (IsExtendBoxId(m_nMainId, m_nSubId)) {
-        PM_LOG(2, kLogTag,
-               "Extend frame not dispatched (no box yet), mainId = %d, subId = %d, "
-               "length = %d\n",
-               m_nMainId, m_nSubId, length);
+    if (!IsExtendBoxId(m_nMainId, m_nSubId)) {
+        return 0;
     }
+    // The hub box is a box with other ids; both take frames through the box's code.
+    if (auto* box = dynamic_cast<CSerialDevExtendBox*>(this)) {
+        return box->DispatchExtendSerialData(length, frame);
+    }
+    PM_LOG(0, kLogTag, "Extend frame dropped, not a box, mainId = %d, subId = %d, length = %d\n",
+           m_nMainId, m_nSubId, length);
     return 0;
 }
 
@@ -530,11 +531,22 @@ int CSerialBase::SendDataToPeripheral(const char* data, unsigned int length) {
                                                           static_cast<unsigned int>(stuffed));
     }
     if (m_bExtend) {
-        // TODO(extension box): CSerialDevExtendBoxHub / CSerialDevExtendBox::SendSubSerialData
-        // (protocol, m_ucExtendId, length, data) once the boxes exist.
-        return FatherSerialUnavailable();
+        CSerialDevExtendBox* father = FatherBox();
+        if (father == nullptr) {
+            return FatherSerialUnavailable();
+        }
+        return father->SendSubSerialData(
+            static_cast<eSerialProtocolType>(m_stuSerialProperty.protocolType), m_ucExtendId,
+            length, data);
     }
     return -1;
+}
+
+CSerialDevExtendBox* CSerialBase::FatherBox() const {
+    if (m_nExtendHubBoxNew) {
+        return dynamic_cast<CSerialDevExtendBoxHub*>(m_pFatherSerial);
+    }
+    return dynamic_cast<CSerialDevExtendBox*>(m_pFatherSerial);
 }
 
 int CSerialBase::FatherSerialUnavailable() {
@@ -561,9 +573,12 @@ int CSerialBase::SetMainChipSerialProperty(unsigned char mask, SerialBaudRate ba
             return m_pMainChipSerialOpt->SetMainChipSerialProperty(mask, ChangeSerialBaud(baud),
                                                                    dataBit, stopBit, parity, flow);
         }
-        // TODO(extension box): the father's SetSubSerialProperty(m_ucExtendId, mask, baud,
-        // dataBit, stopBit, parity, flow) once the boxes exist.
-        return FatherSerialUnavailable();
+        CSerialDevExtendBox* father = FatherBox();
+        if (father == nullptr) {
+            return FatherSerialUnavailable();
+        }
+        return father->SetSubSerialProperty(m_ucExtendId, mask, baud, dataBit, stopBit, parity,
+                                            flow);
     }
     if (m_nSerialType == SERIAL_LINK_MCU && m_pMcuSerialOpt != nullptr) {
         unsigned char message[kMcuPropertySize] = {};
