@@ -479,6 +479,8 @@ std::vector<ChangeCase> ChangeCases() {
     const auto plain = Bytes(SerialSetting({{0, 7, 0, 3}, {1, 8, 0, 3}}));
     const auto box =
         Bytes(SerialSetting({{0, 1, 5, 3}, {1, 8, 0, 3}, {0, 7, 1, 3, 0}, {0, 7, 2, 3, 3}}));
+    const auto liveBox =
+        Bytes(SerialSetting({{0, 1, 0, 3}, {1, 8, 0, 3}, {0, 7, 1, 3, 0}, {0, 7, 2, 3, 3}}));
     const std::vector<std::string> nothing = {"S_MANAGE: Remove", "S_MANAGE: Begin create",
                                               "TEST_PLUGIN: create", "TEST_PLUGIN: release",
                                               "TEST_PLUGIN: param"};
@@ -512,6 +514,54 @@ std::vector<ChangeCase> ChangeCases() {
           Param(8, 0, "changed=0 pairs=[7:0]"), Param(7, 0, "changed=1 pairs=[7:0]"),
           "S_MANAGE: Update Serial Instance Finished, instance_size = 2, changeSize = 0"},
          {"S_MANAGE: Begin create serial instance, mainId = 1", Journal("release", 8, 0)},
+         {"0:8:0", "0:7:0"}},
+        // A box under its own ids (sub id 0) finds its entry and keeps its children's table.
+        {"KeptBoxChildReplaced",
+         liveBox,
+         Bytes(SerialSetting({{0, 1, 0, 3}, {1, 8, 0, 3}, {0, 7, 3, 3, 0}, {0, 7, 2, 3, 3}})),
+         // Told first, while the new child does not exist and the old one is still alive: it
+         // drops the old one from its table before the old one is released.
+         {"S1_EXTEND_BOX: Add extend instance, id = 3, mainId = 7, subId = 2",
+          "S_MANAGE: Remove extend serial instance, index = 0, mainId = 7, subId = 1",
+          Journal("release", 7, 1), Journal("create", 7, 3),
+          "S1_EXTEND_BOX: Add extend instance, id = 0, mainId = 7, subId = 3",
+          "S1_EXTEND_BOX: Add extend instance, id = 3, mainId = 7, subId = 2",
+          Param(8, 0, "changed=0 pairs=[7:3]")},
+         {Journal("release", 7, 2), "S1_EXTEND_BOX: **CSerialDevExtendBox** is destruct"},
+         {"0:1:0", "0:7:2", "0:8:0", "0:7:3"}},
+        {"BoxChildBaudOnly",
+         liveBox,
+         Bytes(SerialSetting({{0, 1, 0, 3}, {1, 8, 0, 3}, {0, 7, 1, 5, 0}, {0, 7, 2, 3, 3}})),
+         {"S1_EXTEND_BOX: Add extend instance, id = 0, mainId = 7, subId = 1",
+          "S_MANAGE: **** Reset serial property list size = 1****",
+          "S1_EXTEND_BOX: Add extend instance, id = 0, mainId = 7, subId = 1",
+          Param(7, 1, "changed=1 pairs=[7:1]"), Param(7, 2, "changed=0 pairs=[7:1]"),
+          Param(8, 0, "changed=0 pairs=[7:1]")},
+         {"S_MANAGE: Remove", "S_MANAGE: Begin create"},
+         {"0:1:0", "0:7:1", "0:7:2", "0:8:0"}},
+        // The hub takes the box's port: the box hears of it, its children go with it, and
+        // the hub arrives without any (the new entry's children are not created).
+        {"BoxToHubBox",
+         liveBox,
+         Bytes(SerialSetting({{0, 149, 0, 3}, {1, 8, 0, 3}, {0, 7, 1, 3, 0}})),
+         {"S_MANAGE:HandlePeripParamChange", Journal("release", 7, 1), Journal("release", 7, 2),
+          "S_MANAGE: Release Peripheral Instance success, type = 0, mainID = 1, subId = 0",
+          "S1_EXTEND_BOX: **CSerialDevExtendBox** is destruct!!!",
+          "S1_EXTEND_BOX_HUB: **CSerialDevExtendBoxHub** is construct, mainId = 149, subId = 0",
+          "New extend hubbox find ok, mainId = 149, subId = 0"},
+         {Journal("create", 7, 1), "S1_EXTEND_BOX_HUB: Add extend instance",
+          "S_MANAGE: Close Dll failed"},
+         {"0:8:0", "0:149:0"}},
+        // The hub is not exempted from closing a library it never had.
+        {"HubBoxToPlain",
+         Bytes(SerialSetting({{0, 149, 0, 3}, {1, 8, 0, 3}})),
+         plain,
+         {"S_MANAGE: Release Peripheral Instance success, type = 0, mainID = 149, subId = 0",
+          "S1_EXTEND_BOX_HUB: ~~Broadcast m_stuExtendIOstatus.lState = 0",
+          "S1_EXTEND_BOX_HUB: **CSerialDevExtendBoxHub** is destruct!!!",
+          "S_MANAGE: Close Dll failed, [Dll handle is NULL], type = 0, mainID = 149, subId = 0",
+          Journal("create", 7, 0)},
+         {},
          {"0:8:0", "0:7:0"}},
         {"BaudRateOnly",
          plain,
