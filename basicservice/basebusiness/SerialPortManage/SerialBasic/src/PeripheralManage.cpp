@@ -650,13 +650,14 @@ int CPeripheralManage::CreatePeripheralInstance(ePeripheralType type, unsigned i
     if (type == PERIPHERAL_TYPE_SERIAL && subId == 0) {
         if (mainId == PERIPHERAL_MAINID_EXTEND_BOX) {
             // The records hold plug-in releasers, which answer nothing.
-            return CreateBuiltInBox(ExtendBoxCreate, [](CPeripheralBase* p) { ExtendBoxRelease(p); }, mainId,
-                                    "S_MANAGE: ExtendBox instance create failed\n");
+            return CreateBuiltInBox(
+                ExtendBoxCreate, [](CPeripheralBase* p) { ExtendBoxRelease(p); }, mainId,
+                "S_MANAGE: ExtendBox instance create failed\n");
         }
         if (mainId == PERIPHERAL_MAINID_EXTEND_HUB_BOX) {
-            return CreateBuiltInBox(ExtendBoxHubCreate,
-                                    [](CPeripheralBase* p) { ExtendBoxHubRelease(p); }, mainId,
-                                    "S_MANAGE: ExtendHub Box instance create failed\n");
+            return CreateBuiltInBox(
+                ExtendBoxHubCreate, [](CPeripheralBase* p) { ExtendBoxHubRelease(p); }, mainId,
+                "S_MANAGE: ExtendHub Box instance create failed\n");
         }
     }
     return OpenPeripheralLib(type, mainId, subId);

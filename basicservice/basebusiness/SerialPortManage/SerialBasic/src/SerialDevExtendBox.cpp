@@ -135,6 +135,9 @@ CSerialDevExtendBox::CSerialDevExtendBox(CPeripheralManage* manage, CMsgClientMa
       m_llUpgradeEndTime(0),
       m_bChildSetupDue(false),
       m_strFlagText(GuiTKGetText(nullptr, nullptr, kFlagTextId)) {
+    // The box's frames leave MakeAndSendCmd complete; a protocol 0 of its own (the default
+    // when the document has no entry for the box) would have the base wrap them again.
+    m_stuSerialProperty.protocolType = SERIAL_PROTOCOL_TRANSPARENT;
     FillStateRecords();
     SetThreadCircleTime(kCycleMs);
     Q7R_GetSpecInfo(m_jsonSpecInfo);
@@ -186,9 +189,8 @@ int CSerialDevExtendBox::MessageUnRegister() {
 
 // ---- link: sending ----
 
-int CSerialDevExtendBox::MakeAndSendCmd(eExtendBoxCmd cmd, unsigned char subId,
-                                        unsigned char devId, unsigned int length,
-                                        const unsigned char* payload) {
+int CSerialDevExtendBox::MakeAndSendCmd(eExtendBoxCmd cmd, unsigned char subId, unsigned char devId,
+                                        unsigned int length, const unsigned char* payload) {
     if (subId > EXTEND_BOX_MAX_SUB_ID) {
         PM_LOG(0, m_variant.logTag, "Extend serial id is too large, id = %d(>4)\n", subId);
         return 0;
@@ -200,8 +202,8 @@ int CSerialDevExtendBox::MakeAndSendCmd(eExtendBoxCmd cmd, unsigned char subId,
     }
     // Only the data and upgrade lines carry the caller's length; both must leave room for the
     // head and the end mark.
-    const bool callerSized = cmd == EXTEND_BOX_CMD_SUB_SERIAL_DATA ||
-                             cmd == EXTEND_BOX_CMD_UPGRADE_DATA;
+    const bool callerSized =
+        cmd == EXTEND_BOX_CMD_SUB_SERIAL_DATA || cmd == EXTEND_BOX_CMD_UPGRADE_DATA;
     if (callerSized && (length > EXTEND_BOX_FRAME_SIZE - 7 || (length > 0 && payload == nullptr))) {
         PM_LOG(0, m_variant.logTag, "Extend frame too long, cmd = 0x%x, length = %u, dropped\n",
                cmd, length);
@@ -491,8 +493,8 @@ int CSerialDevExtendBox::AnalySerialData(unsigned int length, const char* answer
         case EXTEND_BOX_CMD_UPGRADE_START:
             StoreUpgradeAnswerTime();
             if (payloadLength != 6) {
-                PM_LOG(0, m_variant.logTag,
-                       "Response start upgrade failed, length = %d ( !=6)\n", payloadLength);
+                PM_LOG(0, m_variant.logTag, "Response start upgrade failed, length = %d ( !=6)\n",
+                       payloadLength);
                 failUpgrade();
             } else if (memcmp(payload, "READY", 5) != 0) {
                 PM_LOG(0, m_variant.logTag,
@@ -540,9 +542,8 @@ int CSerialDevExtendBox::AnalySerialData(unsigned int length, const char* answer
                 bool changed = false;
                 {
                     std::lock_guard<std::mutex> state(m_StateLock);
-                    PM_LOG(1, m_variant.logTag,
-                           "Response version, version = %s, orgVersion = %s\n", version,
-                           m_szVersion);
+                    PM_LOG(1, m_variant.logTag, "Response version, version = %s, orgVersion = %s\n",
+                           version, m_szVersion);
                     m_nPendingSetup &= ~kSetupVersion;
                     changed = memcmp(version, m_szVersion, sizeof(version)) != 0;
                     if (changed) {
@@ -632,7 +633,8 @@ int CSerialDevExtendBox::PeripheralThreadCycle(long long now) {
         return 0;
     }
     if (!IsUpgrading()) {
-        if (m_nSubPropertySetFlag != 0 && Elapsed(now, s_llSubPropertyTime) > kSubPropertyPeriodMs) {
+        if (m_nSubPropertySetFlag != 0 &&
+            Elapsed(now, s_llSubPropertyTime) > kSubPropertyPeriodMs) {
             s_llSubPropertyTime = now;
             SetSubPropertiesDue();
         }
@@ -782,8 +784,8 @@ int CSerialDevExtendBox::HandlePeripParamChange() {
                entry.mainFun, entry.subFun, static_cast<int>(size));
     }
     for (const auto& [index, baud] : atOnce) {
-        SetSubSerialProperty(index, SERIAL_PROPERTY_ALL, baud, SERIAL_DATA_BIT_8,
-                             SERIAL_STOP_BIT_1, SERIAL_PARITY_NONE, SERIAL_FLOW_NONE);
+        SetSubSerialProperty(index, SERIAL_PROPERTY_ALL, baud, SERIAL_DATA_BIT_8, SERIAL_STOP_BIT_1,
+                             SERIAL_PARITY_NONE, SERIAL_FLOW_NONE);
     }
     return 0;
 }
@@ -1124,8 +1126,8 @@ void CSerialDevExtendBox::SendExtendBoxUpgradeData(int line) {
     if (!report) {
         return;
     }
-    PM_LOG(1, m_variant.logTag, "data sending percent = %d, (%d /%d), count = %d\n", percent,
-           sent, total, m_nNextLine.load());
+    PM_LOG(1, m_variant.logTag, "data sending percent = %d, (%d /%d), count = %d\n", percent, sent,
+           total, m_nNextLine.load());
     BroadcastUpgradeState(PERIPHERAL_UPGRADE_DOING, source, false);
 }
 
@@ -1156,8 +1158,8 @@ void CSerialDevExtendBox::BroadcastUpgradeState(enumPeripheralUpgradeState state
         PM_LOG(1, m_variant.logTag,
                "[UPG] state broadcast, upgSource = %d, mainId = %d, subId = %d, devId = %d, "
                "flag = %s, reslut = %d, percent = %d\n",
-               record.source, record.mainId, record.subId, record.devId, record.flag,
-               record.state, record.percent);
+               record.source, record.mainId, record.subId, record.devId, record.flag, record.state,
+               record.percent);
         m_pMsgClient->MSGSendMessage(0, EVENT_EXTEND_UPGRADE_STATE, 0,
                                      reinterpret_cast<const char*>(&record), sizeof(record),
                                      static_cast<int>(m_nMsgId));

@@ -71,7 +71,7 @@ struct ExtendUpgradeState_t {
     uint8_t subId;
     uint8_t devId;
     uint8_t reserved1[5];
-    char flag[48];  // the localised "STR_EXTEND_BOX_FLAG"
+    char flag[48];    // the localised "STR_EXTEND_BOX_FLAG"
     uint8_t flagEnd;  // 0x04
     uint8_t reserved2[23];
 };
@@ -103,7 +103,7 @@ enum : unsigned int {
     UPGRADE_FILE_HEAD_SIZE = 100,
     UPGRADE_FILE_COUNT_OFFSET = 200,  // N, the number of entries after the head
     UPGRADE_FILE_ENTRY_SIZE = 80,
-    UPGRADE_FILE_CRC_OFFSET = 268,     // entry 0: the image's check value
+    UPGRADE_FILE_CRC_OFFSET = 268,        // entry 0: the image's check value
     UPGRADE_FILE_IMAGE_LEN_OFFSET = 280,  // entry 0: the image length
     UPGRADE_FILE_MIN_SIZE = 284,
     UPGRADE_LINE_SIZE = 64,  // image bytes per upgrade line
@@ -113,11 +113,11 @@ struct tag_msgPeripheralUpgradeFile;  // the 39473 payload; read through the off
 
 // What the box and the hub box differ in; everything else is one code.
 struct ExtendBoxVariant {
-    const char* logTag;        // "S1_EXTEND_BOX: "
-    const char* className;     // in the construction and destruction logs
-    unsigned char devId;       // device byte of the box's own frames
-    int heartbeatLimit;        // unanswered keep-alives before the box counts as offline
-    const char* fileFlag;      // what the file request (6705) asks for
+    const char* logTag;     // "S1_EXTEND_BOX: "
+    const char* className;  // in the construction and destruction logs
+    unsigned char devId;    // device byte of the box's own frames
+    int heartbeatLimit;     // unanswered keep-alives before the box counts as offline
+    const char* fileFlag;   // what the file request (6705) asks for
 };
 
 // The reflected CRC-32 register of IEEE 802.3, table-driven, without the usual inversions:
@@ -224,16 +224,16 @@ private:
     void SetSubPropertiesDue();
     void ReleaseUpgradeImage();
 
-    mutable std::mutex m_StateLock;  // leaf; see above
+    mutable std::mutex m_StateLock;             // leaf; see above
     char m_szVersion[EXTEND_BOX_VERSION_SIZE];  // m_StateLock
     mutable std::mutex m_ChildLock;
     std::map<uint8_t, CSerialBase*> m_mapChild;  // m_ChildLock; not owned
     std::atomic<uint8_t> m_nSubPropertySetFlag;
-    UpgradeBlock m_stuUpgrade;                                      // m_StateLock
-    std::vector<unsigned char> m_vecImage;                          // m_StateLock
+    UpgradeBlock m_stuUpgrade;                                         // m_StateLock
+    std::vector<unsigned char> m_vecImage;                             // m_StateLock
     ExtendUpgradeState_t m_stuUpgradeState[EXTEND_BOX_STATE_RECORDS];  // m_StateLock
-    std::atomic<int> m_nPendingCmd;  // -1 whenever an answer has been taken
-    std::atomic<int> m_nNextLine;    // the upgrade line the next acknowledgement must name
+    std::atomic<int> m_nPendingCmd;         // -1 whenever an answer has been taken
+    std::atomic<int> m_nNextLine;           // the upgrade line the next acknowledgement must name
     std::atomic<uint32_t> m_nPendingSetup;  // bit 0 read the version, bit 1 set the link mode
     std::atomic<int> m_nHeartbeatCount;
     std::atomic<int64_t> m_llUpgradeEndTime;  // clock of the successful END answer; 0: none

@@ -15,9 +15,8 @@ const ExtendBoxVariant kHubVariant = {"S1_EXTEND_BOX_HUB: ", "CSerialDevExtendBo
 
 }  // namespace
 
-CSerialDevExtendBoxHub::CSerialDevExtendBoxHub(CPeripheralManage* manage,
-                                               CMsgClientManage* client, unsigned int mainId,
-                                               unsigned int subId)
+CSerialDevExtendBoxHub::CSerialDevExtendBoxHub(CPeripheralManage* manage, CMsgClientManage* client,
+                                               unsigned int mainId, unsigned int subId)
     : CSerialDevExtendBox(manage, client, mainId, subId, kHubVariant), m_nIOState(0) {}
 
 CSerialDevExtendBoxHub::~CSerialDevExtendBoxHub() {

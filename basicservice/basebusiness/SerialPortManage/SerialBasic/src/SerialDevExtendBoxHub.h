@@ -27,8 +27,8 @@ static_assert(sizeof(ExtendIOStatus_t) == 4, "I/O state record is 4 bytes");
 
 class CSerialDevExtendBoxHub : public CSerialDevExtendBox {
 public:
-    CSerialDevExtendBoxHub(CPeripheralManage* manage, CMsgClientManage* client,
-                           unsigned int mainId, unsigned int subId);
+    CSerialDevExtendBoxHub(CPeripheralManage* manage, CMsgClientManage* client, unsigned int mainId,
+                           unsigned int subId);
     ~CSerialDevExtendBoxHub() override;
 
     int MessageRegister() override;

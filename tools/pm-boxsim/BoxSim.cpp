@@ -1,0 +1,297 @@
+#include "BoxSim.h"
+
+#include <cctype>
+#include <cstdio>
+
+#include "GuiToolkit.h"
+
+namespace boxsim {
+
+namespace {
+
+constexpr uint8_t kStart = 0x7E;
+constexpr uint8_t kEnd = 0x7F;
+constexpr uint8_t kCmdUpgradeStart = 0x01;
+constexpr uint8_t kCmdUpgradeData = 0x02;
+constexpr uint8_t kCmdUpgradeEnd = 0x03;
+constexpr uint8_t kCmdVersion = 0x04;
+constexpr uint8_t kCmdIoStatus = 0x06;
+constexpr uint8_t kCmdHeartbeat = 0x07;
+constexpr uint8_t kCmdSubSetting = 0x20;
+constexpr uint8_t kCmdIoReport = 0x33;
+constexpr uint8_t kCmdMcuTest = 0x41;     // asked as 0x41 ...
+constexpr uint8_t kCmdMcuTestAnswer = 0x40;  // ... answered as 0x40
+constexpr uint8_t kCmdLinkMode = 0xA0;
+constexpr uint8_t kSubDataDevice = 0xFF;  // device byte of the data a sub-port device sent
+
+uint32_t Be32(const uint8_t* p) {
+    return static_cast<uint32_t>(p[0]) << 24 | static_cast<uint32_t>(p[1]) << 16 |
+           static_cast<uint32_t>(p[2]) << 8 | p[3];
+}
+
+void PutBe32(std::vector<uint8_t>& out, uint32_t v) {
+    for (int shift = 24; shift >= 0; shift -= 8) {
+        out.push_back(static_cast<uint8_t>(v >> shift));
+    }
+}
+
+}  // namespace
+
+std::vector<uint8_t> Encode(const Frame& frame) {
+    std::vector<uint8_t> plain = {kStart, frame.address, frame.device, 0};
+    uint8_t check = 0;
+    for (uint8_t b : frame.body) {
+        check ^= b;
+        plain.push_back(b);
+    }
+    plain[3] = frame.badCheck ? static_cast<uint8_t>(check ^ 0x5A) : check;
+    plain.push_back(kEnd);
+    std::vector<uint8_t> out(2 * plain.size());
+    const int n = serial_transfrom_7e7f(plain.data(), out.data(), static_cast<int>(plain.size()));
+    out.resize(n > 0 ? static_cast<size_t>(n) : 0);
+    return out;
+}
+
+Frame Answer(uint8_t device, uint8_t cmd, const std::vector<uint8_t>& payload) {
+    Frame frame;
+    frame.device = device;
+    frame.body = {cmd, static_cast<uint8_t>(payload.size())};
+    frame.body.insert(frame.body.end(), payload.begin(), payload.end());
+    return frame;
+}
+
+void Decoder::Feed(const uint8_t* data, size_t length) {
+    m_pending.insert(m_pending.end(), data, data + length);
+    if (m_pending.size() > 4 * kMaxFrame) {  // a start mark that never ends
+        m_pending.clear();
+        ++m_dropped;
+    }
+}
+
+bool Decoder::Next(Frame& out) {
+    for (;;) {
+        size_t start = m_pending.size();
+        size_t end = m_pending.size();
+        for (size_t i = 0; i < m_pending.size(); ++i) {
+            if (m_pending[i] == kStart) {
+                start = i;
+            } else if (m_pending[i] == kEnd && start < m_pending.size()) {
+                end = i;
+                break;
+            }
+        }
+        if (end == m_pending.size()) {
+            if (start == m_pending.size()) {
+                m_pending.clear();
+            } else {
+                m_pending.erase(m_pending.begin(), m_pending.begin() + static_cast<long>(start));
+            }
+            return false;
+        }
+        std::vector<uint8_t> plain(end - start + 1);
+        int state = SERIAL_UNSTUFF_START;
+        const int n = serial_retransfrom_7e7f(m_pending.data() + start, plain.data(),
+                                              static_cast<int>(plain.size()), &state);
+        m_pending.erase(m_pending.begin(), m_pending.begin() + static_cast<long>(end + 1));
+        if (n < 5) {
+            ++m_dropped;
+            continue;
+        }
+        uint8_t check = 0;
+        for (int i = 4; i < n - 1; ++i) {
+            check ^= plain[static_cast<size_t>(i)];
+        }
+        if (check != plain[3]) {
+            ++m_dropped;
+            continue;
+        }
+        out.address = plain[1];
+        out.device = plain[2];
+        out.body.assign(plain.begin() + 4, plain.begin() + (n - 1));
+        out.badCheck = false;
+        return true;
+    }
+}
+
+Frame BoxModel::Own(uint8_t cmd, const std::vector<uint8_t>& payload) const {
+    Frame frame = Answer(m_options.device, cmd, payload);
+    return frame;
+}
+
+int BoxModel::Commands(uint8_t cmd) const {
+    auto it = m_counts.find(cmd);
+    return it == m_counts.end() ? 0 : it->second;
+}
+
+BoxModel::Output BoxModel::OnFrame(const Frame& in) {
+    Output out;
+    if (in.device != m_options.device) {
+        // A sub-port's data: the whole body goes to that port's device.
+        if (in.SubId() >= 1 && in.SubId() <= 4) {
+            out.toSub.emplace_back(in.SubId(), in.body);
+        }
+        return out;
+    }
+    if (in.body.size() < 2) {
+        return out;
+    }
+    const uint8_t cmd = in.body[0];
+    ++m_counts[cmd];
+    const std::vector<uint8_t> payload(in.body.begin() + 2, in.body.end());
+    if (faults.silent) {
+        return out;
+    }
+    auto scripted = script.find(cmd);
+    if (scripted != script.end()) {
+        if (!scripted->second.empty()) {
+            Frame frame;
+            frame.device = m_options.device;
+            frame.body = scripted->second;
+            out.toLine.push_back(frame);
+        }
+    } else {
+        switch (cmd) {
+            case kCmdLinkMode:
+                m_linkMode = payload.empty() ? 0 : payload[0];
+                out.toLine.push_back(Own(kCmdLinkMode, {1}));
+                break;
+            case kCmdVersion:
+                out.toLine.push_back(Own(
+                    kCmdVersion, std::vector<uint8_t>(m_options.version.begin(),
+                                                      m_options.version.end())));
+                break;
+            case kCmdHeartbeat:
+                out.toLine.push_back(Own(kCmdHeartbeat, {1}));
+                break;
+            case kCmdSubSetting:
+                if (payload.size() >= 6) {
+                    m_settings[payload[0]] = std::vector<uint8_t>(payload.begin(),
+                                                                  payload.begin() + 6);
+                }
+                out.toLine.push_back(Own(kCmdSubSetting, {faults.refuseSettings ? uint8_t(0)
+                                                                                : uint8_t(1)}));
+                break;
+            case kCmdMcuTest:
+                out.toLine.push_back(Own(kCmdMcuTestAnswer, {1}));
+                break;
+            case kCmdIoStatus:
+                out.toLine.push_back(IoReport(0));
+                break;
+            case kCmdUpgradeStart:
+            case kCmdUpgradeData:
+            case kCmdUpgradeEnd:
+                Upgrade(in, out);
+                break;
+            default:
+                break;  // the firmware ignores what it does not know
+        }
+    }
+    for (Frame& frame : out.toLine) {
+        if (faults.wrongLength && frame.body.size() >= 2) {
+            ++frame.body[1];
+        }
+        if (faults.corruptChecks > 0) {
+            --faults.corruptChecks;
+            frame.badCheck = true;
+        }
+    }
+    return out;
+}
+
+void BoxModel::Upgrade(const Frame& in, Output& out) {
+    const uint8_t cmd = in.body[0];
+    const std::vector<uint8_t> payload(in.body.begin() + 2, in.body.end());
+    if (cmd == kCmdUpgradeStart) {
+        if (payload.size() < 9 || faults.refuseStart) {
+            out.toLine.push_back(Own(kCmdUpgradeStart, {'B', 'U', 'S', 'Y', '!', 0}));
+            return;
+        }
+        m_imageLength = Be32(payload.data() + 5);
+        m_image.clear();
+        m_nextLine = 1;
+        out.toLine.push_back(Own(kCmdUpgradeStart, {'R', 'E', 'A', 'D', 'Y', 0}));
+        return;
+    }
+    if (cmd == kCmdUpgradeData) {
+        if (payload.size() < 4) {
+            return;
+        }
+        const uint32_t line = Be32(payload.data());
+        if (faults.stopAfterLine > 0 && line >= static_cast<uint32_t>(faults.stopAfterLine)) {
+            return;
+        }
+        std::vector<uint8_t> answer;
+        PutBe32(answer, line);
+        const bool good = line == m_nextLine && line != static_cast<uint32_t>(faults.failLine);
+        if (good) {
+            m_image.insert(m_image.end(), payload.begin() + 4, payload.end());
+            ++m_nextLine;
+        }
+        answer.push_back(good ? 1 : 0);
+        out.toLine.push_back(Own(kCmdUpgradeData, answer));
+        return;
+    }
+    const bool good = payload.size() >= 7 && m_image.size() == m_imageLength &&
+                      Be32(payload.data() + 3) == ImageCrc(m_image);
+    if (good) {
+        m_done = m_image;
+        if (!m_options.newVersion.empty()) {
+            m_options.version = m_options.newVersion;
+        }
+    }
+    out.toLine.push_back(Own(kCmdUpgradeEnd, {good ? uint8_t(1) : uint8_t(0)}));
+}
+
+Frame BoxModel::FromSubPort(int subId, const std::vector<uint8_t>& bytes) const {
+    Frame frame;
+    frame.address = static_cast<uint8_t>(0x80 | (subId & 0x07));
+    frame.device = kSubDataDevice;
+    frame.body = bytes;
+    return frame;
+}
+
+Frame BoxModel::IoReport(uint8_t state) const {
+    return Own(kCmdIoReport, {1, state});
+}
+
+uint32_t ImageCrc(const std::vector<uint8_t>& image) {
+    uint32_t crc = 0;
+    for (uint8_t b : image) {
+        crc ^= b;
+        for (int k = 0; k < 8; ++k) {
+            crc = (crc & 1) ? (crc >> 1) ^ 0xEDB88320u : crc >> 1;
+        }
+    }
+    return crc;
+}
+
+bool ParseHex(const std::string& text, std::vector<uint8_t>& out) {
+    out.clear();
+    std::string digits;
+    for (char c : text) {
+        if (isxdigit(static_cast<unsigned char>(c))) {
+            digits += c;
+        } else if (!isspace(static_cast<unsigned char>(c))) {
+            return false;
+        }
+    }
+    if (digits.size() % 2 != 0) {
+        return false;
+    }
+    for (size_t i = 0; i < digits.size(); i += 2) {
+        out.push_back(static_cast<uint8_t>(std::stoul(digits.substr(i, 2), nullptr, 16)));
+    }
+    return true;
+}
+
+std::string ToHex(const std::vector<uint8_t>& bytes) {
+    std::string out;
+    char byte[4];
+    for (uint8_t b : bytes) {
+        snprintf(byte, sizeof(byte), "%s%02X", out.empty() ? "" : " ", b);
+        out += byte;
+    }
+    return out;
+}
+
+}  // namespace boxsim
