@@ -39,9 +39,11 @@ public:
 
 // The manager's events (both lists, so that the unregistered ones are tried too), then the
 // peripherals' own.
-const int kEvents[] = {10,  33917, 1150,  1151, 33083, 316,   33127, 360,  33129, 362,   33087,
-                       320, 1284,  34053, 1052, 33819, 33889, 1122,  2053, 1081,  33051, 284,
-                       9,   8,     1035,  6739, 33827, 1060,  33887, 1089, 1136,  1090};
+const int kEvents[] = {10, 33917, 1150, 1151, 33083, 316, 33127, 360, 33129, 362, 33087, 320, 1284,
+                       34053, 1052, 33819, 33889, 1122, 2053, 1081, 33051, 284, 9, 8, 1035, 6739,
+                       33827, 1060, 33887, 1089, 1136, 1090,
+                       // the extension box's and the hub's
+                       6704, 39473, 6708, 6711, 6904};
 
 struct Peripherals {
     Peripherals() {

@@ -12,7 +12,7 @@ ROOT = os.path.dirname(HERE)
 # Must match kEvents in fuzz_bus_handlers.cpp: byte 0 of an input picks the event.
 EVENTS = [10, 33917, 1150, 1151, 33083, 316, 33127, 360, 33129, 362, 33087, 320, 1284, 34053,
           1052, 33819, 33889, 1122, 2053, 1081, 33051, 284, 9, 8, 1035, 6739, 33827, 1060, 33887,
-          1089, 1136, 1090]
+          1089, 1136, 1090, 6704, 39473, 6708, 6711, 6904]
 
 
 def message(event, payload, length=None):
@@ -35,6 +35,27 @@ def can_frames(main, sub, items):
     for can_id, data in items:
         out += struct.pack("<IB3x", can_id, len(data)) + data.ljust(8, b"\0")
     return out
+
+
+def crc32_register(data):
+    """The box firmware's image check: reflected CRC-32 register, start 0, no inversion."""
+    crc = 0
+    for b in data:
+        crc ^= b
+        for _ in range(8):
+            crc = (crc >> 1) ^ 0xEDB88320 if crc & 1 else crc >> 1
+    return crc
+
+
+def box_frame(address, device, body):
+    check = 0
+    for b in body:
+        check ^= b
+    inner = bytes([address, device, check]) + bytes(body)
+    out = bytearray(b"\x7e")
+    for b in inner:
+        out += bytes([0x7D, b ^ 0x20]) if b in (0x7D, 0x7E, 0x7F) else bytes([b])
+    return bytes(out) + b"\x7f"
 
 
 def write(target, name, data):
@@ -76,6 +97,21 @@ def bus_handlers():
                               struct.pack("<Q", 20000000) + bytes(32)))
     write(t, "usb-state", message(1060, b"\x01" + bytes(71)))
     write(t, "short-head", message(316, b"", length=992))
+    # The box on port 4 (main id 1): an upgrade trigger, a file, the state and version queries.
+    write(t, "box-trigger", message(6704, bytes([0, 1, 0, 4, 0, 0, 0, 0, 0, 1])))
+    image = bytes(range(200))
+    head = bytearray(100)
+    head[96:100] = struct.pack("<I", 1)
+    entry = bytearray(80)
+    entry[64:68] = struct.pack("<I", crc32_register(image))
+    entry[76:80] = struct.pack("<I", len(image))
+    name = b"BOX-MCU-V2.00.CRC".ljust(64, b"\0")
+    upgrade = bytes([1, 3, 0, 0]) + name + struct.pack("<I", 180 + len(image)) + bytes(32)
+    write(t, "box-file", message(39473, upgrade + bytes(head) + bytes(entry) + image))
+    write(t, "box-file-lies", message(39473, upgrade + bytes(head[:96]) + struct.pack("<I", 9999)))
+    write(t, "box-state", message(6708, bytes([1, 0, 1, 0])))
+    write(t, "box-version", message(6711, bytes([0, 1, 0, 0, 0, 0, 0, 0, 0, 2])))
+    write(t, "hub-io", message(6904, bytes(4)))
 
 
 def config():
@@ -106,6 +142,19 @@ def frames():
     write(t, "never-ends", piece(b"\x7e" + b"x" * 1500) + piece(b"y" * 1000 + b"\x7e\x01"))
 
 
+def extend_box():
+    t = "fuzz_extend_box"
+    # Byte 0 picks the path: 0 raw line bytes, 1 checked frames built from the input, 2 one
+    # answer as the box's parser takes it, 3 the unframed answers of an MCU-relayed box.
+    write(t, "raw-answers", b"\x00" + box_frame(0x80, 4, [0xA0, 1, 1]) +
+          box_frame(0x80, 4, [4, 9]) + b"BOX-MCU-1" + b"\x7f")
+    write(t, "framed-version", b"\x01" + bytes([0x80, 4, 11, 4, 9]) + b"BOX-MCU-1")
+    write(t, "framed-sub-data", b"\x01" + bytes([0x81, 0x33, 3, 0x7e, 0x7f, 0x7d]))
+    write(t, "upgrade-answers", b"\x02" + bytes([1, 6]) + b"READY\x00")
+    write(t, "line-answer", b"\x02" + bytes([2, 5, 0, 0, 0, 1, 1]))
+    write(t, "unframed", b"\x03" + bytes([4, 7, 1, 0x31]))
+
+
 def stuffing():
     t = "fuzz_stuffing"
     write(t, "marks", b"\x00\x7e\x7f\x7d\x01")
@@ -117,4 +166,5 @@ if __name__ == "__main__":
     bus_handlers()
     config()
     frames()
+    extend_box()
     stuffing()

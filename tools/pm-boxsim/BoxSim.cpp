@@ -19,7 +19,7 @@ constexpr uint8_t kCmdIoStatus = 0x06;
 constexpr uint8_t kCmdHeartbeat = 0x07;
 constexpr uint8_t kCmdSubSetting = 0x20;
 constexpr uint8_t kCmdIoReport = 0x33;
-constexpr uint8_t kCmdMcuTest = 0x41;     // asked as 0x41 ...
+constexpr uint8_t kCmdMcuTest = 0x41;        // asked as 0x41 ...
 constexpr uint8_t kCmdMcuTestAnswer = 0x40;  // ... answered as 0x40
 constexpr uint8_t kCmdLinkMode = 0xA0;
 constexpr uint8_t kSubDataDevice = 0xFF;  // device byte of the data a sub-port device sent
@@ -156,20 +156,20 @@ BoxModel::Output BoxModel::OnFrame(const Frame& in) {
                 out.toLine.push_back(Own(kCmdLinkMode, {1}));
                 break;
             case kCmdVersion:
-                out.toLine.push_back(Own(
-                    kCmdVersion, std::vector<uint8_t>(m_options.version.begin(),
-                                                      m_options.version.end())));
+                out.toLine.push_back(
+                    Own(kCmdVersion,
+                        std::vector<uint8_t>(m_options.version.begin(), m_options.version.end())));
                 break;
             case kCmdHeartbeat:
                 out.toLine.push_back(Own(kCmdHeartbeat, {1}));
                 break;
             case kCmdSubSetting:
                 if (payload.size() >= 6) {
-                    m_settings[payload[0]] = std::vector<uint8_t>(payload.begin(),
-                                                                  payload.begin() + 6);
+                    m_settings[payload[0]] =
+                        std::vector<uint8_t>(payload.begin(), payload.begin() + 6);
                 }
-                out.toLine.push_back(Own(kCmdSubSetting, {faults.refuseSettings ? uint8_t(0)
-                                                                                : uint8_t(1)}));
+                out.toLine.push_back(
+                    Own(kCmdSubSetting, {faults.refuseSettings ? uint8_t(0) : uint8_t(1)}));
                 break;
             case kCmdMcuTest:
                 out.toLine.push_back(Own(kCmdMcuTestAnswer, {1}));

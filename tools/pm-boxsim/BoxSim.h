@@ -64,7 +64,7 @@ public:
     };
 
     struct Output {
-        std::vector<Frame> toLine;                               // the box's answers
+        std::vector<Frame> toLine;                                // the box's answers
         std::vector<std::pair<int, std::vector<uint8_t>>> toSub;  // sub id 1-4, bytes
     };
 
@@ -82,6 +82,7 @@ public:
     Faults faults;
 
     const std::string& Version() const { return m_options.version; }
+    void SetVersion(const std::string& version) { m_options.version = version; }
     bool LinkModeSet() const { return m_linkMode >= 0; }
     int LinkMode() const { return m_linkMode; }
     // Settings last sent for each sub id (the six bytes of command 0x20).

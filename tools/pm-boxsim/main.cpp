@@ -65,19 +65,26 @@ bool ParseArgs(int argc, char** argv, Args& args) {
         };
         std::string number;
         if (arg == "--tty") {
-            if (!value(args.tty)) return false;
+            if (!value(args.tty))
+                return false;
         } else if (arg == "--path-file") {
-            if (!value(args.pathFile)) return false;
+            if (!value(args.pathFile))
+                return false;
         } else if (arg == "--script") {
-            if (!value(args.scriptFile)) return false;
+            if (!value(args.scriptFile))
+                return false;
         } else if (arg == "--image-out") {
-            if (!value(args.imageOut)) return false;
+            if (!value(args.imageOut))
+                return false;
         } else if (arg == "--version") {
-            if (!value(args.box.version)) return false;
+            if (!value(args.box.version))
+                return false;
         } else if (arg == "--new-version") {
-            if (!value(args.box.newVersion)) return false;
+            if (!value(args.box.newVersion))
+                return false;
         } else if (arg == "--subports") {
-            if (!value(number)) return false;
+            if (!value(number))
+                return false;
             args.subPorts = atoi(number.c_str());
             if (args.subPorts < 0 || args.subPorts > 4) {
                 fprintf(stderr, "pm-boxsim: --subports takes 0 to 4\n");
@@ -327,6 +334,8 @@ private:
             f.stopAfterLine = atoi(value.c_str());
         } else if (word == "io") {
             Send(m_model.IoReport(static_cast<uint8_t>(strtoul(value.c_str(), nullptr, 0))));
+        } else if (word == "version") {
+            m_model.SetVersion(value);
         } else if (word == "status") {
             printf("version %s, link mode %d, keep-alives %d, version queries %d\n",
                    m_model.Version().c_str(), m_model.LinkMode(), m_model.Commands(0x07),

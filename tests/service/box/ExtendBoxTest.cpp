@@ -25,7 +25,7 @@ using pmtest::SerialSetting;
 using pmtest::ServiceHarness;
 using pmtest::WaitUntil;
 
-constexpr unsigned kChildId = 60;    // names no library: the test places its own child
+constexpr unsigned kChildId = 60;     // names no library: the test places its own child
 constexpr unsigned kFrameChild = 12;  // takes the box's frame as it came
 
 std::string Config(const std::string& ttyPath) {
@@ -141,7 +141,8 @@ TEST(ExtendBoxLink, CommandsAreFramedForTheirLineAndRangeChecked) {
     EXPECT_EQ(box->GetHeartbeatCount(), 1);
 
     EXPECT_EQ(box->MakeAndSendCmd(EXTEND_BOX_CMD_HEARTBEAT, 5, 0x04, 0, nullptr), 0);
-    EXPECT_TRUE(f.service->Logs().Contains("S1_EXTEND_BOX: Extend serial id is too large, id = 5(>4)"));
+    EXPECT_TRUE(
+        f.service->Logs().Contains("S1_EXTEND_BOX: Extend serial id is too large, id = 5(>4)"));
     EXPECT_EQ(box->MakeAndSendCmd(static_cast<eExtendBoxCmd>(5), 0, 0x04, 0, nullptr), -1);
 
     const struct {
@@ -177,9 +178,8 @@ TEST(ExtendBoxLink, CommandsAreFramedForTheirLineAndRangeChecked) {
     EXPECT_EQ(frame.device, 0xFF);
     EXPECT_EQ(boxsim::ToHex(frame.body), "7E 7F");  // stuffed on the line, whole again here
     const std::string tooLong(1100, 'x');
-    EXPECT_EQ(box->SendSubSerialData(SERIAL_PROTOCOL_TRANSPARENT, 0, tooLong.size(),
-                                     tooLong.data()),
-              -1);
+    EXPECT_EQ(
+        box->SendSubSerialData(SERIAL_PROTOCOL_TRANSPARENT, 0, tooLong.size(), tooLong.data()), -1);
 
     // Settings: 56000 has no code of its own, data bits are always 8.
     box->SetSubSerialProperty(1, 0x1F, SERIAL_BAUD_56000, SERIAL_DATA_BIT_7, SERIAL_STOP_BIT_1_5,
@@ -215,15 +215,16 @@ TEST(ExtendBoxLink, AnMcuRelayedBoxAddressesItselfWithItsParameterId) {
     EXPECT_EQ(box->PreProcessPeripheralData("\x05\xA0", 2), 0);
     EXPECT_TRUE(f.service->Logs().Contains("S1_EXTEND_BOX: Extend_box recv data length = 2( < 3)"));
     EXPECT_EQ(box->PreProcessPeripheralData("\x09", 1), 0);
-    EXPECT_TRUE(f.service->Logs().Contains(
-        "S1_EXTEND_BOX: Extend_box dev id error, id = 0x5( != 0x4)"));
+    EXPECT_TRUE(
+        f.service->Logs().Contains("S1_EXTEND_BOX: Extend_box dev id error, id = 0x5( != 0x4)"));
 }
 
 // ---- frames the service receives ----
 
 TEST(ExtendBoxLink, ReceivedFramesAreCheckedThenRoutedToTheirChild) {
     BoxFixture f;
-    CSerialDevExtendBox* box = f.Place({{4, uint8_t(kChildId), 0, 1, 0}, {4, uint8_t(kFrameChild), 0, 1, 1}});
+    CSerialDevExtendBox* box =
+        f.Place({{4, uint8_t(kChildId), 0, 1, 0}, {4, uint8_t(kFrameChild), 0, 1, 1}});
     ASSERT_NE(box, nullptr);
     Child* child = f.AddChild(kChildId);
     Child* framed = f.AddChild(kFrameChild);
@@ -250,8 +251,8 @@ TEST(ExtendBoxLink, ReceivedFramesAreCheckedThenRoutedToTheirChild) {
     data.address = 0x82;
     f.end.Send(data);
     const std::vector<uint8_t> whole = boxsim::Encode(data);
-    EXPECT_TRUE(WaitUntil(
-        [&] { return framed->Received() == std::string(whole.begin(), whole.end()); }));
+    EXPECT_TRUE(
+        WaitUntil([&] { return framed->Received() == std::string(whole.begin(), whole.end()); }));
     // Id bits 0 on sub-port data: for nobody. Garbage and a lone start mark between frames
     // change nothing for the next good frame.
     data.address = 0x80;
@@ -322,7 +323,8 @@ TEST(ExtendBoxLifecycle, ASilentBoxIsAskedAgainAndCountsOfflineFromTheThirdQuery
     // The same version again: no broadcast, but the children are set up again.
     f.service->Logs().Clear();
     f.end.Answer(0x04, Body("42 4F 58 2D 4D 43 55 2D 31"));
-    ASSERT_TRUE(f.service->Logs().WaitFor("S1_EXTEND_BOX: Response version, version = BOX-MCU-1, orgVersion = BOX-MCU-1"));
+    ASSERT_TRUE(f.service->Logs().WaitFor(
+        "S1_EXTEND_BOX: Response version, version = BOX-MCU-1, orgVersion = BOX-MCU-1"));
     f.service->Flush();
     EXPECT_EQ(f.service->Count(EVENT_EXTEND_VERSION), 1u);
 }

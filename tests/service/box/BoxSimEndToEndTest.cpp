@@ -1,0 +1,101 @@
+// The whole road through a box: a program writes on a sub-port's pseudo-terminal of the real
+// pm-boxsim, the box's frame crosses the line into the service, the child plug-in gets the
+// bytes, and what the child sends comes out on the same pseudo-terminal.
+#include <fcntl.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <regex>
+#include <string>
+
+#include "SerialDevExtendBox.h"
+#include "ServiceHarness.h"
+#include "ToolProcess.h"
+
+namespace {
+
+using pmtest::SerialSetting;
+using pmtest::ServiceHarness;
+using pmtest::WaitUntil;
+
+// Echoes what reaches it, prefixed, so that the way back is told from the way in.
+class EchoChild : public CSerialBase {
+public:
+    EchoChild(ServiceHarness& service, unsigned mainId)
+        : CSerialBase(&service.Manager(), service.ManagerClient(), mainId, 0) {}
+    int ProcessPeripheralData() override {
+        char bytes[SERIAL_DELIVERY_SIZE];
+        unsigned length = 0;
+        GetSerialBufferData(bytes, length);
+        ClearSerialBufferValue();
+        const std::string answer = "echo:" + std::string(bytes, length);
+        return SendDataToPeripheral(answer.data(), answer.size()) < 0 ? -1 : 0;
+    }
+};
+
+std::string Match(const std::string& text, const std::string& pattern) {
+    std::smatch found;
+    return std::regex_search(text, found, std::regex(pattern)) ? found[1].str() : "";
+}
+
+int OpenRaw(const std::string& path) {
+    const int fd = open(path.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK);
+    struct termios raw;
+    if (fd >= 0 && tcgetattr(fd, &raw) == 0) {
+        cfmakeraw(&raw);
+        tcsetattr(fd, TCSANOW, &raw);
+    }
+    return fd;
+}
+
+TEST(BoxSimEndToEnd, SubPortBytesReachTheChildAndItsAnswerComesBack) {
+    pmtest::ToolProcess boxsim("pm-boxsim", {"--subports", "2"});
+    ASSERT_TRUE(boxsim.WaitOut("sub 2: ")) << boxsim.Err();
+    const std::string line = Match(boxsim.Out(), "line: (\\S+)");
+    const std::string sub2 = Match(boxsim.Out(), "sub 2: (\\S+)");
+    ASSERT_FALSE(line.empty());
+
+    auto service = std::make_unique<ServiceHarness>(
+        R"({"DEVICE_SERIAL_SETTING": [{"DEV_SERIAL_FUNCID": 60, "DEV_SERIAL_LIB_NAME": "None"}],
+            "DEVICE_CANPORT_SETTING": [], "DEVICE_ETHERNET_SETTING": [],
+            "DEVICE_PERIPHERAL_PARAM_SETTING": {"SERIAL_PARAM": [
+              {"NAME": "232-1", "POSITION": 4, "PATH": ")" +
+        line + R"("}]}})");
+    service->Register();
+    ASSERT_TRUE(service->SendSetting(SerialSetting({{4, 1, 0, 1}, {4, 60, 0, 1, 1}})));
+    auto* box = dynamic_cast<CSerialDevExtendBox*>(
+        service->Manager().GetPeripheralInstance(PERIPHERAL_TYPE_SERIAL, 1, 0));
+    ASSERT_NE(box, nullptr);
+    auto* child = new EchoChild(*service, 60);
+    service->Manager().AddInstance(child);
+    child->Initialize();
+
+    // The box is brought into service by its cycle, as on the recorder.
+    long long now = 1000000;
+    ASSERT_TRUE(WaitUntil([&] {
+        box->PeripheralThreadCycle(now += 200);
+        return box->GetPendingSetup() == 0 && box->GetChildCount() == 1;
+    }));
+
+    const int device = OpenRaw(sub2);
+    ASSERT_GE(device, 0);
+    ASSERT_EQ(write(device, "$GPGGA,1\r\n", 10), 10);
+    std::string back;
+    EXPECT_TRUE(WaitUntil([&] {
+        char bytes[256];
+        const ssize_t n = read(device, bytes, sizeof(bytes));
+        if (n > 0) {
+            back.append(bytes, static_cast<size_t>(n));
+        }
+        return back == "echo:$GPGGA,1\r\n";
+    })) << back;
+    close(device);
+    service.reset();
+    boxsim.Signal(SIGTERM);
+    EXPECT_EQ(boxsim.WaitExit(), 0);
+}
+
+}  // namespace
