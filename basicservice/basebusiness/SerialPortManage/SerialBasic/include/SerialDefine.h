@@ -3,9 +3,12 @@
 #ifndef SERIALBASIC_SERIAL_DEFINE_H
 #define SERIALBASIC_SERIAL_DEFINE_H
 
+// The codes arrive as bytes of the recorder's records and may hold any value; a fixed
+// underlying type makes every value a valid one (an unknown code is handled, not undefined).
+//
 // Baud rate codes. The order is historical: 4800 first, 2400 and 28800 appended last.
 // Configuration words: "B4800" ... "B28800"; an unknown word means 4800.
-enum SerialBaudRate {
+enum SerialBaudRate : int {
     SERIAL_BAUD_4800 = 0,
     SERIAL_BAUD_9600 = 1,
     SERIAL_BAUD_19200 = 2,
@@ -18,7 +21,7 @@ enum SerialBaudRate {
 };
 
 // Words "CS8", "CS7", "CS6", "CS5".
-enum SerialDataBitMode {
+enum SerialDataBitMode : int {
     SERIAL_DATA_BIT_8 = 0,
     SERIAL_DATA_BIT_7 = 1,
     SERIAL_DATA_BIT_6 = 2,
@@ -27,7 +30,7 @@ enum SerialDataBitMode {
 
 // Words "1bit" and "2bit". The two middle values have no word; a main-chip port treats them
 // as one stop bit, the MCU and the extension boxes have codes of their own for them.
-enum SerialStopBitMode {
+enum SerialStopBitMode : int {
     SERIAL_STOP_BIT_1 = 0,
     SERIAL_STOP_BIT_0_5 = 1,
     SERIAL_STOP_BIT_1_5 = 2,
@@ -35,7 +38,7 @@ enum SerialStopBitMode {
 };
 
 // Words "NONE", "ODD", "EVEN". A main-chip port gives odd parity for both ODD and EVEN.
-enum SerialParityMode {
+enum SerialParityMode : int {
     SERIAL_PARITY_NONE = 0,
     SERIAL_PARITY_ODD = 1,
     SERIAL_PARITY_EVEN = 2,
@@ -43,7 +46,7 @@ enum SerialParityMode {
 
 // Every configuration word gives NONE; flow control is never applied to a main-chip port.
 // The other values are understood by the extension boxes only.
-enum SerialFlowControlMode {
+enum SerialFlowControlMode : int {
     SERIAL_FLOW_NONE = 0,
     SERIAL_FLOW_HARDWARE = 1,
     SERIAL_FLOW_SOFTWARE = 2,
@@ -51,7 +54,7 @@ enum SerialFlowControlMode {
 };
 
 // How a serial peripheral's bytes are shaped on the line ("DEV_SERIAL_PROTOCOL_TYPE").
-enum eSerialProtocolType {
+enum eSerialProtocolType : int {
     SERIAL_PROTOCOL_EXTEND_FRAME = 0,  // bytes are wrapped in the extension box frame
     SERIAL_PROTOCOL_FRAME = 1,         // bytes are already a complete frame of that protocol
     SERIAL_PROTOCOL_TRANSPARENT = 2,   // plain bytes (the default)
