@@ -62,6 +62,19 @@ wait_path "$ROOT/dev/ttyAMA4.peer" || exit 1
 wait_for "$DEMO/recorder.log" 10 "running|ready|listening|serving" || true
 echo "recorder root $ROOT, bus $RECORDER_BUS"
 
+# The extension box on ttyACM0: pm-boxsim on the peer side of that tty, taking its faults
+# from a FIFO that this script holds open.
+wait_path "$ROOT/dev/ttyACM0.peer" || exit 1
+mkfifo "$DEMO/boxsim.ctl"
+exec 9<>"$DEMO/boxsim.ctl"
+"$BIN/pm-boxsim" --tty "$ROOT/dev/ttyACM0.peer" --subports 2 --version BOX-MCU-V1.00 \
+  <"$DEMO/boxsim.ctl" >"$DEMO/boxsim.log" 2>&1 &
+pids+=($!)
+wait_for "$DEMO/boxsim.log" 10 "^sub 2: " || exit 1
+BOX_SUB1=$(sed -n 's/^sub 1: //p' "$DEMO/boxsim.log")
+BOX_SUB2=$(sed -n 's/^sub 2: //p' "$DEMO/boxsim.log")
+echo "extension box: line $ROOT/dev/ttyACM0, sub-ports $BOX_SUB1 $BOX_SUB2"
+
 # The bus as the monitor sees it; the simulator already runs the broker.
 "$BIN/pm-bus" monitor >"$DEMO/monitor.log" 2>/dev/null &
 pids+=($!)
@@ -89,7 +102,7 @@ while True:
                 log.write("tcp peer: received %s\n" % line)
 EOF
 pids+=($!)
-"$PY" - "$ROOT/dev/ttyAMA2.peer" "$ROOT/dev/ttyAMA3.peer" "$ROOT/dev/mcu-port1" <<'EOF' &
+"$PY" - "$ROOT/dev/ttyAMA2.peer" "$ROOT/dev/ttyAMA3.peer" "$ROOT/dev/mcu-port1" "$BOX_SUB2" <<'EOF' &
 import os, select, sys, termios, tty
 fds = []
 for path in sys.argv[1:]:
@@ -126,10 +139,21 @@ feed "$SRC/tests/data/nmea/bt-q818.log" "$ROOT/dev/ttyAMA4.peer" &
 pids+=($!)
 feed "$SRC/tests/data/nmea/bt-q818.log" "$ROOT/dev/mcu-port0" &
 pids+=($!)
+feed "$SRC/tests/data/nmea/bt-q818.log" "$BOX_SUB1" &  # the receiver behind the box
+pids+=($!)
 
 wait_for "$DEMO/service.log" 15 "GPS_NMEA: fix, mainId = 3" || true
 wait_for "$DEMO/service.log" 15 "J1939: .* engine speed" || true
 wait_for "$DEMO/service.log" 15 "LOOPBACK: summary" || true
+wait_for "$DEMO/service.log" 15 "GPS_NMEA: fix, mainId = 3, subId = 3" || true
+
+say "The extension box falls silent (pm-boxsim: silent on), then speaks again"
+echo "silent on" >&9
+wait_for "$DEMO/service.log" 20 "S1_EXTEND_BOX: Extend box offline" || true
+grep -m1 "S1_EXTEND_BOX: Extend box offline" "$DEMO/service.log" | sed 's/^/  /'
+echo "silent off" >&9
+wait_for "$DEMO/service.log" 10 "S1_EXTEND_BOX: Extend box online again" || true
+grep -m1 "S1_EXTEND_BOX: Extend box online again" "$DEMO/service.log" | sed 's/^/  /'
 
 say "Parameter change: pm-recorder apply examples/scenario-changed.json"
 before_change=$(wc -l <"$DEMO/service.log")
@@ -171,6 +195,10 @@ show "instances created" "$DEMO/service-start.log" \
 show "GPS fixes on the main-chip tty (sub 2)" "$DEMO/service.log" "GPS_NMEA: fix, mainId = 3, subId = 2" 3
 show "GPS fixes through the MCU relay (sub 0, after the change sub 1)" "$DEMO/service.log" \
   "GPS_NMEA: fix, mainId = 3, subId = [01]" 3
+show "extension box on ttyACM0" "$DEMO/service.log" \
+  "S1_EXTEND_BOX: (Set extend box data transform type success|Response version|Add extend instance|Response set baud|Extend box (offline|online))" 10
+show "GPS fixes behind the box (sub-port 1)" "$DEMO/service.log" "GPS_NMEA: fix, mainId = 3, subId = 3" 3
+show "the box's version on the bus" "$DEMO/monitor.log" "extend-version" 2
 show "J1939 over CAN" "$DEMO/service.log" "J1939: \[" 6
 show "loopback testers" "$DEMO/service.log" "LOOPBACK: summary" 6
 show "Ethernet peer" "$DEMO/service.log" "ETH_TCP: .*(connected|disconnected|peer is)" 6
@@ -188,6 +216,12 @@ say "Checks"
 check "device-management module ready" "DeviceManage module init state = 0x1" "$DEMO/service.log"
 check "GPS fix from the main-chip tty" "GPS_NMEA: fix, mainId = 3, subId = 2" "$DEMO/service.log"
 check "GPS fix through the MCU relay" "GPS_NMEA: fix, mainId = 3, subId = [01]" "$DEMO/service.log"
+check "extension box brought into service" "S1_EXTEND_BOX: Response version, version = BOX-MCU-V1.00" "$DEMO/service.log"
+check "box version broadcast" "extend-version .*version \"BOX-MCU-V1.00\"" "$DEMO/monitor.log"
+check "GPS fix behind the box" "GPS_NMEA: fix, mainId = 3, subId = 3" "$DEMO/service.log"
+check "loopback echoes behind the box" "LOOPBACK: summary, mainId = 36, subId = 1, .*ok = [1-9]" "$DEMO/service.log"
+check "silent box reported offline" "S1_EXTEND_BOX: Extend box offline" "$DEMO/service.log"
+check "box back online" "S1_EXTEND_BOX: Extend box online again" "$DEMO/service.log"
 check "J1939 engine speed decoded" "J1939: .*engine speed" "$DEMO/service.log"
 check "loopback echoes counted" "LOOPBACK: summary, .*ok = [1-9]" "$DEMO/service.log"
 check "serial instance replaced on change" "Remove serial instance, mainId = 3, subId = 0" "$DEMO/service-change.log"

@@ -78,6 +78,12 @@ TEST(FormatMessageTest, LinesStayWithinWhatArrived) {
     for (size_t i = 0; i < twenty.size(); ++i) {
         twenty[i] = static_cast<uint8_t>(i == 0 ? 'A' : i);
     }
+    std::vector<uint8_t> version(245);
+    version[1] = 1;
+    version[3] = 4;
+    version[10] = 1;
+    memcpy(version.data() + 21, "Extension box", 13);
+    memcpy(version.data() + 37, "BOX-MCU-1", 9);
     struct {
         const char* what;
         std::vector<uint8_t> message;
@@ -98,6 +104,12 @@ TEST(FormatMessageTest, LinesStayWithinWhatArrived) {
          "0c 0d 0e 0f ...\n    0000  41 01 02 03 04 05 06 07 08 09 0a 0b 0c 0d 0e 0f  "
          "|A...............|\n    0010  10 11 12 13                                      |....|"},
         {"shorter than a head", {1, 2, 3}, false, "short message (3 bytes): 01 02 03"},
+        {"a box's version, read by its fields", Message(6710, 2, 245, version), false,
+         "6710 extend-version from=1 seq=2 - len=245 | 00 01 00 04 00 00 00 00 00 00 01 00 00 "
+         "00 00 00 ... = box 1:0 dev 04 source 0 count 1 flag \"Extension box\" version "
+         "\"BOX-MCU-1\""},
+        {"a version record cut short stays bytes", Message(6710, 2, 245, {0, 1}), false,
+         "6710 extend-version from=1 seq=2 - len=245 (got 2) | 00 01"},
     };
     for (const auto& row : rows) {
         struct timeval when = {0, 0};

@@ -9,6 +9,7 @@
 #include "EventNames.h"
 
 #include "BusWire.h"
+#include "PeripheralEvents.h"
 
 namespace pmtools {
 
@@ -118,6 +119,41 @@ bool ReadHead(const uint8_t* message, size_t size, HeadFields& head) {
     return true;
 }
 
+// Text of a fixed-size character field: up to its first zero, within the field.
+static std::string Field(const uint8_t* data, size_t size) {
+    size_t n = 0;
+    while (n < size && data[n] != 0) {
+        ++n;
+    }
+    return std::string(reinterpret_cast<const char*>(data), n);
+}
+
+// The records of the extension boxes, which a person reads by their fields, not their bytes.
+static std::string DecodedRecord(uint32_t eventId, const uint8_t* p, size_t size) {
+    char text[200];
+    const uint32_t request = eventId & ~Common::kMsgAnswerBit;
+    if ((eventId == EVENT_EXTEND_VERSION ||
+         (request == EVENT_GET_EXTEND_VERSION && eventId != request)) &&
+        size >= 245) {
+        snprintf(text, sizeof text,
+                 "box %u:%u dev %02x source %u count %u flag \"%s\" version \"%s\"", p[1], p[2],
+                 p[3], p[9], p[10], Field(p + 21, 16).c_str(), Field(p + 37, 32).c_str());
+        return text;
+    }
+    if ((eventId == EVENT_EXTEND_UPGRADE_STATE ||
+         (request == EVENT_GET_EXTEND_UPGRADE_STATE && eventId != request)) &&
+        size >= 85) {
+        snprintf(text, sizeof text, "box %u:%u dev %02x source %u state %u percent %d", p[5], p[6],
+                 p[7], p[0], p[1], static_cast<int8_t>(p[2]));
+        return text;
+    }
+    if (eventId == EVENT_EXTEND_IO_STATE && size >= 4) {
+        snprintf(text, sizeof text, "hub %u:%u io state 0x%x", p[0], p[1], Common::GetLe16(p + 2));
+        return text;
+    }
+    return std::string();
+}
+
 std::string FormatMessage(const uint8_t* message, size_t size, const struct timeval& when,
                           bool fullHex, size_t summaryBytes) {
     HeadFields head;
@@ -137,6 +173,10 @@ std::string FormatMessage(const uint8_t* message, size_t size, const struct time
     }
     if (received > 0) {
         line += " | " + HexSummary(payload, received, summaryBytes);
+        const std::string decoded = DecodedRecord(head.eventId, payload, received);
+        if (!decoded.empty()) {
+            line += " = " + decoded;
+        }
     }
     if (fullHex && received > 0) {
         std::string dump = HexDump(payload, received, "    ");

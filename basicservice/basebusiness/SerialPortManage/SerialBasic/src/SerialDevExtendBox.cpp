@@ -713,7 +713,18 @@ int CSerialDevExtendBox::HandleRecvTimeout(long long now) {
         PM_LOG(2, m_variant.logTag, "Timeout is too long, and set can disconnect\n");
         OnHeartbeatLost();
     }
-    SetCurPeripheralStatus(count < m_variant.heartbeatLimit);
+    const bool online = count < m_variant.heartbeatLimit;
+    // The line above repeats every cycle while the box is silent; a person watching the log
+    // wants the moment it went and the moment it came back.
+    if (online == m_bReportedOffline) {
+        m_bReportedOffline = !online;
+        if (online) {
+            PM_LOG(1, m_variant.logTag, "Extend box online again\n");
+        } else {
+            PM_LOG(1, m_variant.logTag, "Extend box offline, %d commands unanswered\n", count);
+        }
+    }
+    SetCurPeripheralStatus(online);
     return 0;
 }
 

@@ -240,6 +240,7 @@ private:
     // A version answer re-runs the child set-up on the manager thread, which owns the registry
     // it reads: the answer itself may arrive on the serial reader thread.
     std::atomic<bool> m_bChildSetupDue;
+    bool m_bReportedOffline = false;  // manager thread only
     Json::Value m_jsonSpecInfo;
     std::string m_strFlagText;
 };
