@@ -54,8 +54,13 @@ wait_path() {
   return 1
 }
 
+# New firmware for the extension box, as the recorder would find it on a USB disk.
+head -c 16384 /dev/urandom >"$DEMO/box-firmware.bin"
+(cd "$DEMO" && "$BIN/pm-fwpack" box-firmware.bin BOX-MCU-V2.00 >/dev/null) || exit 1
+
 say "Recorder simulator (pm-recorder) with the example scenario"
 "$BIN/pm-recorder" --make-root "$ROOT" --template "$SRC/examples/root" \
+  --upgrade-file "$DEMO/BOX-MCU-V2.00.CRC" \
   "$SRC/examples/scenario.json" </dev/null >"$DEMO/can-sent.log" 2>"$DEMO/recorder.log" &
 pids+=($!)
 wait_path "$ROOT/dev/ttyAMA4.peer" || exit 1
@@ -68,6 +73,7 @@ wait_path "$ROOT/dev/ttyACM0.peer" || exit 1
 mkfifo "$DEMO/boxsim.ctl"
 exec 9<>"$DEMO/boxsim.ctl"
 "$BIN/pm-boxsim" --tty "$ROOT/dev/ttyACM0.peer" --subports 2 --version BOX-MCU-V1.00 \
+  --new-version BOX-MCU-V2.00 --image-out "$DEMO/box-received.bin" \
   <"$DEMO/boxsim.ctl" >"$DEMO/boxsim.log" 2>&1 &
 pids+=($!)
 wait_for "$DEMO/boxsim.log" 10 "^sub 2: " || exit 1
@@ -161,6 +167,13 @@ before_change=$(wc -l <"$DEMO/service.log")
 wait_for "$DEMO/service.log" 10 "Update Serial Instance Finished" || true
 wait_for "$DEMO/service.log" 10 "LOOPBACK: created, mainId = 36, subId = 0, link = 0" || true
 
+say "Firmware upgrade of the box: pm-fwpack made BOX-MCU-V2.00.CRC, pm-upgrade asks for it"
+"$BIN/pm-fwpack" --inspect "$DEMO/BOX-MCU-V2.00.CRC" | sed 's/^/  /'
+"$BIN/pm-upgrade" --file "$DEMO/BOX-MCU-V2.00.CRC" --timeout 20 | sed 's/^/  /'
+upgrade_status=${PIPESTATUS[0]}
+echo "  pm-upgrade exit status $upgrade_status"
+wait_for "$DEMO/monitor.log" 15 'extend-version .*"BOX-MCU-V2.00"' || true
+
 if [ "$FOREVER" = 1 ]; then
   say "Running until Ctrl-C; logs in $DEMO"
   KEEP_DEMO=1
@@ -198,7 +211,8 @@ show "GPS fixes through the MCU relay (sub 0, after the change sub 1)" "$DEMO/se
 show "extension box on ttyACM0" "$DEMO/service.log" \
   "S1_EXTEND_BOX: (Set extend box data transform type success|Response version|Add extend instance|Response set baud|Extend box (offline|online))" 10
 show "GPS fixes behind the box (sub-port 1)" "$DEMO/service.log" "GPS_NMEA: fix, mainId = 3, subId = 3" 3
-show "the box's version on the bus" "$DEMO/monitor.log" "extend-version" 2
+show "the box's version on the bus" "$DEMO/monitor.log" "extend-version" 3
+show "the upgrade's states on the bus" "$DEMO/monitor.log" "extend-upgrade-state" 4
 show "J1939 over CAN" "$DEMO/service.log" "J1939: \[" 6
 show "loopback testers" "$DEMO/service.log" "LOOPBACK: summary" 6
 show "Ethernet peer" "$DEMO/service.log" "ETH_TCP: .*(connected|disconnected|peer is)" 6
@@ -222,6 +236,17 @@ check "GPS fix behind the box" "GPS_NMEA: fix, mainId = 3, subId = 3" "$DEMO/ser
 check "loopback echoes behind the box" "LOOPBACK: summary, mainId = 36, subId = 1, .*ok = [1-9]" "$DEMO/service.log"
 check "silent box reported offline" "S1_EXTEND_BOX: Extend box offline" "$DEMO/service.log"
 check "box back online" "S1_EXTEND_BOX: Extend box online again" "$DEMO/service.log"
+if [ "$upgrade_status" = 0 ]; then
+  echo "  ok    box upgraded (pm-upgrade saw state 10)"
+else
+  echo "  FAIL  pm-upgrade exit $upgrade_status"; failed=1
+fi
+if cmp -s "$DEMO/box-firmware.bin" "$DEMO/box-received.bin"; then
+  echo "  ok    the box received the image byte for byte"
+else
+  echo "  FAIL  the box's image differs from the firmware"; failed=1
+fi
+check "new version broadcast after the upgrade" 'extend-version .*version "BOX-MCU-V2.00"' "$DEMO/monitor.log"
 check "J1939 engine speed decoded" "J1939: .*engine speed" "$DEMO/service.log"
 check "loopback echoes counted" "LOOPBACK: summary, .*ok = [1-9]" "$DEMO/service.log"
 check "serial instance replaced on change" "Remove serial instance, mainId = 3, subId = 0" "$DEMO/service-change.log"

@@ -637,7 +637,8 @@ bool ParseScenario(const Json::Value& doc, Scenario& out, std::string& error) {
     }
     bool ok = top.OnlyKeys({"productType", "ready", "serial", "can", "ethernet", "ipc", "videoLoss",
                             "digitalVideoLoss", "led", "storage", "vehicle", "ftp", "cpxRelease",
-                            "udisk", "mcuPorts", "canFrames"});
+                            "udisk", "mcuPorts", "canFrames", "upgradeFile"});
+    ok = ok && top.String("upgradeFile", s.upgradeFile);
     if (ok && top.Has("productType")) {
         int type = 0;
         ok = top.Int("productType", INT32_MIN, INT32_MAX, type);

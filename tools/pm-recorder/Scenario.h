@@ -126,6 +126,9 @@ struct Scenario {
     std::vector<Patch> ftpPatch;
     CpxRelease cpx;
     UDisk udisk;
+    // The extension boxes' upgrade file handed over on request (6705); empty: "not found".
+    // Absolute, or relative to the recorder root.
+    std::string upgradeFile;
     std::vector<McuLink> mcu;
     CanScript canScript;
 };

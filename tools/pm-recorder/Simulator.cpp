@@ -1,5 +1,7 @@
 #include "Simulator.h"
 
+#include "UpgradeFile.h"
+
 #include <sys/time.h>
 
 #include <chrono>
@@ -304,10 +306,10 @@ void Simulator::RegisterHandlers() {
     auto bind = [this](int (Simulator::*fn)(const char*, int)) {
         return [this, fn](const char* d, int l) { return (this->*fn)(d, l); };
     };
-    for (uint32_t id :
-         {EVENT_GET_DEVICE_MODULE_STATE, EVENT_GET_SERIAL_PARAM, EVENT_GET_IPC_SETTING,
-          EVENT_GET_CAN_PARAM, EVENT_GET_ETHERNET_PARAM, EVENT_GET_FTP_PARAM, EVENT_GET_VIDEO_LOSS,
-          EVENT_GET_DIGITAL_VIDEO_LOSS, EVENT_GET_LED_STATE, EVENT_GET_UDISK_INFO}) {
+    for (uint32_t id : {EVENT_GET_DEVICE_MODULE_STATE, EVENT_GET_SERIAL_PARAM,
+                        EVENT_GET_IPC_SETTING, EVENT_GET_CAN_PARAM, EVENT_GET_ETHERNET_PARAM,
+                        EVENT_GET_FTP_PARAM, EVENT_GET_VIDEO_LOSS, EVENT_GET_DIGITAL_VIDEO_LOSS,
+                        EVENT_GET_LED_STATE, EVENT_GET_UDISK_INFO, EVENT_GET_EXTEND_UPGRADE_FILE}) {
         m_client->RegisterHandler(own, static_cast<int>(id), bind(&Simulator::OnRequest));
     }
     m_client->RegisterHandler(own, EVENT_MCU_SERIAL_SEND, bind(&Simulator::OnMcuSend));
@@ -385,10 +387,30 @@ Bytes Simulator::AnswerLocked(uint32_t requestId, std::string& what) const {
         case EVENT_GET_UDISK_INFO:
             what = s.udisk.present ? "U-disk at " + s.udisk.mount : "no U-disk";
             return EncodeUDiskInfo(s.udisk, ResolveInRoot(m_opt.root, s.udisk.mount));
+        case EVENT_GET_EXTEND_UPGRADE_FILE:
+            return UpgradeFileAnswer(what);
         default:
             what = "?";
             return Bytes();
     }
+}
+
+// Read anew on every request, as the recorder reads the disk: the file may have changed.
+Bytes Simulator::UpgradeFileAnswer(std::string& what) const {
+    const std::string named =
+        m_opt.upgradeFile.empty() ? m_scenario.upgradeFile : m_opt.upgradeFile;
+    std::vector<uint8_t> file;
+    if (named.empty()) {
+        what = "upgrade file not found (none named)";
+        return pmtools::UpgradeFileRecord("", file);
+    }
+    const std::string path = named[0] == '/' ? named : ResolveInRoot(m_opt.root, named);
+    if (!pmtools::ReadWholeFile(path, file) || file.empty()) {
+        what = "upgrade file not found: " + path;
+        return pmtools::UpgradeFileRecord("", file);
+    }
+    what = "upgrade file " + path;
+    return pmtools::UpgradeFileRecord(path, file);
 }
 
 int Simulator::OnRequest(const char* msg, int len) {

@@ -37,6 +37,7 @@ struct SimulatorOptions {
     bool mainChipBridges = false;  // stand in for the main-chip ttys below `root`
     int verbosity = 1;             // 0 problems, 1 answers and changes, 2 traffic
     size_t canItemsPerEvent = 16;  // frames per 1089 event
+    std::string upgradeFile;       // answers the file request (6705); wins over the scenario
     // Human lines (default: stderr) and candump lines of the frames the service sends
     // (default: stdout). Called from the simulator's thread and from Execute's caller.
     std::function<void(const std::string&)> log;
@@ -115,6 +116,7 @@ private:
 
     // With m_lock held.
     Bytes AnswerLocked(uint32_t requestId, std::string& what) const;
+    Bytes UpgradeFileAnswer(std::string& what) const;
     void SetReadyLocked(bool ready);
     void ScheduleReadinessLocked(const Readiness& ready, int64_t now);
     bool MakeMcuLinksLocked(const std::vector<McuLink>& links, std::string& error);

@@ -47,6 +47,7 @@ const char kUsage[] =
     ")\n"
     "  --replay FILE    play a candump -l log to the CAN ports, from the first filter on\n"
     "  --replay-now     start the replay at once\n"
+    "  --upgrade-file F answer the extension boxes' file request (6705) with F\n"
     "  --speed X        replay X times as fast (default 1)\n"
     "  --items N        CAN frames per 1089 event (default 16)\n"
     "  -q, --quiet      only problems;  -v, --verbose  also the traffic\n"
@@ -81,6 +82,7 @@ struct Arguments {
     std::string makeRoot;
     std::string templateDir = DefaultTemplate();
     std::string replay;
+    std::string upgradeFile;
     bool replayNow = false;
     double speed = 1;
     size_t items = 16;
@@ -119,14 +121,15 @@ int ParseArguments(int argc, char** argv, Arguments& a) {
         } else if (arg == "--no-broker") {
             a.broker = false;
         } else if (arg == "--root" || arg == "--make-root" || arg == "--template" ||
-                   arg == "--replay") {
+                   arg == "--replay" || arg == "--upgrade-file") {
             if (!value(v)) {
                 return Usage("missing value for " + arg);
             }
-            (arg == "--root"        ? a.root
-             : arg == "--make-root" ? a.makeRoot
-             : arg == "--template"  ? a.templateDir
-                                    : a.replay) = v;
+            (arg == "--upgrade-file" ? a.upgradeFile
+             : arg == "--root"       ? a.root
+             : arg == "--make-root"  ? a.makeRoot
+             : arg == "--template"   ? a.templateDir
+                                     : a.replay) = v;
         } else if (arg == "--speed" || arg == "--timeout") {
             if (!value(v) || !ParseDouble(v, arg == "--speed" ? a.speed : a.timeoutS)) {
                 return Usage("bad value for " + arg);
@@ -290,6 +293,7 @@ int RunSimulator(const Arguments& a) {
     }
     SimulatorOptions options;
     options.root = a.makeRoot.empty() ? a.root : a.makeRoot;
+    options.upgradeFile = a.upgradeFile;
     if (options.root.empty() && getenv("RECORDER_ROOT") != nullptr) {
         options.root = getenv("RECORDER_ROOT");
     }

@@ -1,0 +1,47 @@
+// The extension boxes' upgrade file, as the recorder reads it from a USB disk, and the record
+// in which the recorder hands it to the service (the answer 39473 to the file request 6705).
+//
+// File: a 100-byte head whose word at offset 96 is N, N entries of 80 bytes (entry 0: the
+// image's check value at 64, its length at 76), then the image. Words are little-endian.
+// The check value is the reflected CRC-32 register started at 0, without the final inversion.
+// The service takes the new version from the file's name, up to ".CRC".
+#ifndef TOOLS_COMMON_UPGRADE_FILE_H
+#define TOOLS_COMMON_UPGRADE_FILE_H
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace pmtools {
+
+constexpr size_t kUpgradeHeadSize = 100;
+constexpr size_t kUpgradeEntrySize = 80;
+constexpr size_t kUpgradeNameSize = 64;
+constexpr size_t kUpgradeRecordHeadSize = 104;  // state, type, location, reserved, name, length, 32
+
+uint32_t UpgradeCrc(const uint8_t* data, size_t size);
+
+// One entry. The head carries "PMFW" and the version text for people; the service reads only N.
+std::vector<uint8_t> MakeUpgradeFile(const std::vector<uint8_t>& image,
+                                     const std::string& version);
+
+struct UpgradeFileInfo {
+    uint32_t entries = 0;
+    uint32_t crc = 0;          // as stored in entry 0
+    uint32_t imageLength = 0;  // as stored in entry 0
+    uint32_t computedCrc = 0;
+    std::string version;  // from the head, when pm-fwpack wrote it
+};
+// False with the reason when the file cannot hold what its head and entry claim.
+bool InspectUpgradeFile(const std::vector<uint8_t>& file, UpgradeFileInfo& info,
+                        std::string& error);
+
+// The 39473 payload for `file` under `name` (its base name is sent); an empty name gives the
+// record of a file that was not found (state 0, length 0).
+std::vector<uint8_t> UpgradeFileRecord(const std::string& name, const std::vector<uint8_t>& file);
+
+bool ReadWholeFile(const std::string& path, std::vector<uint8_t>& out);
+
+}  // namespace pmtools
+
+#endif
