@@ -1,14 +1,18 @@
-// The extension box's receive path, from the line to its children and its answer parser:
-// byte 0 of an input picks the way in. Frames built from the input carry a correct check
-// value, so that the parser behind the check is reached, not only the check.
+// The extension box's receive path, from the line to its children and its answer parser, and
+// its upgrade: byte 0 of an input picks the way in. Frames built from the input carry a
+// correct check value, so that the parser behind the check is reached, not only the check.
 #include <stddef.h>
 #include <stdint.h>
+
+#include <string.h>
 
 #include <algorithm>
 #include <vector>
 
 #include "FuzzService.h"
+#include "BusWire.h"
 #include "GuiToolkit.h"
+#include "PeripheralEvents.h"
 #include "SerialDevExtendBox.h"
 
 namespace {
@@ -41,6 +45,38 @@ std::vector<char> CheckedFrame(const uint8_t* data, size_t size) {
     return std::vector<char>(stuffed.begin(), stuffed.begin() + std::max(n, 0));
 }
 
+std::vector<char> Message(uint32_t eventId, const uint8_t* payload, size_t size) {
+    std::vector<char> message(Common::kMsgHeadSize + size);
+    Common::PutMsgHead(message.data(), eventId, 50, 1, static_cast<uint32_t>(size));
+    std::copy(payload, payload + size, message.begin() + Common::kMsgHeadSize);
+    return message;
+}
+
+// A running upgrade of a good 300-byte image: the box knows its version, is online, was
+// triggered and has the file; what the input then answers is up to the input.
+void StartUpgrade(CSerialDevExtendBox* box) {
+    box->AnalySerialData(5, "\x04\x03V10");
+    box->SetCurPeripheralStatus(true);
+    const uint8_t trigger[10] = {0, 1, 0, 4, 0, 0, 0, 0, 0, 1};
+    const std::vector<char> t = Message(EVENT_EXTEND_UPGRADE_TRIGGER, trigger, sizeof trigger);
+    box->OnTriggerExtendUpgrade(t.data(), static_cast<int>(t.size()));
+    std::vector<uint8_t> record(104 + 180 + 300);
+    record[0] = 1;
+    record[1] = 3;
+    memcpy(record.data() + 4, "V2.CRC", 6);
+    Common::PutLe32(record.data() + 68, 180 + 300);
+    Common::PutLe32(record.data() + 200, 1);
+    for (size_t i = 0; i < 300; ++i) {
+        record[284 + i] = static_cast<uint8_t>(i);
+    }
+    Common::PutLe32(record.data() + 268,
+                    static_cast<uint32_t>(Crc_32(0, record.data() + 284, 300)));
+    Common::PutLe32(record.data() + 280, 300);
+    const std::vector<char> f =
+        Message(EventAnswerOf(EVENT_GET_EXTEND_UPGRADE_FILE), record.data(), record.size());
+    box->OnGetExtendUpgradeFileAck(f.data(), static_cast<int>(f.size()));
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
@@ -50,7 +86,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
     // An exact copy of what is fed, so that a read past it shows.
     const std::vector<char> rest(data + 1, data + size);
-    switch (data[0] % 4) {
+    switch (data[0] % 6) {
         case 0:
             box->PreProcessPeripheralData(rest.data(), static_cast<unsigned int>(rest.size()));
             break;
@@ -62,7 +98,24 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         case 2:
             box->AnalySerialData(static_cast<unsigned int>(rest.size()), rest.data());
             break;
-        default:
+        case 4: {  // any upgrade file record
+            const std::vector<char> m =
+                Message(EventAnswerOf(EVENT_GET_EXTEND_UPGRADE_FILE), data + 1, size - 1);
+            box->OnGetExtendUpgradeFileAck(m.data(), static_cast<int>(m.size()));
+            break;
+        }
+        case 5: {  // answers, one per length-prefixed piece, during a running upgrade
+            StartUpgrade(box);
+            size_t at = 1;
+            while (at < size) {
+                const size_t take = std::min<size_t>(data[at], size - at - 1);
+                const std::vector<char> answer(data + at + 1, data + at + 1 + take);
+                box->AnalySerialData(static_cast<unsigned int>(answer.size()), answer.data());
+                at += 1 + take;
+            }
+            break;
+        }
+        case 3:
             box->LockSerialBuffer();
             if (!rest.empty() && box->SetSerialBufferValue(
                                      rest.data(), static_cast<unsigned int>(rest.size())) == 0) {

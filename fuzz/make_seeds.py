@@ -153,6 +153,19 @@ def extend_box():
     write(t, "upgrade-answers", b"\x02" + bytes([1, 6]) + b"READY\x00")
     write(t, "line-answer", b"\x02" + bytes([2, 5, 0, 0, 0, 1, 1]))
     write(t, "unframed", b"\x03" + bytes([4, 7, 1, 0x31]))
+    image = bytes(range(100))
+    record = bytearray(284)
+    record[0:3] = bytes([1, 3, 0])
+    record[4:10] = b"V2.CRC"
+    record[68:72] = struct.pack("<I", 180 + len(image))
+    record[200:204] = struct.pack("<I", 1)
+    record[268:272] = struct.pack("<I", crc32_register(image))
+    record[280:284] = struct.pack("<I", len(image))
+    write(t, "upgrade-file", b"\x04" + bytes(record) + image)
+    # READY, then lines 1 and 2 acknowledged, then END answered.
+    answers = [bytes([1, 6]) + b"READY\x00", bytes([2, 5, 0, 0, 0, 1, 1]),
+               bytes([2, 5, 0, 0, 0, 2, 1]), bytes([3, 1, 1])]
+    write(t, "upgrade-running", b"\x05" + b"".join(bytes([len(a)]) + a for a in answers))
 
 
 def stuffing():

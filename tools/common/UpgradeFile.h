@@ -22,8 +22,7 @@ constexpr size_t kUpgradeRecordHeadSize = 104;  // state, type, location, reserv
 uint32_t UpgradeCrc(const uint8_t* data, size_t size);
 
 // One entry. The head carries "PMFW" and the version text for people; the service reads only N.
-std::vector<uint8_t> MakeUpgradeFile(const std::vector<uint8_t>& image,
-                                     const std::string& version);
+std::vector<uint8_t> MakeUpgradeFile(const std::vector<uint8_t>& image, const std::string& version);
 
 struct UpgradeFileInfo {
     uint32_t entries = 0;

@@ -208,6 +208,7 @@ void BoxModel::Upgrade(const Frame& in, Output& out) {
         }
         m_imageLength = Be32(payload.data() + 5);
         m_image.clear();
+        m_lineSizes.clear();
         m_nextLine = 1;
         out.toLine.push_back(Own(kCmdUpgradeStart, {'R', 'E', 'A', 'D', 'Y', 0}));
         return;
@@ -225,6 +226,7 @@ void BoxModel::Upgrade(const Frame& in, Output& out) {
         const bool good = line == m_nextLine && line != static_cast<uint32_t>(faults.failLine);
         if (good) {
             m_image.insert(m_image.end(), payload.begin() + 4, payload.end());
+            m_lineSizes.push_back(payload.size() - 4);
             ++m_nextLine;
         }
         answer.push_back(good ? 1 : 0);

@@ -90,6 +90,8 @@ public:
     // The image of the last upgrade that ended with a matching check value.
     const std::vector<uint8_t>& UpgradedImage() const { return m_done; }
     int Commands(uint8_t cmd) const;
+    // Image bytes of each upgrade line taken, in order, since the last START.
+    const std::vector<size_t>& LineSizes() const { return m_lineSizes; }
 
 private:
     Frame Own(uint8_t cmd, const std::vector<uint8_t>& payload) const;
@@ -101,6 +103,7 @@ private:
     std::map<uint8_t, int> m_counts;
     std::vector<uint8_t> m_image;
     std::vector<uint8_t> m_done;
+    std::vector<size_t> m_lineSizes;
     uint32_t m_imageLength = 0;
     uint32_t m_nextLine = 1;
 };

@@ -33,10 +33,11 @@ int Inspect(const std::string& path) {
         return 1;
     }
     const bool good = info.crc == info.computedCrc;
-    printf("%s\n  entries       %u\n  image         %u bytes\n  check value   0x%08x (%s, "
-           "computed 0x%08x)\n  version       %s\n",
-           path.c_str(), info.entries, info.imageLength, info.crc, good ? "right" : "WRONG",
-           info.computedCrc, info.version.empty() ? "(not in the head)" : info.version.c_str());
+    printf(
+        "%s\n  entries       %u\n  image         %u bytes\n  check value   0x%08x (%s, "
+        "computed 0x%08x)\n  version       %s\n",
+        path.c_str(), info.entries, info.imageLength, info.crc, good ? "right" : "WRONG",
+        info.computedCrc, info.version.empty() ? "(not in the head)" : info.version.c_str());
     return good ? 0 : 1;
 }
 
@@ -68,7 +69,8 @@ int main(int argc, char** argv) {
     }
     const std::vector<uint8_t> file = pmtools::MakeUpgradeFile(image, version);
     std::ofstream(out, std::ios::binary)
-        .write(reinterpret_cast<const char*>(file.data()), static_cast<std::streamsize>(file.size()));
+        .write(reinterpret_cast<const char*>(file.data()),
+               static_cast<std::streamsize>(file.size()));
     printf("%s: %zu bytes, image %zu bytes, check value 0x%08x, version %s\n", out.c_str(),
            file.size(), image.size(), pmtools::UpgradeCrc(image.data(), image.size()),
            version.c_str());

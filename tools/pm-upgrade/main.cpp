@@ -158,8 +158,7 @@ int main(int argc, char** argv) {
             std::lock_guard<std::mutex> guard(lock);
             got.swap(states);
         }
-        const double quiet =
-            std::chrono::duration<double>(Clock::now() - last).count();
+        const double quiet = std::chrono::duration<double>(Clock::now() - last).count();
         for (const State& s : got) {
             last = Clock::now();
             if (s.state == 0) {
@@ -178,8 +177,7 @@ int main(int argc, char** argv) {
             char bytes[64] = "";
             if (imageLength > 0) {
                 snprintf(bytes, sizeof bytes, "  %u/%u bytes",
-                         static_cast<unsigned>(uint64_t(imageLength) * percent / 100),
-                         imageLength);
+                         static_cast<unsigned>(uint64_t(imageLength) * percent / 100), imageLength);
             }
             printf("\r  [%.*s%*s] %3d%%%s  last answer %.1f s ago   ", filled,
                    "##############################", width - filled, "", percent, bytes,

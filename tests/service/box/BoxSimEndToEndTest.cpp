@@ -11,9 +11,11 @@
 #include <regex>
 #include <string>
 
+#include "PeripheralEvents.h"
 #include "SerialDevExtendBox.h"
 #include "ServiceHarness.h"
 #include "ToolProcess.h"
+#include "UpgradeFile.h"
 
 namespace {
 
@@ -93,6 +95,51 @@ TEST(BoxSimEndToEnd, SubPortBytesReachTheChildAndItsAnswerComesBack) {
         return back == "echo:$GPGGA,1\r\n";
     })) << back;
     close(device);
+    service.reset();
+    boxsim.Signal(SIGTERM);
+    EXPECT_EQ(boxsim.WaitExit(), 0);
+}
+
+// A 64 KiB image through the real tools: pm-upgrade asks, the service fetches the file from
+// "the recorder" (this test), feeds it to pm-boxsim line by line, and pm-upgrade sees state 10.
+TEST(BoxSimEndToEnd, AnUpgradeOf64KiBArrivesWholeAndPmUpgradeSucceeds) {
+    pmtest::TempDir dir;
+    const std::string received = dir.File("received.bin");
+    pmtest::ToolProcess boxsim(
+        "pm-boxsim", {"--subports", "0", "--version", "BOX-MCU-V1", "--new-version", "BOX-MCU-V2",
+                      "--image-out", received});
+    ASSERT_TRUE(boxsim.WaitOut("line: ")) << boxsim.Err();
+    const std::string line = Match(boxsim.Out(), "line: (\\S+)");
+
+    std::vector<uint8_t> image(64 * 1024);
+    for (size_t i = 0; i < image.size(); ++i) {
+        image[i] = static_cast<uint8_t>((i * 131) ^ (i >> 9));
+    }
+    auto service = std::make_unique<ServiceHarness>(
+        R"({"DEVICE_SERIAL_SETTING": [], "DEVICE_CANPORT_SETTING": [],
+            "DEVICE_ETHERNET_SETTING": [],
+            "DEVICE_PERIPHERAL_PARAM_SETTING": {"SERIAL_PARAM": [
+              {"NAME": "232-1", "POSITION": 4, "PATH": ")" +
+        line + R"("}]}})");
+    service->Watch(EVENT_GET_EXTEND_UPGRADE_FILE,
+                   pmtools::UpgradeFileRecord("BOX-MCU-V2.CRC",
+                                              pmtools::MakeUpgradeFile(image, "BOX-MCU-V2")));
+    service->Start(true);
+    ASSERT_TRUE(service->SendSetting(SerialSetting({{4, 1, 0, 6}})));
+    ASSERT_TRUE(WaitUntil(
+        [&] {
+            auto* box = dynamic_cast<CSerialDevExtendBox*>(
+                service->Manager().GetPeripheralInstance(PERIPHERAL_TYPE_SERIAL, 1, 0));
+            return box != nullptr && box->GetPendingSetup() == 0;
+        },
+        std::chrono::seconds(15)));
+
+    pmtest::ToolProcess upgrade("pm-upgrade", {"--timeout", "20"});
+    EXPECT_EQ(upgrade.WaitExit(std::chrono::seconds(60)), 0) << upgrade.Out() << upgrade.Err();
+    EXPECT_NE(upgrade.Out().find("state 10: finished"), std::string::npos) << upgrade.Out();
+    std::vector<uint8_t> got;
+    ASSERT_TRUE(pmtools::ReadWholeFile(received, got));
+    EXPECT_TRUE(got == image) << got.size() << " bytes received";
     service.reset();
     boxsim.Signal(SIGTERM);
     EXPECT_EQ(boxsim.WaitExit(), 0);
