@@ -100,6 +100,40 @@ TEST(BoxSimEndToEnd, SubPortBytesReachTheChildAndItsAnswerComesBack) {
     EXPECT_EQ(boxsim.WaitExit(), 0);
 }
 
+// A scripted box says exactly what the script says, lengths that lie included.
+TEST(BoxSimEndToEnd, AScriptStatesWhatTheBoxAnswers) {
+    pmtest::TempDir dir;
+    const std::string script = dir.Write("box.script",
+                                         "# version XY, a keep-alive that lies about its length\n"
+                                         "04 = 04 02 58 59\n"
+                                         "07 = 07 05 01\n");
+    pmtest::ToolProcess boxsim("pm-boxsim", {"--subports", "0", "--script", script});
+    ASSERT_TRUE(boxsim.WaitOut("line: ")) << boxsim.Err();
+    auto service = std::make_unique<ServiceHarness>(
+        R"({"DEVICE_SERIAL_SETTING": [], "DEVICE_CANPORT_SETTING": [],
+            "DEVICE_ETHERNET_SETTING": [],
+            "DEVICE_PERIPHERAL_PARAM_SETTING": {"SERIAL_PARAM": [
+              {"NAME": "232-1", "POSITION": 4, "PATH": ")" +
+        Match(boxsim.Out(), "line: (\\S+)") + R"("}]}})");
+    service->Register();
+    ASSERT_TRUE(service->SendSetting(SerialSetting({{4, 1, 0, 1}})));
+    auto* box = dynamic_cast<CSerialDevExtendBox*>(
+        service->Manager().GetPeripheralInstance(PERIPHERAL_TYPE_SERIAL, 1, 0));
+    ASSERT_NE(box, nullptr);
+    long long now = 1000000;
+    ASSERT_TRUE(WaitUntil([&] {
+        box->PeripheralThreadCycle(now += 1000);
+        return (box->GetPendingSetup() & 1) == 0;
+    }));
+    EXPECT_EQ(std::string(box->GetVersionText().data()), "XY");
+    box->PeripheralThreadCycle(now += 3001);  // in service: a keep-alive
+    ASSERT_TRUE(service->Logs().WaitFor("S1_EXTEND_BOX: Rev data length error, length = 5( > 1)",
+                                        std::chrono::seconds(8)));
+    service.reset();
+    boxsim.Signal(SIGTERM);
+    EXPECT_EQ(boxsim.WaitExit(), 0);
+}
+
 // A 64 KiB image through the real tools: pm-upgrade asks, the service fetches the file from
 // "the recorder" (this test), feeds it to pm-boxsim line by line, and pm-upgrade sees state 10.
 TEST(BoxSimEndToEnd, AnUpgradeOf64KiBArrivesWholeAndPmUpgradeSucceeds) {

@@ -195,6 +195,19 @@ TEST(ExtendBoxLink, CommandsAreFramedForTheirLineAndRangeChecked) {
         "S1_EXTEND_BOX: set extend serial property failed, extendId = 8"));
 }
 
+// A box whose entry is not under its own ids (sub id 5) has no parameter id: it sends nothing.
+TEST(ExtendBoxLink, ABoxWithoutAParameterIdSendsNothing) {
+    BoxFixture f;
+    ASSERT_TRUE(f.service->SendSetting(SerialSetting({{4, 1, 5, 1}})));
+    auto* box = dynamic_cast<CSerialDevExtendBox*>(
+        f.service->Manager().GetPeripheralInstance(PERIPHERAL_TYPE_SERIAL, 1, 0));
+    ASSERT_NE(box, nullptr);
+    EXPECT_EQ(box->MakeAndSendCmd(EXTEND_BOX_CMD_HEARTBEAT, 0, 0x04, 0, nullptr), 0);
+    EXPECT_TRUE(
+        f.service->Logs().Contains("S1_EXTEND_BOX: Extend box param id is error, id = 255(>12)"));
+    EXPECT_TRUE(f.end.Next(std::chrono::milliseconds(200)).body.empty());
+}
+
 TEST(ExtendBoxLink, AnMcuRelayedBoxAddressesItselfWithItsParameterId) {
     BoxFixture f;
     f.service->Watch(EVENT_MCU_SERIAL_SEND);

@@ -109,8 +109,8 @@ struct Upgradable {
     explicit Upgradable(unsigned mainId = 1, std::string version = "BOX-MCU-V1")
         : mainId(mainId),
           firmware(boxsim::BoxModel::Options{
-              static_cast<uint8_t>(mainId == 1 ? boxsim::kBoxDevice : boxsim::kHubDevice),
-              version, "BOX-MCU-V2"}),
+              static_cast<uint8_t>(mainId == 1 ? boxsim::kBoxDevice : boxsim::kHubDevice), version,
+              "BOX-MCU-V2"}),
           service(std::make_unique<ServiceHarness>(Config(firmware.Path()))) {
         service->Register();
         service->Watch(EVENT_EXTEND_UPGRADE_STATE);
@@ -249,8 +249,8 @@ TEST(ExtendBoxUpgrade, FilesThatCannotBeUsed) {
          pmtools::UpgradeFileRecord("BOX-MCU-V2.CRC", inverted), 5},
         {"more entries than the message holds",
          pmtools::UpgradeFileRecord("BOX-MCU-V2.CRC", manyEntries), 5},
-        {"an image longer than the message", pmtools::UpgradeFileRecord("BOX-MCU-V2.CRC", longImage),
-         5},
+        {"an image longer than the message",
+         pmtools::UpgradeFileRecord("BOX-MCU-V2.CRC", longImage), 5},
         {"no file", pmtools::UpgradeFileRecord("", {}), 6},
         // The box reports "BOX-MCU-V1": a file whose version starts with it is the same one.
         {"the same version, by prefix", Record("BOX-MCU-V1.05.CRC", image), 8},
@@ -300,10 +300,8 @@ TEST(HubBox, FiveUnansweredThenOfflineWithItsVersionAndIoStateCleared) {
     hub.firmware.Send(report);
     hub.firmware.Send(report);
     ASSERT_TRUE(hub.service->WaitCount(EVENT_EXTEND_IO_STATE, 2));
-    EXPECT_EQ(hub.service->Logs().Count("S1_EXTEND_BOX_HUB: m_stuExtendIOstatus.lState = 0x5"),
-              1u);
-    EXPECT_EQ(pmtest::Hex(hub.service->Received(EVENT_EXTEND_IO_STATE)[1].payload),
-              "95 00 05 00");
+    EXPECT_EQ(hub.service->Logs().Count("S1_EXTEND_BOX_HUB: m_stuExtendIOstatus.lState = 0x5"), 1u);
+    EXPECT_EQ(pmtest::Hex(hub.service->Received(EVENT_EXTEND_IO_STATE)[1].payload), "95 00 05 00");
 
     hub.firmware.With([](boxsim::BoxModel& m) { m.faults.silent = true; });
     hub.service->ClearReceived();
@@ -315,8 +313,7 @@ TEST(HubBox, FiveUnansweredThenOfflineWithItsVersionAndIoStateCleared) {
         "S1_EXTEND_BOX_HUB: Timeout is too long, and set can disconnect"));
     ASSERT_TRUE(hub.service->WaitCount(EVENT_EXTEND_IO_STATE, 1));
     ASSERT_TRUE(hub.service->WaitCount(EVENT_EXTEND_VERSION, 1));
-    EXPECT_EQ(pmtest::Hex(hub.service->Received(EVENT_EXTEND_IO_STATE)[0].payload),
-              "95 00 00 00");
+    EXPECT_EQ(pmtest::Hex(hub.service->Received(EVENT_EXTEND_IO_STATE)[0].payload), "95 00 00 00");
     const std::vector<uint8_t> version = hub.service->Received(EVENT_EXTEND_VERSION)[0].payload;
     EXPECT_EQ(version[10], 0) << "no version any more";
     EXPECT_EQ(version[37], 0);
@@ -326,8 +323,7 @@ TEST(HubBox, FiveUnansweredThenOfflineWithItsVersionAndIoStateCleared) {
     hub.service->ClearReceived();
     ASSERT_TRUE(hub.service->SendSetting(SerialSetting({})));
     ASSERT_TRUE(hub.service->WaitCount(EVENT_EXTEND_IO_STATE, 1));
-    EXPECT_EQ(pmtest::Hex(hub.service->Received(EVENT_EXTEND_IO_STATE)[0].payload),
-              "95 00 00 00");
+    EXPECT_EQ(pmtest::Hex(hub.service->Received(EVENT_EXTEND_IO_STATE)[0].payload), "95 00 00 00");
 }
 
 }  // namespace
