@@ -168,6 +168,17 @@ def extend_box():
     write(t, "upgrade-running", b"\x05" + b"".join(bytes([len(a)]) + a for a in answers))
 
 
+def alarm_speech():
+    t = "fuzz_alarm_speech"
+    with open(os.path.join(ROOT, "examples/root/usr/local/cfg/ALARM_TTS_CFG"), "rb") as f:
+        write(t, "example-root", f.read())
+    entry = {"CONTENT": "x" * 300, "PLAY_TIMES": 1, "INTERVAL": 2, "HANDLE_TYPE": 3,
+             "AO_CHN": 4, "LABABIT": 5, "MAIN_ID": 3, "SUB_ID": 0}
+    write(t, "long-and-bad", json.dumps({"ALARM_TTS_PARAM": [
+        entry, dict(entry, SUB_ID="0"), dict(entry, CONTENT=7), 5, [],
+        dict(entry, MAIN_ID=-1)]}).encode())
+
+
 def stuffing():
     t = "fuzz_stuffing"
     write(t, "marks", b"\x00\x7e\x7f\x7d\x01")
@@ -180,4 +191,5 @@ if __name__ == "__main__":
     config()
     frames()
     extend_box()
+    alarm_speech()
     stuffing()

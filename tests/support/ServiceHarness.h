@@ -90,6 +90,7 @@ public:
     using CPeripheralManage::m_mapChangedPeripPair;
     using CPeripheralManage::m_mapPeripheralLibName;
     using CPeripheralManage::m_nCurPeripheral;
+    using CPeripheralManage::m_nDebugLevel;
     using CPeripheralManage::m_nParamState;
     using CPeripheralManage::m_nStatusState;
     using CPeripheralManage::m_nVideoLossState;
@@ -103,6 +104,8 @@ public:
     using CPeripheralManage::m_stuVehicleInfo;
     using CPeripheralManage::m_ucCpxOccupy;
     using CPeripheralManage::m_ucDeviceModuleReady;
+    using CPeripheralManage::m_ucisPlugIn;
+    using CPeripheralManage::m_ucTestEnable;
 
     // Registers `instance` as if a plug-in had made it; the manager deletes it.
     void AddInstance(CPeripheralBase* instance);

@@ -131,6 +131,40 @@ static_assert(sizeof(EthernetEntry_t) == 52, "Ethernet entry is 52 bytes");
 static_assert(sizeof(paramPeripheralEtherNet_t) == 336, "Ethernet setting is 336 bytes");
 static_assert(sizeof(tag_MsgFtpSetting) == 416, "FTP setting is 416 bytes");
 
+// A ready-to-send speech request of the recorder's audio service, built from one entry of the
+// alarm speech document (ALARM_TTS_CFG); a peripheral that raises that alarm sends it as it
+// stands. One heap block of strlen(text) + 65 bytes; little-endian; the words with fixed values
+// are the audio service's. After the text's NUL follow AO channel, volume, two zero bytes and
+// the loudspeaker bits again.
+struct LinkSpeech_t {
+    uint8_t ucPlayTimes;
+    uint8_t ucInterval;
+    uint16_t usLength;  // strlen(text) + 57
+    uint8_t reserved0[4];
+    uint32_t nWord8;  // 4
+    uint8_t ucHandleType;
+    uint8_t ucExcuteType;
+    uint8_t reserved1[2];
+    uint32_t nWord16;  // 0
+    uint32_t nWord20;  // 0
+    uint8_t reserved2[8];
+    uint32_t nWord32;     // 552
+    uint32_t nWord36;     // 553
+    uint32_t nTextWords;  // strlen(text) + 9
+    uint32_t nWord44;     // 8
+    uint8_t ucAoChn;
+    uint8_t ucVolumn;
+    uint16_t usTextLength;  // strlen(text) + 1
+    uint8_t ucLababit;
+    uint8_t reserved3[3];
+    char szText[1];  // the text, then the tail described above
+};
+static_assert(offsetof(LinkSpeech_t, ucHandleType) == 12, "speech record layout");
+static_assert(offsetof(LinkSpeech_t, nWord32) == 32, "speech record layout");
+static_assert(offsetof(LinkSpeech_t, ucAoChn) == 48, "speech record layout");
+static_assert(offsetof(LinkSpeech_t, ucLababit) == 52, "speech record layout");
+static_assert(offsetof(LinkSpeech_t, szText) == 56, "speech record layout");
+
 // The manager's serial parameter block: the last serial setting, then the device path of
 // the main chip's serial port at each position 0 to 11 (empty when not configured).
 struct SerialParam_t {

@@ -132,6 +132,21 @@ public:
     int OnProcessPowerdown(const char* data, int length);
     int OnDispatchProxyData(const char* data, int length);
     int OnGetUpgradingPeripInfo(const char* data, int length);
+    // Alarm speech. 1 after a complete pass of the document, 0 when it cannot be had.
+    int AnalyseAlarmTtsConfig();
+    // The record of (mainId, subId), or null; any thread. The record stays valid until the
+    // manager goes (a reload files new records beside the old ones).
+    LinkSpeech_t* GetTtsAlarmSpeechConfig(unsigned int mainId, unsigned int subId);
+    void ReleaseAlarmTtsSpeech();
+    int OnSwitchLanguageFinished(const char* data, int length);
+    // USB disk and the factory self-test.
+    int OnGetUsbState(const char* data, int length);
+    int OnGetUDiskInfo(const char* data, int length);
+    void GetUdiskPath(char* out);  // 32 bytes
+    void OnSetAutoTest(unsigned char enable);
+    // 1 when the test serial layout was sent, 0 when the file disables the test.
+    int AnlysConfigFile(int length, char* text);
+    void OnSetAutoTestSerialParam();
 
     // Getters for plug-ins (any thread).
     unsigned int GetViChnNum() const { return m_nViChnNum; }
@@ -238,6 +253,17 @@ private:
 
     long long m_llStatusPollTime;  // clock value of the last poll of the recorder states
     bool m_bStatusPolled;          // false until the first running pass has polled
+
+    // Appended after every member that a plug-in's inline getter reads, so that those keep
+    // their offsets.
+    Json::Value m_jsonAlarmTtsCfg;
+    // Written on the manager thread, read by plug-ins from theirs: m_TtsLock guards both maps'
+    // structure. Records replaced by a reload wait in the retired list until the manager goes,
+    // since a plug-in may still hold them.
+    pthread_mutex_t m_TtsLock;
+    std::map<unsigned int, std::map<unsigned int, LinkSpeech_t*>> m_mapAlarmTtsSpeech;
+    std::vector<LinkSpeech_t*> m_vecRetiredTtsSpeech;
+    char m_szUdiskPath[32];
 };
 
 // The service library's entry for the host.

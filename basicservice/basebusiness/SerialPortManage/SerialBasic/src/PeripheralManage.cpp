@@ -6,6 +6,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -17,6 +18,7 @@
 #include "MutexGuard.h"
 #include "CommonLog.h"
 #include "CommonTime.h"
+#include "GuiToolkit.h"
 #include "PeripheralBase.h"
 #include "PeripheralEvents.h"
 #include "SerialBase.h"
@@ -42,8 +44,6 @@ struct PhmEvent {
 
 // Handlers of one event run in registration order, and plug-ins that register an event of
 // this table after the manager rely on its handler having run first.
-// OnSwitchLanguageFinished (6739), OnGetUsbState (33827, 1060) and OnGetUDiskInfo (33887)
-// arrive with the alarm speech and USB self-test work.
 const PhmEvent kRegisteredEvents[] = {
     {EVENT_DEBUG_LEVEL, &CPeripheralManage::OnSetDebugLevel},
     {EventAnswerOf(EVENT_GET_DEVICE_MODULE_STATE), &CPeripheralManage::OnDeviceModuleComplete},
@@ -68,6 +68,10 @@ const PhmEvent kRegisteredEvents[] = {
     {EVENT_VEHICLE_INFO, &CPeripheralManage::OnUpdateDeviceVehicleInfo},
     {EventAnswerOf(EVENT_GET_FTP_PARAM), &CPeripheralManage::OnGetFtpParam},
     {EVENT_FTP_PARAM_CHANGED, &CPeripheralManage::OnGetFtpParam},
+    {EVENT_LANGUAGE_SWITCHED, &CPeripheralManage::OnSwitchLanguageFinished},
+    {EventAnswerOf(EVENT_GET_USB_STATE), &CPeripheralManage::OnGetUsbState},
+    {EVENT_USB_STATE, &CPeripheralManage::OnGetUsbState},
+    {EventAnswerOf(EVENT_GET_UDISK_INFO), &CPeripheralManage::OnGetUDiskInfo},
     {EVENT_POWER_DOWN_9, &CPeripheralManage::OnProcessPowerdown},
     {EVENT_POWER_DOWN_8, &CPeripheralManage::OnProcessPowerdown},
     {EVENT_POWER_DOWN_1035, &CPeripheralManage::OnProcessPowerdown},
@@ -347,7 +351,10 @@ CPeripheralManage::CPeripheralManage()
       m_ucisPlugIn(1),
       m_nDebugLevel(0),
       m_llStatusPollTime(0),
-      m_bStatusPolled(false) {
+      m_bStatusPolled(false),
+      m_jsonAlarmTtsCfg(),
+      m_TtsLock(),
+      m_szUdiskPath{} {
     m_eServiceProductType = Q7R_GetProductType();
     m_pMsgClient = new CMsgClientManage("BasicService.10", 300000);
     m_nServiceState = 1;
@@ -359,6 +366,7 @@ CPeripheralManage::CPeripheralManage()
     pthread_mutex_init(&m_VideoLossLock, nullptr);
     pthread_mutex_init(&m_LedLock, nullptr);
     pthread_mutex_init(&m_FtpLock, nullptr);
+    pthread_mutex_init(&m_TtsLock, nullptr);
 
     m_pSerialDevOperate = new CSerialDevOperate();
 
@@ -367,14 +375,14 @@ CPeripheralManage::CPeripheralManage()
         PM_LOG(0, kLogTag, "Load Peripheral Config failed, and exit!!!\n");
         exit(1);
     }
-    // The alarm speech configuration arrives with the alarm speech work.
+    AnalyseAlarmTtsConfig();
     PM_LOG(1, kLogTag, "**CPeripheralManage** instance is construct, m_nMsgId = %d\n", m_nMsgId);
 }
 
 CPeripheralManage::~CPeripheralManage() {
     PhmMessageUnRegister();
     Stop();
-    // The alarm speech entries are released here once the alarm speech work arrives.
+    ReleaseAlarmTtsSpeech();
     // The instances go before the device layer and the bus client: their releasers close
     // ports and unregister events through both.
     for (PeripheralProperty_t& record : m_listPeripheralPlugin) {
@@ -392,6 +400,7 @@ CPeripheralManage::~CPeripheralManage() {
     m_pSerialDevOperate = nullptr;
     delete m_pMsgClient;
     m_pMsgClient = nullptr;
+    pthread_mutex_destroy(&m_TtsLock);
     pthread_mutex_destroy(&m_FtpLock);
     pthread_mutex_destroy(&m_LedLock);
     pthread_mutex_destroy(&m_VideoLossLock);
@@ -1601,4 +1610,310 @@ void CPeripheralManage::hex_dump(std::string title, const char* data, unsigned i
         }
     }
     puts("\n");
+}
+
+// ---------------------------------------------------------------------------------------------
+// Alarm speech
+
+namespace {
+
+constexpr const char kTtsDocument[] = "ALARM_TTS_CFG";
+constexpr const char kTtsDocumentPath[] = "/usr/local/cfg/ALARM_TTS_CFG";
+constexpr size_t kTtsTextSize = 128;
+constexpr size_t kSpeechTailSize = 65;  // the record's bytes besides the text's characters
+const char* const kTtsIntKeys[] = {"PLAY_TIMES", "INTERVAL", "HANDLE_TYPE", "AO_CHN",
+                                   "LABABIT",    "MAIN_ID",  "SUB_ID"};
+
+int JsonInt(const Json::Value& object, const char* key) {
+    const Json::Value& member = JsonMember(object, key);
+    return member.isInt() ? member.asInt() : 0;
+}
+
+// The record of one document entry whose keys were checked; null when there is no memory.
+LinkSpeech_t* MakeSpeechRecord(const Json::Value& entry, const char* text) {
+    const size_t length = strlen(text);
+    auto* bytes = static_cast<uint8_t*>(calloc(1, length + kSpeechTailSize));
+    if (bytes == nullptr) {
+        return nullptr;
+    }
+    const int aoChn = JsonInt(entry, "AO_CHN");
+    const int volume = JsonInt(entry, "VOLUMN");
+    const int lababit = JsonInt(entry, "LABABIT");
+    bytes[0] = static_cast<uint8_t>(JsonInt(entry, "PLAY_TIMES"));
+    bytes[1] = static_cast<uint8_t>(JsonInt(entry, "INTERVAL"));
+    Common::PutLe16(bytes + 2, static_cast<uint32_t>(length + 57));
+    Common::PutLe32(bytes + 8, 4);
+    bytes[12] = static_cast<uint8_t>(JsonInt(entry, "HANDLE_TYPE"));
+    bytes[13] = static_cast<uint8_t>(JsonInt(entry, "EXCUTE_TYPE"));
+    Common::PutLe32(bytes + 32, 552);
+    Common::PutLe32(bytes + 36, 553);
+    Common::PutLe32(bytes + 40, static_cast<uint32_t>(length + 9));
+    Common::PutLe32(bytes + 44, 8);
+    bytes[48] = static_cast<uint8_t>(aoChn);
+    bytes[49] = static_cast<uint8_t>(volume);
+    Common::PutLe16(bytes + 50, static_cast<uint32_t>(length + 1));
+    bytes[52] = static_cast<uint8_t>(lababit);
+    memcpy(bytes + 56, text, length + 1);
+    bytes[57 + length] = static_cast<uint8_t>(aoChn);
+    bytes[58 + length] = static_cast<uint8_t>(volume);
+    bytes[61 + length] = static_cast<uint8_t>(lababit);
+    return reinterpret_cast<LinkSpeech_t*>(bytes);
+}
+
+}  // namespace
+
+int CPeripheralManage::AnalyseAlarmTtsConfig() {
+    setenv(kTtsDocument, kTtsDocumentPath, 1);
+    if (Q7R_GetJsonByEnv(kTtsDocument, m_jsonAlarmTtsCfg) != 0) {
+        PM_LOG(0, "", "S_MAMAGE:: Q7R_GetJsonByEnv ALARM_TTS_CFG faild!\n");
+        return 0;
+    }
+    const Json::Value& entries = JsonArray(m_jsonAlarmTtsCfg, "ALARM_TTS_PARAM");
+    for (Json::ArrayIndex i = 0; i < entries.size(); ++i) {
+        const Json::Value& entry = entries[i];
+        if (!JsonMember(entry, "CONTENT").isString()) {
+            continue;
+        }
+        bool complete = true;
+        for (const char* key : kTtsIntKeys) {
+            complete = complete && JsonMember(entry, key).isInt();
+        }
+        if (!complete) {
+            continue;
+        }
+        char text[kTtsTextSize] = {};
+        snprintf(text, sizeof(text), "%s\n",
+                 GuiTKGetText(nullptr, nullptr, JsonMember(entry, "CONTENT").asCString()));
+        LinkSpeech_t* record = MakeSpeechRecord(entry, text);
+        if (record == nullptr) {
+            continue;
+        }
+        const auto mainId = static_cast<unsigned int>(JsonInt(entry, "MAIN_ID"));
+        const auto subId = static_cast<unsigned int>(JsonInt(entry, "SUB_ID"));
+        {
+            MutexGuard guard(m_TtsLock);
+            LinkSpeech_t*& slot = m_mapAlarmTtsSpeech[mainId][subId];
+            if (slot != nullptr) {
+                m_vecRetiredTtsSpeech.push_back(slot);  // a plug-in may still hold it
+            }
+            slot = record;
+        }
+        PM_LOG(2, kLogTag,
+               "Analy TTS alarm config, mainId = %d, subId = %d, times = %d, volumn = %d, "
+               "len = %d, content = %s, %s\n",
+               mainId, subId, record->ucPlayTimes, record->ucVolumn,
+               Common::GetLe16(&record->usTextLength), record->szText, text);
+    }
+    return 1;
+}
+
+LinkSpeech_t* CPeripheralManage::GetTtsAlarmSpeechConfig(unsigned int mainId, unsigned int subId) {
+    MutexGuard guard(m_TtsLock);
+    auto byMain = m_mapAlarmTtsSpeech.find(mainId);
+    if (byMain == m_mapAlarmTtsSpeech.end()) {
+        return nullptr;
+    }
+    auto bySub = byMain->second.find(subId);
+    return bySub == byMain->second.end() ? nullptr : bySub->second;
+}
+
+void CPeripheralManage::ReleaseAlarmTtsSpeech() {
+    MutexGuard guard(m_TtsLock);
+    for (auto& byMain : m_mapAlarmTtsSpeech) {
+        for (auto& bySub : byMain.second) {
+            free(bySub.second);
+            bySub.second = nullptr;
+        }
+    }
+    m_mapAlarmTtsSpeech.clear();
+    for (LinkSpeech_t* record : m_vecRetiredTtsSpeech) {
+        free(record);
+    }
+    m_vecRetiredTtsSpeech.clear();
+}
+
+int CPeripheralManage::OnSwitchLanguageFinished(const char* data, int length) {
+    if (MsgView(data, length).TooShort()) {
+        PM_LOG(0, kLogTag, "OnSwitchLanguageFinished param error\n");
+        return -1;
+    }
+    PM_LOG(1, kLogTag, "Language changed, and reload alarm TTS config\n");
+    GuiTKReloadLanguage();  // the texts of the new language
+    if (AnalyseAlarmTtsConfig() != 0) {
+        // Logged when the reload worked: the recorder's tools expect this line so.
+        PM_LOG(0, kLogTag, "Reload TTS alarm config failed\n");
+    }
+    return 0;
+}
+
+// ---------------------------------------------------------------------------------------------
+// USB disk and the factory self-test
+
+namespace {
+
+constexpr uint32_t kUsbStateLength = 72;
+constexpr uint32_t kUDiskInfoMinLength = 8;
+constexpr size_t kUDiskEntryOffset = 48;
+constexpr size_t kUDiskEntrySize = 80;
+constexpr size_t kUDiskEntries = 4;
+constexpr size_t kUDiskMountSize = 40;
+constexpr size_t kUDiskSizeOffset = 40;
+constexpr uint64_t kUDiskMinRecordSize = 10000000;
+constexpr size_t kUDiskPathSize = 128;
+constexpr size_t kTestFileReadSize = 128;
+constexpr const char kTestFile[] = "/AutoTest/AUTO_TEST_CFG";
+
+struct TestPort {
+    int port;
+    int extend;  // -1: the port entry itself
+    uint8_t mainFun, baudrate, subFun;
+};
+
+// Where the factory's test peripherals go, by product type.
+std::vector<TestPort> TestLayout(eProductType type) {
+    switch (type) {
+        case 6:
+        case 18:  // behind an extension box on port 4
+            return {{4, -1, 1, 5, 0}, {4, 0, 34, 5, 0}, {4, 1, 36, 1, 0}};
+        case 16:
+        case 20:
+            return {{1, -1, 36, 1, 0}};
+        case 47:
+        case 48:
+            return {{1, -1, 36, 1, 0}, {0, -1, 34, 5, 0}};
+        case 14:
+            return {{4, -1, 36, 1, 0}};
+        default:
+            return {{0, -1, 36, 1, 0}};
+    }
+}
+
+}  // namespace
+
+int CPeripheralManage::OnGetUsbState(const char* data, int length) {
+    MsgView msg(data, length);
+    if (msg.TooShort()) {
+        PM_LOG(0, "", "adjust speed param length error \n");
+        return -1;
+    }
+    if (msg.HeadLength() != kUsbStateLength) {
+        PM_LOG(0, "", "phead->length =%d\n", msg.HeadLength());
+        return -1;
+    }
+    const uint8_t plugIn = msg.Payload().Byte(0);
+    // "U-disk in, read the file", in the recorder's own encoding (GBK).
+    PM_LOG(3, "", "U\xc5\xcc\xb2\xe5\xc8\xeb \xb6\xc1\xce\xc4\xbc\xfe usbInfo->ucisPlugIn=%d\n",
+           plugIn);
+    if (plugIn == 1) {
+        m_ucisPlugIn = 1;
+        PM_LOG(1, "", "Usb plugin  usbInfo->ucisPlugIn=%d\n", plugIn);
+    } else if (m_ucTestEnable == 1) {
+        PM_LOG(0, "", " Usb plug out  usbInfo->ucisPlugIn=%d\n", plugIn);
+        // The recorder answers with its real serial setting, which ends the test layout.
+        m_pMsgClient->MSGSendMessage(0, EVENT_GET_SERIAL_PARAM, 1, nullptr, 0, m_nMsgId);
+    }
+    return 0;
+}
+
+int CPeripheralManage::OnGetUDiskInfo(const char* data, int length) {
+    MsgView msg(data, length);
+    if (msg.TooShort()) {
+        PM_LOG(0, "", "ipc param length error \n");
+        return -1;
+    }
+    if (msg.HeadLength() < kUDiskInfoMinLength) {
+        PM_LOG(0, "", "safety warning failed msgerror=%d\n", msg.HeadLength());
+        return -1;
+    }
+    char path[kUDiskPathSize] = {};
+    char file[kTestFileReadSize + 1] = {};  // the text always ends within it
+    m_ucisPlugIn = 0;
+    PM_LOG(1, "", "m_ucisPlugIn = %d\n", m_ucisPlugIn);
+    const MsgView payload = msg.Payload();
+    std::string mount;
+    uint64_t recordSize = 0;
+    for (size_t k = 0; k < kUDiskEntries && mount.empty(); ++k) {
+        const size_t entry = kUDiskEntryOffset + kUDiskEntrySize * k;
+        char text[kUDiskMountSize + 1] = {};  // a directory without its NUL ends here
+        payload.Copy(entry, text, kUDiskMountSize);
+        mount = text;
+        recordSize = static_cast<uint64_t>(payload.U32(entry + kUDiskSizeOffset)) |
+                     static_cast<uint64_t>(payload.U32(entry + kUDiskSizeOffset + 4)) << 32;
+    }
+    if (mount.empty()) {
+        return 0;
+    }
+    snprintf(path, sizeof(path), "%s%s", mount.c_str(), kTestFile);
+    snprintf(m_szUdiskPath, sizeof(m_szUdiskPath), "%s", mount.c_str());
+    PM_LOG(3, "", "U disk dir = %s\n", path);
+    if (recordSize != 0 && recordSize < kUDiskMinRecordSize) {
+        PM_LOG(3, "", "Udisk total record size less than 10M!!!\n");
+        return 0;
+    }
+    // Not blocking: a FIFO in the file's place must not hold the manager thread.
+    const int fd = open(path, O_RDWR | O_NONBLOCK | O_CLOEXEC);
+    struct stat info;
+    if (fd < 0 || fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) {
+        PM_LOG(0, "", " open parafd file failed !\n");
+        if (fd >= 0) {
+            close(fd);
+        }
+        return -1;
+    }
+    lseek(fd, 1, SEEK_SET);  // the file's first byte is not part of the text
+    const ssize_t got = read(fd, file, kTestFileReadSize);
+    if (got == 0) {
+        PM_LOG(0, "", "****mbeko,test, Read buf file fail,length = %d\n", static_cast<int>(got));
+    }
+    AnlysConfigFile(static_cast<int>(got), file);
+    close(fd);
+    return 0;
+}
+
+void CPeripheralManage::GetUdiskPath(char* out) {
+    if (out != nullptr) {
+        memcpy(out, m_szUdiskPath, sizeof(m_szUdiskPath));
+    }
+}
+
+void CPeripheralManage::OnSetAutoTest(unsigned char enable) {
+    m_ucTestEnable = enable;
+    PM_LOG(0, "", " m_ucTestEnable=%d\n", m_ucTestEnable);
+}
+
+int CPeripheralManage::AnlysConfigFile(int, char* text) {
+    if (text == nullptr) {
+        return 0;
+    }
+    PM_LOG(0, "", "%s \n", text);
+    if (strstr(text, "TEST_ENABLE") != nullptr) {
+        // Loose on purpose: "true" anywhere in the text enables the test.
+        if (strstr(text, "true") != nullptr) {
+            m_ucTestEnable = 1;
+        } else {
+            PM_LOG(0, "", "%s \n", text);
+            return 0;
+        }
+    }
+    OnSetAutoTestSerialParam();
+    return 1;
+}
+
+void CPeripheralManage::OnSetAutoTestSerialParam() {
+    paramSerialSetting_t setting = m_stuSystemSerialParam.stuSerialSetting;
+    for (const TestPort& t : TestLayout(Q7R_GetProductType())) {
+        SerialPortEntry_t& port = setting.port[t.port];
+        if (t.extend < 0) {
+            port.mainFun = t.mainFun;
+            port.baudrate = t.baudrate;
+            port.subFun = t.subFun;
+        } else {
+            port.extend[t.extend].mainFun = t.mainFun;
+            port.extend[t.extend].baudrate = t.baudrate;
+            port.extend[t.extend].subFun = t.subFun;
+        }
+    }
+    m_pMsgClient->MSGSendMessage(0, EVENT_SERIAL_PARAM_CHANGED, 0,
+                                 reinterpret_cast<const char*>(&setting), sizeof(setting),
+                                 m_nMsgId);
 }
