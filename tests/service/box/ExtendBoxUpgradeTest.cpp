@@ -215,7 +215,12 @@ TEST(ExtendBoxUpgrade, TriggersThatAreRefusedEndInTheirState) {
         SCOPED_TRACE("offline");
         Upgradable u;
         ASSERT_TRUE(u.BringUp());
-        u.box->SetCurPeripheralStatus(false);
+        // Silent from now on: three keep-alives later it counts as offline.
+        u.firmware.With([](boxsim::BoxModel& m) { m.faults.silent = true; });
+        for (int i = 0; i < 20 && u.box->GetCurPeripheralStatus(); ++i) {
+            u.box->PeripheralThreadCycle(u.now += 1000);
+        }
+        ASSERT_FALSE(u.box->GetCurPeripheralStatus());
         u.Upgrade(record, 1);
         EXPECT_TRUE(u.WaitFinal(4));
     }
@@ -225,7 +230,12 @@ TEST(ExtendBoxUpgrade, TriggersThatAreRefusedEndInTheirState) {
         ASSERT_TRUE(u.BringUp());
         u.firmware.With([](boxsim::BoxModel& m) { m.faults.stopAfterLine = 3; });
         u.Upgrade(record, 0);
-        ASSERT_TRUE(u.service->Pump([&] { return u.box->IsUpgrading(); }));
+        // Line 3 goes unanswered: from then on the running upgrade broadcasts nothing.
+        ASSERT_TRUE(u.service->Pump([&] {
+            int lines = 0;
+            u.firmware.With([&](boxsim::BoxModel& m) { lines = m.Commands(0x02); });
+            return lines >= 3;
+        }));
         u.service->Send(EVENT_EXTEND_UPGRADE_TRIGGER, Trigger(1, 1));
         ASSERT_TRUE(u.WaitFinal(7));
         EXPECT_TRUE(u.box->IsUpgrading()) << "the running upgrade goes on";

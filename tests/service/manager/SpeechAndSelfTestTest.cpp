@@ -20,7 +20,8 @@ namespace {
 using pmtest::Message;
 using pmtest::ServiceHarness;
 
-std::string Entry(const std::string& content, int mainId, int subId, const std::string& subKey = "") {
+std::string Entry(const std::string& content, int mainId, int subId,
+                  const std::string& subKey = "") {
     return R"({"CONTENT": ")" + content +
            R"(", "PLAY_TIMES": 2, "INTERVAL": 3, "HANDLE_TYPE": 5, "AO_CHN": 1, "LABABIT": 9,
               "MAIN_ID": )" +
@@ -39,7 +40,8 @@ struct Speech : ::testing::Test {
         for (const std::string& e : entries) {
             list += (list.empty() ? "" : ",") + e;
         }
-        service.Root().Write("usr/local/cfg/ALARM_TTS_CFG", R"({"ALARM_TTS_PARAM": [)" + list + "]}");
+        service.Root().Write("usr/local/cfg/ALARM_TTS_CFG",
+                             R"({"ALARM_TTS_PARAM": [)" + list + "]}");
     }
     ServiceHarness service{pmtest::kNoPeripherals, R"({"LANGUAGE": "en"})"};
 };
@@ -182,12 +184,9 @@ TEST_F(SelfTest, EachProductTypePlacesItsTesters) {
         int productType;
         std::vector<std::pair<int, std::string>> ports;  // port, "main baud sub [ext...]"
     } cases[] = {
-        {6, {{4, "01 05 00"}}},
-        {18, {{4, "01 05 00"}}},
-        {16, {{1, "24 01 00"}}},
-        {47, {{0, "22 05 00"}, {1, "24 01 00"}}},
-        {14, {{4, "24 01 00"}}},
-        {3, {{0, "24 01 00"}}},
+        {6, {{4, "01 05 00"}}},  {18, {{4, "01 05 00"}}},
+        {16, {{1, "24 01 00"}}}, {47, {{0, "22 05 00"}, {1, "24 01 00"}}},
+        {14, {{4, "24 01 00"}}}, {3, {{0, "24 01 00"}}},
     };
     TestFile("xTEST_ENABLE=true");
     for (const auto& c : cases) {
