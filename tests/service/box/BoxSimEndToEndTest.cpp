@@ -8,7 +8,6 @@
 #include <gtest/gtest.h>
 
 #include <memory>
-#include <regex>
 #include <string>
 
 #include "PeripheralEvents.h"
@@ -38,9 +37,14 @@ public:
     }
 };
 
-std::string Match(const std::string& text, const std::string& pattern) {
-    std::smatch found;
-    return std::regex_search(text, found, std::regex(pattern)) ? found[1].str() : "";
+// The word after `label` in pm-boxsim's output ("line: /dev/pts/3").
+std::string After(const std::string& text, const std::string& label) {
+    const size_t at = text.find(label);
+    if (at == std::string::npos) {
+        return std::string();
+    }
+    const size_t start = at + label.size();
+    return text.substr(start, text.find_first_of(" \n", start) - start);
 }
 
 int OpenRaw(const std::string& path) {
@@ -56,8 +60,8 @@ int OpenRaw(const std::string& path) {
 TEST(BoxSimEndToEnd, SubPortBytesReachTheChildAndItsAnswerComesBack) {
     pmtest::ToolProcess boxsim("pm-boxsim", {"--subports", "2"});
     ASSERT_TRUE(boxsim.WaitOut("sub 2: ")) << boxsim.Err();
-    const std::string line = Match(boxsim.Out(), "line: (\\S+)");
-    const std::string sub2 = Match(boxsim.Out(), "sub 2: (\\S+)");
+    const std::string line = After(boxsim.Out(), "line: ");
+    const std::string sub2 = After(boxsim.Out(), "sub 2: ");
     ASSERT_FALSE(line.empty());
 
     auto service = std::make_unique<ServiceHarness>(
@@ -114,7 +118,7 @@ TEST(BoxSimEndToEnd, AScriptStatesWhatTheBoxAnswers) {
             "DEVICE_ETHERNET_SETTING": [],
             "DEVICE_PERIPHERAL_PARAM_SETTING": {"SERIAL_PARAM": [
               {"NAME": "232-1", "POSITION": 4, "PATH": ")" +
-        Match(boxsim.Out(), "line: (\\S+)") + R"("}]}})");
+        After(boxsim.Out(), "line: ") + R"("}]}})");
     service->Register();
     ASSERT_TRUE(service->SendSetting(SerialSetting({{4, 1, 0, 1}})));
     auto* box = dynamic_cast<CSerialDevExtendBox*>(
@@ -143,7 +147,7 @@ TEST(BoxSimEndToEnd, AnUpgradeOf64KiBArrivesWholeAndPmUpgradeSucceeds) {
         "pm-boxsim", {"--subports", "0", "--version", "BOX-MCU-V1", "--new-version", "BOX-MCU-V2",
                       "--image-out", received});
     ASSERT_TRUE(boxsim.WaitOut("line: ")) << boxsim.Err();
-    const std::string line = Match(boxsim.Out(), "line: (\\S+)");
+    const std::string line = After(boxsim.Out(), "line: ");
 
     std::vector<uint8_t> image(64 * 1024);
     for (size_t i = 0; i < image.size(); ++i) {
