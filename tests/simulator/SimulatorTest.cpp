@@ -1,5 +1,8 @@
 // The simulator on a real bus, seen from the service's side: answers, readiness, the MCU relay
 // through real ptys, the CAN module, the recorder root and the command itself.
+#include <fstream>
+#include <iterator>
+
 #include <gtest/gtest.h>
 #include <fcntl.h>
 #include <poll.h>
@@ -102,6 +105,39 @@ TEST_F(SimulatorTest, AnswersEveryRequestWithItsRecord) {
         EXPECT_EQ(answer.head.length, expected.size()) << request;
         EXPECT_EQ(answer.payload, expected) << request;
     }
+}
+
+// The disk and the language of a recorder in use: plug, details naming the folder, unplug;
+// the language written where the service reads it, then announced.
+TEST_F(SimulatorTest, PlaysAUsbDiskAndALanguageSwitch) {
+    m_root.Write("usr/local/cfg/SYSTEM_CONFIG", R"({"PRODUCT_TYPE": 6, "LANGUAGE": "en"})");
+    for (uint32_t id : {uint32_t{EVENT_USB_STATE}, uint32_t{EVENT_LANGUAGE_SWITCHED},
+                        uint32_t{EVENT_GET_UDISK_INFO | 0x8000}}) {
+        m_service.Record(id);
+    }
+    Start(R"({})");
+    ASSERT_TRUE(m_sim->Execute("usb plug media/usb0").ok);
+    ASSERT_TRUE(m_service.WaitFor(EVENT_USB_STATE));
+    Bytes state = m_service.Seen(EVENT_USB_STATE)[0].payload;
+    ASSERT_EQ(state.size(), 72u);
+    EXPECT_EQ(state[0], 1);
+    m_service.Send(EVENT_GET_UDISK_INFO, {}, true);
+    ASSERT_TRUE(m_service.WaitFor(EVENT_GET_UDISK_INFO | 0x8000));
+    const Bytes details = m_service.Seen(EVENT_GET_UDISK_INFO | 0x8000)[0].payload;
+    ASSERT_EQ(details.size(), 368u);
+    EXPECT_EQ(std::string(reinterpret_cast<const char*>(details.data()) + 48),
+              m_root.Path() + "/media/usb0");
+    ASSERT_TRUE(m_sim->Execute("usb unplug").ok);
+    ASSERT_TRUE(m_service.WaitFor(EVENT_USB_STATE, 2));
+    EXPECT_EQ(m_service.Seen(EVENT_USB_STATE)[1].payload[0], 0);
+
+    ASSERT_TRUE(m_sim->Execute("language de").ok);
+    ASSERT_TRUE(m_service.WaitFor(EVENT_LANGUAGE_SWITCHED));
+    std::ifstream in(m_root.File("usr/local/cfg/SYSTEM_CONFIG"));
+    const std::string config((std::istreambuf_iterator<char>(in)),
+                             std::istreambuf_iterator<char>());
+    EXPECT_NE(config.find("\"LANGUAGE\" : \"de\""), std::string::npos) << config;
+    EXPECT_NE(config.find("\"PRODUCT_TYPE\" : 6"), std::string::npos) << "the rest stays";
 }
 
 TEST_F(SimulatorTest, NotReadyUntilToldThenReadyAndTheCpxTtyReleased) {

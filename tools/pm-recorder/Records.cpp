@@ -159,10 +159,10 @@ Bytes EncodeDeviceModuleState(bool ready) {
 Bytes EncodeUDiskInfo(const UDisk& disk, const std::string& mount) {
     Bytes b(kUDiskInfoSize, 0);
     if (disk.present) {
-        // Entry 0 at data offset 32: mount directory (NUL-terminated, 40 bytes), size at 40.
-        memcpy(b.data() + 32, mount.data(), std::min<size_t>(mount.size(), 39));
-        Common::PutLe32(b.data() + 32 + 40, static_cast<uint32_t>(disk.recordSize));
-        Common::PutLe32(b.data() + 32 + 44, static_cast<uint32_t>(disk.recordSize >> 32));
+        // Entry 0 at payload offset 48: mount directory (NUL-terminated, 40 bytes), size at 40.
+        memcpy(b.data() + 48, mount.data(), std::min<size_t>(mount.size(), 39));
+        Common::PutLe32(b.data() + 48 + 40, static_cast<uint32_t>(disk.recordSize));
+        Common::PutLe32(b.data() + 48 + 44, static_cast<uint32_t>(disk.recordSize >> 32));
     }
     return b;
 }

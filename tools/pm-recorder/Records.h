@@ -24,7 +24,8 @@ constexpr size_t kStorageRecordSize = STORAGE_STATE_SIZE;
 constexpr size_t kLedPayloadSize = 16;  // the service wants a 16-byte head length, uses 10
 constexpr size_t kVideoLossSize = 4;
 constexpr size_t kDigitalVideoLossSize = 6;
-constexpr size_t kUDiskInfoSize = 352;  // 32 bytes, then 4 disk entries of 80
+constexpr size_t kUsbStateSize = 72;
+constexpr size_t kUDiskInfoSize = 368;  // 48 bytes, then 4 disk entries of 80
 constexpr size_t kDeviceModuleStateSize = 4;
 
 // Parameter settings. The serial entry's bytes 3-6 carry data bits, stop bits, parity and flow

@@ -1,5 +1,10 @@
 #include "Simulator.h"
 
+#include <fstream>
+
+#include <json/json.h>
+
+#include "SysConfig.h"
 #include "UpgradeFile.h"
 
 #include <sys/time.h>
@@ -109,6 +114,10 @@ const char kHelp[] =
     "  debug LEVEL         debug level message (10)\n"
     "  can [canN] ID#DATA  a CAN frame on port N (default can0), through its filter\n"
     "  send ID [HEX...]    any notification, e.g. send 6739\n"
+    "  usb plug [MOUNT]    a USB disk (1060) whose details (33887) name MOUNT (default: the\n"
+    "                      scenario's udisk); below the root when relative\n"
+    "  usb unplug          the disk goes (1060)\n"
+    "  language CODE       the user switches the language: SYSTEM_CONFIG's LANGUAGE, then 6739\n"
     "  status              ports, filters, readiness\n"
     "  quit";
 
@@ -193,6 +202,24 @@ CommandReply RunSend(Simulator& sim, const std::vector<std::string>& w) {
     return Done("sent " + std::to_string(id));
 }
 
+CommandReply RunUsb(Simulator& sim, const std::vector<std::string>& w) {
+    if (w[1] == "plug") {
+        return Done(sim.PlugUsb(true, w.size() > 2 ? w[2] : std::string()));
+    }
+    if (w[1] == "unplug" && w.size() == 2) {
+        return Done(sim.PlugUsb(false, std::string()));
+    }
+    return Fail("usb plug [MOUNT] | usb unplug");
+}
+
+CommandReply RunLanguage(Simulator& sim, const std::vector<std::string>& w) {
+    std::string error;
+    if (!sim.SwitchLanguage(w[1], error)) {
+        return Fail(error);
+    }
+    return Done("language " + w[1]);
+}
+
 struct Command {
     const char* name;
     size_t minWords;
@@ -218,6 +245,8 @@ const Command kCommands[] = {
     {"debug", 2, 2, RunDebug, "debug LEVEL"},
     {"can", 2, 3, RunCan, "can [canN] ID#DATA"},
     {"send", 2, SIZE_MAX, RunSend, "send ID [HEX...]"},
+    {"usb", 2, 3, RunUsb, "usb plug [MOUNT] | usb unplug"},
+    {"language", 2, 2, RunLanguage, "language CODE"},
 };
 
 }  // namespace
@@ -482,6 +511,48 @@ void Simulator::SetReady(bool ready) {
 bool Simulator::Ready() const {
     std::lock_guard<std::mutex> guard(m_lock);
     return m_ready;
+}
+
+std::string Simulator::PlugUsb(bool plugged, const std::string& mount) {
+    std::lock_guard<std::mutex> guard(m_lock);
+    if (plugged) {
+        m_scenario.udisk.present = true;
+        if (!mount.empty()) {
+            m_scenario.udisk.mount = mount;
+        }
+    } else {
+        m_scenario.udisk.present = false;
+    }
+    Bytes state(kUsbStateSize, 0);
+    state[0] = plugged ? 1 : 0;
+    Publish(EVENT_USB_STATE, state);
+    const std::string what = plugged ? "USB disk plugged in, mount " + m_scenario.udisk.mount
+                                     : std::string("USB disk unplugged");
+    Log(1, what + " (1060)");
+    return what;
+}
+
+bool Simulator::SwitchLanguage(const std::string& language, std::string& error) {
+    const char kSystemConfig[] = "/usr/local/cfg/SYSTEM_CONFIG";
+    const std::string path =
+        m_opt.root.empty() ? Common::RecorderPath(kSystemConfig) : m_opt.root + kSystemConfig;
+    Json::Value config;
+    {
+        std::ifstream in(path);
+        Json::CharReaderBuilder builder;
+        std::string parseError;
+        if (!in || !Json::parseFromStream(builder, in, &config, &parseError) ||
+            !config.isObject()) {
+            error = "cannot read " + path;
+            return false;
+        }
+    }
+    config["LANGUAGE"] = language;
+    std::ofstream(path) << config.toStyledString();
+    std::lock_guard<std::mutex> guard(m_lock);
+    Publish(EVENT_LANGUAGE_SWITCHED, Bytes(language.begin(), language.end()));
+    Log(1, "language switched to " + language + " (6739)");
+    return true;
 }
 
 void Simulator::SendCpxRelease(const std::string& path) {

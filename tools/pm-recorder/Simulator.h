@@ -71,6 +71,10 @@ public:
     bool Apply(const Scenario& scenario, std::string& error);
     void SetReady(bool ready);
     void SendCpxRelease(const std::string& path);
+    // Plug (with the mount of the next disk details; empty: keep it) or unplug a USB disk.
+    std::string PlugUsb(bool plugged, const std::string& mount);
+    // Writes LANGUAGE into the root's SYSTEM_CONFIG, then tells the service (6739).
+    bool SwitchLanguage(const std::string& language, std::string& error);
     // Publishes any notification; `what` is for the log.
     void Notify(uint32_t eventId, const Bytes& payload, const std::string& what);
     // Hands a frame to `port` now, through that port's filter; the text says where it went.
