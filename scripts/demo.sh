@@ -3,17 +3,20 @@
 # to the sample plug-ins, and a parameter change in the middle. Prints what happened and
 # exits 0 when every step was seen.
 #
-#   scripts/demo.sh [BUILD_DIR] [--forever]
+#   scripts/demo.sh [BUILD_DIR] [--forever | --selftest]
 #
 # --forever keeps everything running until Ctrl-C (feeding the captures in a loop).
+# --selftest runs the factory self-test from a (simulated) USB disk instead.
 set -uo pipefail
 
 BUILD_DIR=build
 FOREVER=0
+SELFTEST=0
 for arg in "$@"; do
   case "$arg" in
     --forever) FOREVER=1 ;;
-    -h|--help) sed -n '2,9p' "$0"; exit 0 ;;
+    --selftest) SELFTEST=1 ;;
+    -h|--help) sed -n '2,10p' "$0"; exit 0 ;;
     *) BUILD_DIR="$arg" ;;
   esac
 done
@@ -53,6 +56,12 @@ wait_path() {
   echo "demo: $1 did not appear" >&2
   return 1
 }
+
+if [ "$SELFTEST" = 1 ]; then
+  # shellcheck source=scripts/demo-selftest.sh
+  . "$SRC/scripts/demo-selftest.sh"
+  exit $?
+fi
 
 # New firmware for the extension box, as the recorder would find it on a USB disk.
 head -c 16384 /dev/urandom >"$DEMO/box-firmware.bin"
