@@ -176,6 +176,11 @@ before_change=$(wc -l <"$DEMO/service.log")
 wait_for "$DEMO/service.log" 10 "Update Serial Instance Finished" || true
 wait_for "$DEMO/service.log" 10 "LOOPBACK: created, mainId = 36, subId = 0, link = 0" || true
 
+say "Language switch to German (pm-recorder ctl language de): the alarm speech texts follow"
+"$BIN/pm-recorder" ctl language de | sed 's/^/  /'
+wait_for "$DEMO/service.log" 10 "Analy TTS alarm config, mainId = 3, .*content = GPS-Antenne" || true
+grep -E "Analy TTS alarm config" "$DEMO/service.log" | tail -n 2 | sed 's/^/  /'
+
 say "Firmware upgrade of the box: pm-fwpack made BOX-MCU-V2.00.CRC, pm-upgrade asks for it"
 "$BIN/pm-fwpack" --inspect "$DEMO/BOX-MCU-V2.00.CRC" | sed 's/^/  /'
 "$BIN/pm-upgrade" --file "$DEMO/BOX-MCU-V2.00.CRC" --timeout 20 | sed 's/^/  /'
@@ -256,6 +261,8 @@ else
   echo "  FAIL  the box's image differs from the firmware"; failed=1
 fi
 check "new version broadcast after the upgrade" 'extend-version .*version "BOX-MCU-V2.00"' "$DEMO/monitor.log"
+check "alarm speech in English at start" "Analy TTS alarm config, mainId = 3, .*content = GPS antenna disconnected" "$DEMO/service.log"
+check "alarm speech in German after the switch" "Analy TTS alarm config, mainId = 3, .*content = GPS-Antenne getrennt" "$DEMO/service.log"
 check "J1939 engine speed decoded" "J1939: .*engine speed" "$DEMO/service.log"
 check "loopback echoes counted" "LOOPBACK: summary, .*ok = [1-9]" "$DEMO/service.log"
 check "serial instance replaced on change" "Remove serial instance, mainId = 3, subId = 0" "$DEMO/service-change.log"
