@@ -867,10 +867,14 @@ int CSerialDevExtendBox::OnGetExtendVersion(const char* msg, int len) {
     PM_LOG(1, m_variant.logTag,
            "Get version, source = %d, mainId = %d, flag = %s, version = %.32s, count = %d\n",
            record.source, record.mainId, record.flag, record.version, record.count);
-    Common::SMessageHead head;
-    memcpy(&head, msg, sizeof(head));
-    return m_pMsgClient->MSGResponseMessage(&head, reinterpret_cast<const char*>(&record),
-                                            sizeof(record));
+    return Respond(msg, &record, sizeof(record));
+}
+
+int CSerialDevExtendBox::Respond(const char* request, const void* answer, size_t size) {
+    Common::SMessageHead head;  // a copy: the handler's buffer is the bus client's
+    memcpy(&head, request, sizeof(head));
+    return m_pMsgClient->MSGResponseMessage(&head, static_cast<const char*>(answer),
+                                            static_cast<int>(size));
 }
 
 std::vector<char> CSerialDevExtendBox::GetVersionText() const {
@@ -1224,10 +1228,7 @@ int CSerialDevExtendBox::OnGetExtendUpgradeState(const char* msg, int len) {
            "Response upgrade state, source = %d, result = %d, percent = %d, flag = %s, "
            "mainId = %d\n",
            source, record.state, record.percent, record.flag, mainId);
-    Common::SMessageHead head;
-    memcpy(&head, msg, sizeof(head));
-    return m_pMsgClient->MSGResponseMessage(&head, reinterpret_cast<const char*>(&record),
-                                            sizeof(record));
+    return Respond(msg, &record, sizeof(record));
 }
 
 // ---- factory ----

@@ -197,6 +197,8 @@ protected:
     void ForgetVersion();
     void RequestVersion();
     void ResetHeartbeat() { m_nHeartbeatCount = 0; }
+    // Answers the bus request `request` (a whole message, head first) with `answer`.
+    int Respond(const char* request, const void* answer, size_t size);
 
     const ExtendBoxVariant& m_variant;
     unsigned char m_ucParamId;

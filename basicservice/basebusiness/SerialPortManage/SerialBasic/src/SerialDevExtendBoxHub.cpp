@@ -97,10 +97,7 @@ int CSerialDevExtendBoxHub::OnGetExtendIOStatus(const char* msg, int len) {
     PM_LOG(1, m_variant.logTag, "Get Extend IO status, stuIOStatus.lState = %#x \n", state);
     unsigned char answer[sizeof(ExtendIOStatus_t)] = {};  // the ids stay zero in the answer
     Common::PutLe16(answer + 2, state);
-    Common::SMessageHead head;
-    memcpy(&head, msg, sizeof(head));
-    return m_pMsgClient->MSGResponseMessage(&head, reinterpret_cast<const char*>(answer),
-                                            sizeof(answer));
+    return Respond(msg, answer, sizeof(answer));
 }
 
 CPeripheralBase* ExtendBoxHubCreate(CPeripheralManage* manage, CMsgClientManage* client,
