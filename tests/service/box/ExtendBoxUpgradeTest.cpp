@@ -168,6 +168,10 @@ TEST(ExtendBoxUpgrade, AThousandBytesGoAsSixteenLinesThenEndThenStateTen) {
         u.firmware.With([&](boxsim::BoxModel& m) { done = m.UpgradedImage() == image; });
         return done;
     }));
+    // The box has the image once it takes END; the five seconds count from when the service
+    // reads its answer, which may come a little later.
+    ASSERT_TRUE(u.service->Pump(
+        [&] { return u.service->Logs().Contains("Response end upgrade success"); }));
     u.firmware.With([&](boxsim::BoxModel& m) {
         const std::vector<size_t> sizes = m.LineSizes();
         ASSERT_EQ(sizes.size(), 16u);
@@ -284,6 +288,8 @@ TEST(ExtendBoxUpgrade, TenSecondsOfSilenceMidwayFail) {
     ASSERT_TRUE(u.service->Pump([&] {
         int lines = 0;
         u.firmware.With([&](boxsim::BoxModel& m) { lines = m.Commands(0x02); });
+        // Lines count from 1. Line 4, never answered, goes out only once the answer to line 3
+        // has been read: the clock below is then later than every answer.
         return lines >= 4;
     }));
     const long long clock = Common::Q7R_TMGetSystemMicroSecond();
