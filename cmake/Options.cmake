@@ -1,5 +1,9 @@
 # Warning and sanitizer flags shared by every target of the project.
 add_compile_options(-Wall -Wextra)
+# 64-bit file offsets on 32-bit targets too: U-disk files may pass 2 GiB, and a 32-bit
+# program under a 64-bit kernel (emulated, or on a 64-bit recorder kernel without 32-bit
+# directory cookies) gets EOVERFLOW from readdir without them, and then sees no plug-ins.
+add_compile_definitions(_FILE_OFFSET_BITS=64)
 if(WERROR)
   add_compile_options(-Werror)
 endif()
