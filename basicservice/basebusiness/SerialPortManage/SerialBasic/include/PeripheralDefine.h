@@ -122,8 +122,42 @@ struct tag_MsgFtpSetting {
     uint8_t data[416];
 };
 
+// CAN frames as the CAN module carries them, little-endian. Event 1089, after its bus head:
+// this head, then usItemNum items.
+struct CanRecvHead_t {
+    uint16_t usFuncId;  // must equal the instance's main id
+    uint16_t usSubId;
+    uint8_t ucCanPort;
+    uint8_t reserved;
+    uint16_t usItemNum;
+};
+struct CanRecvItem_t {
+    uint32_t uiCanId;
+    uint8_t ucDataLen;  // at most 8
+    uint8_t reserved[3];
+    uint8_t data[8];
+};
+// Message 1087: one frame to transmit.
+struct CanSendFrame_t {
+    uint16_t usMainId;
+    uint16_t usSubId;
+    uint16_t reserved0;
+    uint16_t usOne;  // always 1
+    uint32_t uiCanId;
+    uint8_t ucDataLen;
+    uint8_t reserved1[3];
+    uint8_t data[8];
+};
+
 #pragma pack(pop)
 
+static_assert(sizeof(CanRecvHead_t) == 8 && offsetof(CanRecvHead_t, usItemNum) == 6,
+              "CAN receive head layout");
+static_assert(sizeof(CanRecvItem_t) == 16 && offsetof(CanRecvItem_t, data) == 8,
+              "CAN receive item layout");
+static_assert(sizeof(CanSendFrame_t) == 24 && offsetof(CanSendFrame_t, uiCanId) == 8 &&
+                  offsetof(CanSendFrame_t, ucDataLen) == 12 && offsetof(CanSendFrame_t, data) == 16,
+              "CAN send frame layout");
 static_assert(sizeof(SerialPortEntry_t) == 72, "serial port entry is 72 bytes");
 static_assert(sizeof(paramSerialSetting_t) == 992, "serial setting is 992 bytes");
 static_assert(sizeof(paramCanSetting_t) == 208, "CAN setting is 208 bytes");

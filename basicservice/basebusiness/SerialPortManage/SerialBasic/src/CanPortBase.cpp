@@ -17,13 +17,12 @@ namespace {
 constexpr const char kLogTag[] = "C_BASE: ";
 
 constexpr unsigned int kMaxCanDataLen = 8;
-// Payload of event 1089: function id, sub id, port, unused, count, then the items.
-constexpr unsigned int kRecvItemsOffset = 8;
-constexpr unsigned int kRecvItemLen = 16;
+constexpr unsigned int kRecvItemsOffset = sizeof(CanRecvHead_t);
+constexpr unsigned int kRecvItemLen = sizeof(CanRecvItem_t);
 constexpr unsigned int kFilterHeadLen = 4;
 constexpr unsigned int kFilterMaxItemBytes = 1024;
 constexpr unsigned int kFilterMaxEntries = 255;  // the count travels in one byte
-constexpr unsigned int kSendLen = 24;
+constexpr unsigned int kSendLen = sizeof(CanSendFrame_t);
 constexpr uint32_t kMarkMask = 0xFFFFFFFFu;
 
 struct FreeDeleter {
@@ -170,13 +169,13 @@ int CCanPortBase::SendCanDataToPeripheral(const char* data, unsigned int length,
         return 0;
     }
     unsigned char* msg = buffer.get();
-    Common::PutLe16(msg + 0, m_nMainId);
-    Common::PutLe16(msg + 2, m_nSubId);
-    Common::PutLe16(msg + 6, 1);
-    Common::PutLe32(msg + 8, canId);
-    msg[12] = static_cast<unsigned char>(length);
+    Common::PutLe16(msg + offsetof(CanSendFrame_t, usMainId), m_nMainId);
+    Common::PutLe16(msg + offsetof(CanSendFrame_t, usSubId), m_nSubId);
+    Common::PutLe16(msg + offsetof(CanSendFrame_t, usOne), 1);
+    Common::PutLe32(msg + offsetof(CanSendFrame_t, uiCanId), canId);
+    msg[offsetof(CanSendFrame_t, ucDataLen)] = static_cast<unsigned char>(length);
     if (length > 0) {
-        memcpy(msg + 16, data, length);
+        memcpy(msg + offsetof(CanSendFrame_t, data), data, length);
     }
     char title[128];
     snprintf(title, sizeof(title),
@@ -209,10 +208,10 @@ int CCanPortBase::OnReceiveDataFromCanPort(const char* data, int length) {
         return 0;
     }
     const MsgView payload = msg.Payload();
-    const uint32_t funcId = payload.U16(0);
-    const uint32_t subId = payload.U16(2);
-    const unsigned int canPort = payload.Byte(4);
-    const unsigned int itemNum = payload.U16(6);
+    const uint32_t funcId = payload.U16(offsetof(CanRecvHead_t, usFuncId));
+    const uint32_t subId = payload.U16(offsetof(CanRecvHead_t, usSubId));
+    const unsigned int canPort = payload.Byte(offsetof(CanRecvHead_t, ucCanPort));
+    const unsigned int itemNum = payload.U16(offsetof(CanRecvHead_t, usItemNum));
     PM_LOG(2, kLogTag, "Recv data, mainId = %d, subId = %d, canPort = %d, uiItemNum = %d  \n",
            m_nMainId, m_nSubId, canPort, itemNum);
     if (funcId != m_nMainId || subId != m_nSubId) {
@@ -236,15 +235,15 @@ int CCanPortBase::OnReceiveDataFromCanPort(const char* data, int length) {
     const unsigned char* item =
         reinterpret_cast<const unsigned char*>(data) + Common::kMsgHeadSize + kRecvItemsOffset;
     for (unsigned int n = 0; n < itemCount; ++n) {
-        const uint32_t canId = Common::GetLe32(item);
-        const unsigned int dataLen = item[4];
+        const uint32_t canId = Common::GetLe32(item + offsetof(CanRecvItem_t, uiCanId));
+        const unsigned int dataLen = item[offsetof(CanRecvItem_t, ucDataLen)];
         if (dataLen > kMaxCanDataLen) {
             // The rest of the count is spent on this item: every later item is dropped.
             PM_LOG(0, kLogTag, "Receive CAN data error, length is too large, length = %d > %d\n",
                    dataLen, kMaxCanDataLen);
             continue;
         }
-        const char* itemData = reinterpret_cast<const char*>(item + 8);
+        const char* itemData = reinterpret_cast<const char*>(item + offsetof(CanRecvItem_t, data));
         PM_LOG(3, "", "canID: %x \n", canId);
         m_pPeripheralManage->hex_dump("data:", itemData, dataLen, 3);
         PreProcessPeripheralData(itemData, dataLen, canId);
