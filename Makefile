@@ -9,7 +9,8 @@ DEMO_FLAGS ?=
 # `make fuzz FUZZ_SECONDS=600` fuzzes each target longer.
 FUZZ_SECONDS ?= 60
 
-.PHONY: all deps configure build test demo sanitize-test tsan-test fuzz format format-check install clean
+.PHONY: all deps configure build test demo sanitize-test tsan-test cross-build cross-test \
+        cross-install fuzz format format-check install clean
 
 all: build
 
@@ -35,6 +36,22 @@ sanitize-test: deps
 tsan-test: deps
 	@$(MAKE) --no-print-directory test BUILD_DIR=build-tsan CMAKE_FLAGS="$(CMAKE_FLAGS) -DSANITIZE=thread -DBUILD_BENCHMARKS=OFF"
 
+# The recorder's own target, 32-bit ARM (armhf): built with Debian's cross toolchain against
+# Debian's armhf libraries (scripts/deps-armhf.sh), the whole suite run through qemu-arm.
+# `make cross-install PREFIX=<dir>` gives the tree to copy to a recorder, with the SDK.
+ARMHF_BUILD_DIR ?= build-armhf
+cross-build:
+	@bash scripts/deps-armhf.sh
+	@cmake -S . -B $(ARMHF_BUILD_DIR) -G Ninja -DCMAKE_TOOLCHAIN_FILE=$(CURDIR)/cmake/toolchain-armhf.cmake \
+	  -DBUILD_BENCHMARKS=OFF $(CMAKE_FLAGS) >/dev/null
+	@cmake --build $(ARMHF_BUILD_DIR) -j $(JOBS)
+
+cross-test: cross-build
+	@cd $(ARMHF_BUILD_DIR) && ctest $(CTEST_FLAGS)
+
+cross-install: cross-build
+	@cmake --install $(ARMHF_BUILD_DIR) --prefix $(or $(PREFIX),$(CURDIR)/install-armhf)
+
 # The libFuzzer targets (clang, AddressSanitizer, UBSan), each run FUZZ_SECONDS from its seeds.
 fuzz: deps
 	@CMAKE_FLAGS="$(CMAKE_FLAGS)" bash scripts/fuzz.sh build-fuzz $(FUZZ_SECONDS) $(JOBS)
@@ -49,4 +66,4 @@ install: build
 	@cmake --install $(BUILD_DIR) --prefix $(or $(PREFIX),$(CURDIR)/install)
 
 clean:
-	@rm -rf build build-asan build-tsan install
+	@rm -rf build build-asan build-tsan build-armhf install install-armhf

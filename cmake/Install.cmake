@@ -13,7 +13,9 @@ configure_package_config_file(${CMAKE_SOURCE_DIR}/cmake/BasicServiceConfig.cmake
   INSTALL_DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/BasicService)
 write_basic_package_version_file(${CMAKE_BINARY_DIR}/BasicServiceConfigVersion.cmake
   COMPATIBILITY SameMajorVersion)
+# The armhf toolchain file goes with the SDK: plug-in authors cross-build with it as well.
 install(FILES ${CMAKE_SOURCE_DIR}/cmake/plugin-exports.map
+              ${CMAKE_SOURCE_DIR}/cmake/toolchain-armhf.cmake
               ${CMAKE_BINARY_DIR}/BasicServiceConfig.cmake
               ${CMAKE_BINARY_DIR}/BasicServiceConfigVersion.cmake
         DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/BasicService)

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# Installs the Debian packages the build, the tests and the tools need; quick when all
-# is there already. Run as root, or with sudo available.
+# Installs the Debian packages the build, the tests and the tools need, and any further
+# packages named as arguments; quick when all is there already. Run as root, or with sudo
+# available.
 set -euo pipefail
 
 packages=(
@@ -9,6 +10,7 @@ packages=(
   googletest libgtest-dev libgmock-dev libbenchmark-dev
   clang-format clang libclang-rt-14-dev
   python3 python3-zmq python3-serial
+  "$@"
 )
 
 missing=()

@@ -157,7 +157,8 @@ TEST(BusProcesses, RequestAndAnswerThroughTheBroker) {
     Msgs answers;
     client.RegisterHandler(10, kRequest | Common::kMsgAnswerBit, Into(answers));
 
-    std::unique_ptr<FILE, int (*)(FILE*)> peer(popen(BUS_PEER_PATH " 1149 1150", "r"), pclose);
+    std::unique_ptr<FILE, int (*)(FILE*)> peer(
+        popen((pmtest::EmulatorCommand() + BUS_PEER_PATH " 1149 1150").c_str(), "r"), pclose);
     ASSERT_TRUE(peer);
     char line[16] = "";
     ASSERT_NE(fgets(line, sizeof line, peer.get()), nullptr);
@@ -478,7 +479,11 @@ TEST_F(BusClient, AFloodNeitherTrapsTheWaitingLoopNorGrowsMemoryWithoutBound) {
     });
     const long before = RssKiB();
     std::unique_ptr<FILE, int (*)(FILE*)> flooder(
-        popen((BUS_PEER_PATH " flood " + std::to_string(kEvent) + " 1000 4").c_str(), "r"), pclose);
+        popen((pmtest::EmulatorCommand() + BUS_PEER_PATH " flood " + std::to_string(kEvent) +
+               " 1000 4")
+                  .c_str(),
+              "r"),
+        pclose);
     ASSERT_TRUE(flooder);
     char line[16] = "";
     ASSERT_NE(fgets(line, sizeof line, flooder.get()), nullptr);

@@ -30,7 +30,8 @@ int RunChild(const std::string& args, std::optional<std::string> level,
              std::optional<std::string> file, const std::string& stderrPath) {
     ScopedEnv levelEnv("PM_LOG_LEVEL", std::move(level));
     ScopedEnv fileEnv("PM_LOG_FILE", std::move(file));
-    int status = system((PM_LOG_CHILD " " + args + " 2>" + stderrPath).c_str());
+    int status =
+        system((pmtest::EmulatorCommand() + PM_LOG_CHILD " " + args + " 2>" + stderrPath).c_str());
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
@@ -136,12 +137,16 @@ TEST(Log, AStalledOutputLosesRecordsButNeverHoldsTheCaller) {
     posix_spawn_file_actions_adddup2(&actions, in[0], 0);
     posix_spawn_file_actions_addopen(&actions, 1, outPath.c_str(), O_WRONLY | O_CREAT, 0644);
     posix_spawn_file_actions_adddup2(&actions, err[1], 2);
-    char program[] = PM_LOG_CHILD;
-    char mode[] = "stall";
-    char count[] = "20000";  // about 1 MB of records, far more than a pipe holds
-    char* argv[] = {program, mode, count, nullptr};
+    // About 1 MB of records, far more than a pipe holds.
+    std::vector<std::string> args = pmtest::EmulatorArgs();
+    args.insert(args.end(), {PM_LOG_CHILD, "stall", "20000"});
+    std::vector<char*> argv;
+    for (std::string& a : args) {
+        argv.push_back(a.data());
+    }
+    argv.push_back(nullptr);
     pid_t child = -1;
-    ASSERT_EQ(posix_spawn(&child, program, &actions, nullptr, argv, environ), 0);
+    ASSERT_EQ(posix_spawn(&child, argv[0], &actions, nullptr, argv.data(), environ), 0);
     posix_spawn_file_actions_destroy(&actions);
     close(in[0]);
     close(err[1]);

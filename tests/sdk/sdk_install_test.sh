@@ -6,13 +6,19 @@
 #  3. run the installed pm-host with a configuration naming the plug-in, send it a serial
 #     record over the bus with the installed pm-bus, and wait for the plug-in's creation
 #     line; then remove it with a second record and stop the host.
-# usage: sdk_install_test.sh BUILD_DIR EXAMPLE_DIR GENERATOR [SANITIZERS]
+# In a cross build (TOOLCHAIN given) the example is built with the toolchain file installed
+# with the SDK, and the installed programs run through the emulator named in PM_TEST_EMULATOR.
+# usage: sdk_install_test.sh BUILD_DIR EXAMPLE_DIR GENERATOR [SANITIZERS] [TOOLCHAIN]
 set -euo pipefail
 
 build=$1
 example=$2
 generator=$3
 sanitize=${4:-}
+toolchain=${5:-}
+# Unquoted where used: the emulator and its options, or nothing.
+emulator=${PM_TEST_EMULATOR:-}
+nm=nm
 
 work=$(mktemp -d "${TMPDIR:-/tmp}/pm-sdk-XXXXXX")
 prefix=$work/prefix
@@ -76,15 +82,37 @@ if [ -n "$sanitize" ]; then
     link_flags="-fsanitize=$sanitize"
 fi
 
+cmake_cross=()
+make_cross=()
+make_env=()
+if [ -n "$toolchain" ]; then
+    [ -f "$prefix/lib/cmake/BasicService/$(basename "$toolchain")" ] ||
+        fail "the prefix lacks the toolchain file $(basename "$toolchain")"
+    triple=$(sed -n 's/^set(PM_ARMHF_TRIPLE \(.*\))$/\1/p' "$toolchain")
+    libroot=$(sed -n 's/^PM_ARMHF_ROOT:PATH=//p' "$build/CMakeCache.txt")
+    [ -n "$triple" ] && [ -d "$libroot" ] || fail "no target triple or library root for $toolchain"
+    nm=$triple-nm
+    cmake_cross=(-DCMAKE_TOOLCHAIN_FILE="$prefix/lib/cmake/BasicService/$(basename "$toolchain")"
+        -DPM_ARMHF_ROOT="$libroot")
+    # pkg-config knows no target: the target's jsoncpp.pc, and its headers and library given
+    # first, as a cross-compiling author does.
+    libdir=$libroot/usr/lib/$triple
+    make_cross=(CXX="$triple-g++")
+    make_env=(PKG_CONFIG_LIBDIR="$libdir/pkgconfig")
+    flags="$flags -I$libroot/usr/include/jsoncpp"
+    link_flags="$link_flags -L$libdir -Wl,-rpath-link,$libdir"
+fi
+
 # Exactly the two entry points leave a plug-in.
 check_exports() {
     local exports
-    exports=$(nm -D --defined-only "$1" | awk '$2 ~ /^[A-Z]$/ {print $3}' | sort | tr '\n' ' ')
+    exports=$("$nm" -D --defined-only "$1" | awk '$2 ~ /^[A-Z]$/ {print $3}' | sort | tr '\n' ' ')
     [ "$exports" = "PeripheralCreate PeripheralRelease " ] || fail "$1 exports: $exports"
 }
 
 # ---- 2a. CMake and find_package ----
-cmake -S "$example" -B "$work/cmake-build" -G "$generator" -DCMAKE_PREFIX_PATH="$prefix" \
+cmake -S "$example" -B "$work/cmake-build" -G "$generator" "${cmake_cross[@]}" \
+    -DCMAKE_PREFIX_PATH="$prefix" \
     -DCMAKE_INSTALL_PREFIX="$prefix" -DCMAKE_CXX_FLAGS="$flags" \
     -DCMAKE_MODULE_LINKER_FLAGS="$link_flags" >"$work/cmake.log" 2>&1 ||
     fail "configuring the example against the prefix failed"
@@ -96,10 +124,10 @@ check_exports "$plugin"
 
 # ---- 2b. make and pkg-config, in a copy so that the source folder stays clean ----
 cp -r "$example" "$work/make-src"
-PKG_CONFIG_PATH="$prefix/lib/pkgconfig" make -C "$work/make-src" CXXFLAGS="$flags" \
+env "${make_env[@]}" PKG_CONFIG_PATH="$prefix/lib/pkgconfig" make -C "$work/make-src" "${make_cross[@]}" CXXFLAGS="$flags" \
     LDFLAGS="$link_flags" >"$work/make.log" 2>&1 || fail "building with make and pkg-config failed"
 check_exports "$work/make-src/libMinimalPlugin.so"
-PKG_CONFIG_PATH="$prefix/lib/pkgconfig" make -C "$work/make-src" install DESTDIR="$work/stage" \
+env "${make_env[@]}" PKG_CONFIG_PATH="$prefix/lib/pkgconfig" make -C "$work/make-src" "${make_cross[@]}" install DESTDIR="$work/stage" \
     >>"$work/make.log" 2>&1 || fail "make install failed"
 [ -f "$work/stage/$prefix/plugin/serial/libMinimalPlugin.so" ] ||
     fail "make install did not use the SDK's plugin folder"
@@ -122,7 +150,7 @@ export RECORDER_ROOT=$root
 export RECORDER_BUS=$work/bus
 service_log=$work/service.log
 # timeout bounds the host's life whatever happens below; it hands SIGTERM on to the host.
-PM_LOG_LEVEL=2 PM_LOG_FILE=$service_log timeout -s KILL 180 "$prefix/bin/pm-host" \
+PM_LOG_LEVEL=2 PM_LOG_FILE=$service_log timeout -s KILL 180 $emulator "$prefix/bin/pm-host" \
     >"$work/host.out" 2>"$work/host.err" &
 host_pid=$!
 
@@ -140,7 +168,7 @@ send_until_logged() {
     local line=$1
     shift
     for _ in 1 2 3 4 5 6; do
-        "$prefix/bin/pm-bus" send 316 "$@" >>"$work/bus.log" 2>&1 || fail "pm-bus send failed"
+        $emulator "$prefix/bin/pm-bus" send 316 "$@" >>"$work/bus.log" 2>&1 || fail "pm-bus send failed"
         if wait_for 5 logged "$line"; then
             return 0
         fi

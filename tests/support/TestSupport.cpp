@@ -5,6 +5,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 #include <stdexcept>
 #include <thread>
 
@@ -52,6 +53,28 @@ ScopedEnv::~ScopedEnv() {
     } else {
         unsetenv(m_name.c_str());
     }
+}
+
+std::vector<std::string> EmulatorArgs() {
+    std::vector<std::string> args;
+    const char* emulator = getenv("PM_TEST_EMULATOR");
+    std::istringstream words(emulator ? emulator : "");
+    for (std::string word; words >> word;) {
+        args.push_back(word);
+    }
+    return args;
+}
+
+std::string EmulatorCommand() {
+    std::string command;
+    for (const std::string& word : EmulatorArgs()) {
+        command += word + " ";
+    }
+    return command;
+}
+
+const char* DeathTestStyle() {
+    return EmulatorArgs().empty() ? "threadsafe" : "fast";
 }
 
 bool WaitUntil(const std::function<bool()>& pred, std::chrono::milliseconds timeout) {

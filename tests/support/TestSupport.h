@@ -44,6 +44,16 @@ private:
     std::optional<std::string> m_old;
 };
 
+// How a test starts a program of this build: on the desktop directly; in a cross build
+// through the emulator CTest names in PM_TEST_EMULATOR (qemu-arm with its options), since the
+// kernel cannot run the target's binaries itself. EmulatorArgs() goes before argv[0];
+// EmulatorCommand() before a shell command line (empty or ending in a space).
+std::vector<std::string> EmulatorArgs();
+std::string EmulatorCommand();
+// Death tests run their child by executing the test binary again ("threadsafe"), which only
+// the emulator can do in a cross build; there the child is forked without exec ("fast").
+const char* DeathTestStyle();
+
 // Polls `pred` every few milliseconds until it holds or `timeout` passes; returns its last
 // value. Tests wait for events with this, never with bare sleeps.
 bool WaitUntil(const std::function<bool()>& pred,

@@ -34,7 +34,8 @@ std::string ReadFile(const std::string& path) {
 
 ToolProcess::ToolProcess(const std::string& tool, const std::vector<std::string>& args, int outFd,
                          int errFd) {
-    std::vector<std::string> argv = {tool[0] == '/' ? tool : BinDir() + "/" + tool};
+    std::vector<std::string> argv = EmulatorArgs();
+    argv.push_back(tool[0] == '/' ? tool : BinDir() + "/" + tool);
     argv.insert(argv.end(), args.begin(), args.end());
     std::vector<char*> pointers;
     for (std::string& a : argv) {

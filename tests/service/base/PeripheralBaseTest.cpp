@@ -178,7 +178,7 @@ TEST_F(PeripheralBaseTest, FailedInitializeRegistersNothingAndStartsNothing) {
 }
 
 TEST(PeripheralBaseDeathTest, AnInstanceWithoutManagerEndsTheProcess) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    GTEST_FLAG_SET(death_test_style, pmtest::DeathTestStyle());
     EXPECT_EXIT(CountingPeripheral(nullptr, nullptr, PERIPHERAL_TYPE_SERIAL, 1, 0),
                 ::testing::ExitedWithCode(1), "manage ptr is NULL");
 }

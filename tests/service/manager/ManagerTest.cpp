@@ -36,7 +36,7 @@ const char* const kEightChannels = R"({"PRODUCT_TYPE": 6, "VI_CHN_NUM": 4, "DIGI
 // ---- configuration ----
 
 TEST(ManagerDeathTest, AMissingConfigurationEndsTheProcessWithStatusOne) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    GTEST_FLAG_SET(death_test_style, pmtest::DeathTestStyle());
     EXPECT_EXIT(
         {
             ServiceEnv env("");
