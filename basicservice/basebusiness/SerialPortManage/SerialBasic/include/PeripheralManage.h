@@ -163,6 +163,9 @@ public:
     void GetCurSysLedState(unsigned char* out);
     void GetFtpParam(tag_MsgFtpSetting& out);
     unsigned int GetDebugLevel() const { return m_nDebugLevel; }
+    // Whether hex_dump at `level` prints: a caller builds the dump's title only then, since
+    // formatting it on every send and receive would cost more than the bytes' own path.
+    bool DumpsAt(int level) const { return static_cast<long long>(m_nDebugLevel.load()) >= level; }
 
     // The tty that the recorder's co-processor may hold: 1 while it is held.
     unsigned char CheckCpxOccupancySerial(std::string path);

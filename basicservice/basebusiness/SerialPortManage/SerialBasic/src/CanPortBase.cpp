@@ -177,11 +177,13 @@ int CCanPortBase::SendCanDataToPeripheral(const char* data, unsigned int length,
     if (length > 0) {
         memcpy(msg + offsetof(CanSendFrame_t, data), data, length);
     }
-    char title[128];
-    snprintf(title, sizeof(title),
-             "C_BASE: Send to device, mainId = %d, subId = %d, canId = 0x%x, dataLen = %d",
-             m_nMainId, m_nSubId, canId, length);
-    m_pPeripheralManage->hex_dump(title, reinterpret_cast<const char*>(msg), kSendLen, 3);
+    if (m_pPeripheralManage->DumpsAt(3)) {
+        char title[128];
+        snprintf(title, sizeof(title),
+                 "C_BASE: Send to device, mainId = %d, subId = %d, canId = 0x%x, dataLen = %d",
+                 m_nMainId, m_nSubId, canId, length);
+        m_pPeripheralManage->hex_dump(title, reinterpret_cast<const char*>(msg), kSendLen, 3);
+    }
     m_pMsgClient->MSGSendMessage(0, EVENT_CAN_SEND, 0, reinterpret_cast<const char*>(msg), kSendLen,
                                  static_cast<int>(m_nMsgId));
     return 0;

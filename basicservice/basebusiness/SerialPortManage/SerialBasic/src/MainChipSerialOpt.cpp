@@ -99,7 +99,7 @@ int CMainChipSerialOpt::SendDataToPeripheral(const char* data, unsigned int leng
         return -1;
     }
     CPeripheralManage* manage = m_pSerialBase->GetPeripheralManage();
-    if (manage != nullptr) {
+    if (manage != nullptr && manage->DumpsAt(2)) {
         manage->hex_dump(SendTitle(m_pSerialBase->GetMainId(), m_pSerialBase->GetSubId(), length),
                          data, data != nullptr ? length : 0, 2);
     }

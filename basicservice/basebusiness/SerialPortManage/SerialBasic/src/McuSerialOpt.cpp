@@ -95,7 +95,7 @@ int CMcuSerialOpt::OnReceiveDataFromSerial(const char* data, int length) {
     char buffer[kRecvBufferSize] = {};
     payload.Copy(kRecvDataOffset, buffer, copy);
     CPeripheralManage* manage = m_pSerialBase->GetPeripheralManage();
-    if (manage != nullptr) {
+    if (manage != nullptr && manage->DumpsAt(3)) {
         manage->hex_dump(
             Title("MCU_OPT: [RECV], mainId = %d, subTd = %d, length = %d", mainId, subId, copy),
             buffer, copy, 3);
@@ -120,7 +120,7 @@ int CMcuSerialOpt::SendDataToPeripheral(const char* data, unsigned int length) {
         memcpy(message.data() + kSendHeadSize, data, length);
     }
     CPeripheralManage* manage = m_pSerialBase->GetPeripheralManage();
-    if (manage != nullptr) {
+    if (manage != nullptr && manage->DumpsAt(3)) {
         manage->hex_dump(
             Title("MCU_OPT: [SEND], mainId = %d, subId = %d, length = %d", mainId, subId, length),
             data, length, 3);

@@ -1583,7 +1583,7 @@ void CPeripheralManage::BroadcastCpxSerialRelease(std::string path) {
 
 void CPeripheralManage::hex_dump(std::string title, const char* data, unsigned int length,
                                  int level) {
-    if (static_cast<long long>(m_nDebugLevel.load()) < level) {
+    if (!DumpsAt(level)) {
         return;
     }
     if (data == nullptr) {

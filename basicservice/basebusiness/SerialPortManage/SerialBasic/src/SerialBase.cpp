@@ -401,8 +401,7 @@ int CSerialBase::PreProcessPeripheralData(const char* data, unsigned int length)
         pending = m_nBufferLength;
     }
     bool accepted = length < capacity && data != nullptr && length > 0;
-    // The title costs a format on every delivery; only build it when it will be printed.
-    if (m_pPeripheralManage != nullptr && m_pPeripheralManage->GetDebugLevel() >= 3) {
+    if (m_pPeripheralManage != nullptr && m_pPeripheralManage->DumpsAt(3)) {
         m_pPeripheralManage->hex_dump(
             Format("S_BASE: Data receive, type = %d, mainId = %d, subId = %d, bExtend = %d, "
                    "protocol = %d, buffer_length = %d, rev_length = %d",
