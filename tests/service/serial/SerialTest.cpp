@@ -253,6 +253,31 @@ TEST(MainChipSerial, BytesTravelBothWaysAndSettingsReachTheTty) {
               -1);
 }
 
+// A port opened while the reader sits in select on the others is served at once: opening it
+// wakes the reader, which would otherwise wait for its time-out (stretched here to a minute).
+TEST(MainChipSerial, APortOpenedWhileTheReaderWaitsIsServedAtOnce) {
+    CSerialDevOperate::SetReaderTimeoutForTest(60000);
+    Pty first;
+    Pty second;
+    ASSERT_TRUE(first.MakeRaw());
+    ASSERT_TRUE(second.MakeRaw());
+    auto service = Service({{4, first.SlavePath()}, {5, second.SlavePath()}});
+    ASSERT_TRUE(service->SendSetting(SerialSetting({{4, kPlainId}, {5, kPlainId, 1}})));
+    TestSerial early(*service, kPlainId);
+    ASSERT_EQ(early.Initialize(), 0);
+    ASSERT_TRUE(first.Send("a"));
+    ASSERT_TRUE(WaitUntil([&] { return early.Received() == "a"; }));  // the reader is in select
+
+    TestSerial late(*service, kPlainId, 1);
+    ASSERT_TRUE(late.GetCurPeripOpenStatus());
+    ASSERT_EQ(late.Initialize(), 0);
+    ASSERT_TRUE(second.Send("b"));
+    EXPECT_TRUE(WaitUntil([&] { return late.Received() == "b"; }, std::chrono::seconds(10)));
+    ASSERT_TRUE(first.Send("c"));
+    EXPECT_TRUE(WaitUntil([&] { return early.Received() == "ac"; }, std::chrono::seconds(10)));
+    CSerialDevOperate::SetReaderTimeoutForTest(1000);
+}
+
 TEST(MainChipSerial, ProtocolZeroBytesGoOutFramed) {
     Pty tty;
     ASSERT_TRUE(tty.MakeRaw());

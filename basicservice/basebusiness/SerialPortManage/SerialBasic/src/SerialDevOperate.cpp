@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <vector>
 
@@ -27,8 +28,8 @@ namespace {
 
 constexpr const char kLogTag[] = "SERIAL_OPERATE: ";
 
-constexpr int kSelectTimeoutMs = 1000;
-constexpr int kIdleSleepMs = 1000;
+// The reader's select time-out and its pause without ports.
+std::atomic<int> g_readerTimeoutMs{1000};
 // How long a port whose read failed (hang-up, unplugged adapter) stays out of select.
 constexpr int kFailedReadRetryMs = 200;
 constexpr size_t kReadChunk = 1024;
@@ -369,6 +370,7 @@ void CSerialDevOperate::serial_hold_owner(const CSerialBase* owner) {
     // Taken with the table lock: once this returns no delivery to the owner is under way.
     MutexGuard table(m_TableLock);
     m_setHeldOwners.insert(owner);
+    WakeReader();  // its ports leave select: their bytes wait in the kernel
 }
 
 void CSerialDevOperate::serial_release_owner(const CSerialBase* owner) {
@@ -658,6 +660,10 @@ int CSerialDevOperate::serial_cache_data(int fd, const char* data, int length) {
     return 0;
 }
 
+void CSerialDevOperate::SetReaderTimeoutForTest(int ms) {
+    g_readerTimeoutMs = ms;
+}
+
 void* CSerialDevOperate::SerialReadThreadEntry(void* arg) {
     if (arg == nullptr) {
         PM_LOG(0, kLogTag, "CSerialDevOperate ptr is null, create thread failed\n");
@@ -699,20 +705,26 @@ void CSerialDevOperate::serial_read() {
             if (m_bReaderStop) {
                 break;
             }
-            m_bTableChanged = false;  // the snapshot below sees every change so far
+            if (m_bTableChanged) {
+                m_bTableChanged = false;  // the snapshot below sees every change so far
+                m_bReadSnapshotValid = false;
+            }
         }
-        std::vector<int> fds;
-        int waitMs = kSelectTimeoutMs;
-        if (!SnapshotPorts(fds, waitMs)) {
-            waitMs = kIdleSleepMs;
+        if (!m_bReadSnapshotValid) {
+            const int timeoutMs = g_readerTimeoutMs.load();
+            m_vecReadFds.clear();
+            m_nReadWaitMs = timeoutMs;
+            SnapshotPorts(m_vecReadFds, m_nReadWaitMs);
+            // A resting port comes back by time, not by a change: look again next pass.
+            m_bReadSnapshotValid = m_nReadWaitMs == timeoutMs;
         }
-        if (fds.empty()) {
-            if (!ReaderPause(waitMs)) {
+        if (m_vecReadFds.empty()) {
+            if (!ReaderPause(m_nReadWaitMs)) {
                 break;
             }
             continue;
         }
-        ReadOnePass(fds, waitMs);
+        ReadOnePass(m_vecReadFds, m_nReadWaitMs);
     }
     std::lock_guard<std::mutex> guard(m_ReaderLock);
     --m_nReaderCount;
@@ -783,6 +795,7 @@ void CSerialDevOperate::NoteReadResult(int fd, int result, int error) {
             }
         }
     } else if (info != m_mapSerialDev.end()) {
+        m_bReadSnapshotValid = false;  // the port leaves select while it rests
         // A hung-up tty stays readable for select and reads 0 or -1 at once: rest it, log once.
         if (failed == m_mapFailedRead.end()) {
             PM_LOG(0, kLogTag,

@@ -79,6 +79,9 @@ public:
     // serial_init, which registers the thread so that the destructor waits for it.
     void serial_read();
     static void* SerialReadThreadEntry(void* arg);
+    // Tests stretch the reader's select time-out and idle pause (1 s) to show that a change
+    // of the port table never waits for them.
+    static void SetReaderTimeoutForTest(int ms);
 
 private:
     // The open ports in ascending order, without those resting after a failed read (waitMs
@@ -119,6 +122,11 @@ private:
     bool m_bTableChanged;  // the port table changed since the reader's last snapshot
     int m_nReaderCount;    // reader threads started and not yet finished
     int m_nWakePipe[2];    // written by the destructor to end the reader's select at once
+    // The reader thread's snapshot of the table, taken again only when the table changed or
+    // a port rests after a failed read: a pass then costs no copy of the table.
+    std::vector<int> m_vecReadFds;
+    int m_nReadWaitMs = 0;
+    bool m_bReadSnapshotValid = false;
 };
 
 #endif
