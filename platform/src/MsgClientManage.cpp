@@ -177,6 +177,7 @@ struct CMsgClientManage::Impl {
     int Wait(unsigned ms);
     char* PrepareHandlerBuffer(const char* src, size_t size);
     int CallHandlers(uint32_t eventId, const char* buf, int len);
+    bool RefreshSnapshot(uint32_t eventId, size_t from, uint64_t& seen);
 
     std::string name;
     const char* tag;
@@ -201,6 +202,9 @@ struct CMsgClientManage::Impl {
     std::mutex regLock;
     std::unordered_map<uint32_t, EventEntry> events;
     uint64_t nextSerial = 1;
+    // Counts every change of `events`, written under regLock: a dispatch whose handlers
+    // changed nothing calls what it took in one look.
+    std::atomic<uint64_t> regChanges{0};
 
     // SUB socket, received messages not yet dispatched, probe rounds, and the election of the
     // one thread that polls `subFd`.
@@ -233,7 +237,7 @@ struct CMsgClientManage::Impl {
     size_t dispNext = 0;  // the first of dispFrames not dispatched yet
     std::vector<char> handlerBuf;
     size_t handlerDirty = 0;  // bytes of handlerBuf that may be non-zero
-    std::vector<uint64_t> snapshot;
+    std::vector<std::pair<uint64_t, std::shared_ptr<const HandlerFn>>> snapshot;  // serial, fn
 
     std::mutex dogLock;
     long long lastFeed = 0;
@@ -679,6 +683,7 @@ int CMsgClientManage::Impl::Register(int ownId, uint32_t eventId, HandlerFn fn) 
         } else {
             it->fn = std::move(shared);
         }
+        ++regChanges;
         if (added && entry.regs.size() == 1 && sub != nullptr) {
             char prefix[4];
             PutLe32(prefix, eventId);
@@ -712,6 +717,7 @@ int CMsgClientManage::Impl::Unregister(int ownId, uint32_t eventId) {
     regs.erase(std::remove_if(regs.begin(), regs.end(),
                               [ownId](const Registration& r) { return r.ownId == ownId; }),
                regs.end());
+    ++regChanges;
     if (regs.empty()) {
         events.erase(found);
         if (sub != nullptr) {
@@ -799,11 +805,12 @@ char* CMsgClientManage::Impl::PrepareHandlerBuffer(const char* src, size_t size)
     return buf;
 }
 
-// A handler may unregister others (and delete their objects): each registration is looked
-// up again right before its call.
+// A handler may unregister others (and delete their objects) or replace them: once the
+// table has changed since the look, each remaining registration is looked up again right
+// before its call. Without changes the look is the only time regLock is taken.
 int CMsgClientManage::Impl::CallHandlers(uint32_t eventId, const char* buf, int len) {
     snapshot.clear();
-    int called = 0;
+    uint64_t seen = 0;
     {
         std::lock_guard<std::mutex> guard(regLock);
         auto found = events.find(eventId);
@@ -811,30 +818,39 @@ int CMsgClientManage::Impl::CallHandlers(uint32_t eventId, const char* buf, int 
             return 0;
         }
         for (const Registration& r : found->second.regs) {
-            snapshot.push_back(r.serial);
+            snapshot.emplace_back(r.serial, r.fn);
         }
+        seen = regChanges.load();
     }
-    for (uint64_t serial : snapshot) {
-        std::shared_ptr<const HandlerFn> fn;
-        {
-            std::lock_guard<std::mutex> guard(regLock);
-            auto found = events.find(eventId);
-            if (found == events.end()) {
-                return called;
-            }
-            for (const Registration& r : found->second.regs) {
-                if (r.serial == serial) {
-                    fn = r.fn;
-                    break;
-                }
-            }
+    int called = 0;
+    for (size_t i = 0; i < snapshot.size(); ++i) {
+        if (regChanges.load() != seen && !RefreshSnapshot(eventId, i, seen)) {
+            break;
         }
-        if (fn) {
-            (*fn)(buf, len);
+        if (snapshot[i].second) {
+            (*snapshot[i].second)(buf, len);
             ++called;
         }
     }
+    snapshot.clear();  // a handler's captures live no longer than its registration
     return called;
+}
+
+// Looks the registrations from snapshot[from] on up again; false when the event has none left.
+bool CMsgClientManage::Impl::RefreshSnapshot(uint32_t eventId, size_t from, uint64_t& seen) {
+    std::lock_guard<std::mutex> guard(regLock);
+    seen = regChanges.load();
+    auto found = events.find(eventId);
+    if (found == events.end()) {
+        return false;
+    }
+    const std::vector<Registration>& regs = found->second.regs;
+    for (size_t i = from; i < snapshot.size(); ++i) {
+        auto r = std::find_if(regs.begin(), regs.end(),
+                              [&](const Registration& x) { return x.serial == snapshot[i].first; });
+        snapshot[i].second = r == regs.end() ? nullptr : r->fn;
+    }
+    return true;
 }
 
 // ---- public interface ----------------------------------------------------------------------

@@ -255,15 +255,24 @@ TEST_F(BusClient, HandlerMayDeleteAnotherAndRegisterDuringDispatch) {
     int peerCalls = 0;
     std::unique_ptr<Peer> peer(new Peer{client, &peerCalls});
     Msgs late;
+    Msgs replaced;  // a later handler replaced during the dispatch runs in its new form
     int nested = -1;
     client.RegisterHandler(10, kEvent, [&](const char*, int) {
         nested = client.MSGWaitForEvent(0);  // refused: it would reuse this very buffer
         peer.reset();
         client.RegisterHandler(10, kMarker, Into(late));
+        client.RegisterHandler(30, kEvent, [&](const char*, int) {
+            replaced.push_back("new");
+            return 0;
+        });
         return 0;
     });
     Peer* raw = peer.get();
     client.RegisterHandler(20, kEvent, [raw](const char*, int) { return ++*raw->calls; });
+    client.RegisterHandler(30, kEvent, [&](const char*, int) {
+        replaced.push_back("old");
+        return 0;
+    });
 
     ASSERT_EQ(Send(client, kEvent, "x"), 0);
     ASSERT_TRUE(PumpUntil(client, [&] { return peer == nullptr; }));
@@ -271,6 +280,7 @@ TEST_F(BusClient, HandlerMayDeleteAnotherAndRegisterDuringDispatch) {
     ASSERT_TRUE(PumpUntil(client, [&] { return late.size() == 1; }));
     EXPECT_EQ(peerCalls, 0);
     EXPECT_EQ(nested, 0);
+    EXPECT_EQ(replaced, Msgs{"new"});
 }
 
 TEST_F(BusClient, RegistrationIsInForceWhenItReturns) {
