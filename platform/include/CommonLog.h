@@ -2,6 +2,7 @@
 #ifndef PLATFORM_COMMON_LOG_H
 #define PLATFORM_COMMON_LOG_H
 
+#include <atomic>
 #include <functional>
 #include <string>
 
@@ -20,8 +21,20 @@ void gclDebugPrintf(int level, const char* file, const char* func, int line, con
 // The one way the code logs: `tag` is the module's prefix ("S_MANAGE: ", or "" for a text
 // without one), printed in front of `fmt`; file, function and line are the caller's. `fmt`
 // must be a string literal. The printed text is exactly tag followed by the formatted text.
-#define PM_LOG(level, tag, fmt, ...) \
-    ::Common::gclDebugPrintf(level, __FILE__, __func__, __LINE__, "%s" fmt, tag, ##__VA_ARGS__)
+// A record above the level costs one comparison here: its arguments are not even evaluated.
+#define PM_LOG(level, tag, fmt, ...)                                                     \
+    do {                                                                                 \
+        if ((level) <= ::Common::detail::g_logGate.load(std::memory_order_relaxed)) {    \
+            ::Common::gclDebugPrintf(level, __FILE__, __func__, __LINE__, "%s" fmt, tag, \
+                                     ##__VA_ARGS__);                                     \
+        }                                                                                \
+    } while (0)
+
+namespace detail {
+// The highest level that gclDebugPrintf wants to see: the log level, or every level while a
+// test sink is installed, or every level until the log has read its settings.
+extern std::atomic<int> g_logGate;
+}  // namespace detail
 
 int GetLogLevel();
 void SetLogLevel(int level);

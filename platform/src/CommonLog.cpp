@@ -13,10 +13,15 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <climits>
 #include <mutex>
 #include <vector>
 
 namespace Common {
+
+namespace detail {
+std::atomic<int> g_logGate{INT_MAX};
+}  // namespace detail
 
 namespace {
 
@@ -41,9 +46,18 @@ struct LogState {
     uint64_t lost = 0;             // records not written since the last one that was
 };
 
+// Never destroyed: threads may log at exit. Opens the inline gate once the level is known.
 LogState& State() {
-    static LogState* state = new LogState();  // never destroyed: threads may log at exit
+    static LogState* state = [] {
+        auto* s = new LogState();
+        detail::g_logGate.store(s->level.load());
+        return s;
+    }();
     return *state;
+}
+
+void UpdateGate(LogState& s) {
+    detail::g_logGate.store(s.hasSink.load() ? INT_MAX : s.level.load());
 }
 
 std::string Format(const char* fmt, va_list ap) {
@@ -188,7 +202,10 @@ int GetLogLevel() {
 }
 
 void SetLogLevel(int level) {
-    State().level.store(level);
+    LogState& s = State();
+    std::lock_guard<std::mutex> guard(s.lock);
+    s.level.store(level);
+    UpdateGate(s);
 }
 
 void SetLogSinkForTest(LogSink sink) {
@@ -196,6 +213,7 @@ void SetLogSinkForTest(LogSink sink) {
     std::lock_guard<std::mutex> guard(s.lock);
     s.sink = std::move(sink);
     s.hasSink.store(static_cast<bool>(s.sink), std::memory_order_release);
+    UpdateGate(s);
 }
 
 }  // namespace Common
