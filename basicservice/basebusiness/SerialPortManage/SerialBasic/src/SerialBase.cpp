@@ -393,31 +393,38 @@ void CSerialBase::SetSerialMaxBufferSize(unsigned int size) {
 }
 
 int CSerialBase::PreProcessPeripheralData(const char* data, unsigned int length) {
-    unsigned int capacity = 0;
-    unsigned int pending = 0;
-    {
-        MutexGuard buffer(m_BufferLock);
-        capacity = m_nMaxBufferSize;
-        pending = m_nBufferLength;
-    }
-    bool accepted = length < capacity && data != nullptr && length > 0;
-    if (m_pPeripheralManage != nullptr && m_pPeripheralManage->DumpsAt(3)) {
-        m_pPeripheralManage->hex_dump(
-            Format("S_BASE: Data receive, type = %d, mainId = %d, subId = %d, bExtend = %d, "
-                   "protocol = %d, buffer_length = %d, rev_length = %d",
-                   m_nSerialType, m_nMainId, m_nSubId, m_bExtend, m_stuSerialProperty.protocolType,
-                   pending, length),
-            data, accepted ? length : 0, 3);
-    }
-    if (!accepted) {
+    const bool box = IsMainChipLink(m_nSerialType) && IsExtendBoxId(m_nMainId, m_nSubId);
+    const bool dump = m_pPeripheralManage != nullptr && m_pPeripheralManage->DumpsAt(3);
+    if (box || dump) {
+        unsigned int capacity = 0;
+        unsigned int pending = 0;
+        {
+            MutexGuard buffer(m_BufferLock);
+            capacity = m_nMaxBufferSize;
+            pending = m_nBufferLength;
+        }
+        const bool accepted = length < capacity && data != nullptr && length > 0;
+        if (dump) {
+            m_pPeripheralManage->hex_dump(
+                Format("S_BASE: Data receive, type = %d, mainId = %d, subId = %d, bExtend = %d, "
+                       "protocol = %d, buffer_length = %d, rev_length = %d",
+                       m_nSerialType, m_nMainId, m_nSubId, m_bExtend,
+                       m_stuSerialProperty.protocolType, pending, length),
+                data, accepted ? length : 0, 3);
+        }
+        if (!accepted) {
+            return -1;
+        }
+        if (box) {
+            return AnalyseExtendData(data, length);
+        }
+    } else if (data == nullptr || length == 0) {
         return -1;
     }
-    if (IsMainChipLink(m_nSerialType) && IsExtendBoxId(m_nMainId, m_nSubId)) {
-        return AnalyseExtendData(data, length);
-    }
 
+    // The common case takes the buffer lock once: the size is checked under it below.
     MutexGuard buffer(m_BufferLock);
-    if (length >= m_nMaxBufferSize) {  // the buffer shrank since the check above
+    if (length >= m_nMaxBufferSize) {  // too long, or the buffer shrank since a check above
         return -1;
     }
     // Older bytes that the plug-in left behind are dropped rather than overrun the buffer.

@@ -624,17 +624,20 @@ int CSerialDevOperate::serial_write(int fd, const char* data, unsigned int lengt
 
 // The port stays blocking for everybody else; only this one write may not wait, since a
 // peer that stopped reading would otherwise hold the calling thread for good.
+// Tries at once and waits for room only when there is none: the common case costs no poll.
 ssize_t CSerialDevOperate::BoundedWrite(int fd, const char* data, unsigned int length) {
-    struct pollfd ready = {fd, POLLOUT, 0};
-    int polled = poll(&ready, 1, kWriteWaitMs);
-    if (polled == 0) {
-        errno = EAGAIN;
-        return -1;
-    }
     const int flags = fcntl(fd, F_GETFL);
     const bool toggled =
         flags >= 0 && (flags & O_NONBLOCK) == 0 && fcntl(fd, F_SETFL, flags | O_NONBLOCK) == 0;
     ssize_t written = write(fd, data, length);
+    if (written < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+        struct pollfd ready = {fd, POLLOUT, 0};
+        if (poll(&ready, 1, kWriteWaitMs) > 0) {
+            written = write(fd, data, length);
+        } else {
+            errno = EAGAIN;
+        }
+    }
     const int error = errno;
     if (toggled) {
         fcntl(fd, F_SETFL, flags);
@@ -648,16 +651,23 @@ int CSerialDevOperate::serial_cache_data(int fd, const char* data, int length) {
         return 0;
     }
     MutexGuard table(m_TableLock);
+    CacheDataLocked(fd, data, length);
+    return 0;
+}
+
+void CSerialDevOperate::CacheDataLocked(int fd, const char* data, int length) {
+    if (length == 0) {
+        return;
+    }
     auto it = m_mapSerialDev.find(fd);
     if (it != m_mapSerialDev.end() && m_setHeldOwners.count(it->second->owner) != 0) {
         PM_LOG(2, kLogTag, "[READ] fd = %d, owner not ready, %d bytes dropped\n", fd, length);
-        return 0;
+        return;
     }
     if (it != m_mapSerialDev.end() && it->second->owner != nullptr) {
         // A failed read's -1 goes on as it is; the owner refuses a length beyond its buffer.
         it->second->owner->PreProcessPeripheralData(data, static_cast<unsigned int>(length));
     }
-    return 0;
 }
 
 void CSerialDevOperate::SetReaderTimeoutForTest(int ms) {
@@ -713,6 +723,7 @@ void CSerialDevOperate::serial_read() {
         if (!m_bReadSnapshotValid) {
             const int timeoutMs = g_readerTimeoutMs.load();
             m_vecReadFds.clear();
+            m_bReadSetValid = false;
             m_nReadWaitMs = timeoutMs;
             SnapshotPorts(m_vecReadFds, m_nReadWaitMs);
             // A resting port comes back by time, not by a change: look again next pass.
@@ -733,15 +744,20 @@ void CSerialDevOperate::serial_read() {
 }
 
 void CSerialDevOperate::ReadOnePass(const std::vector<int>& fds, int timeoutMs) {
-    fd_set readSet;
-    FD_ZERO(&readSet);
-    for (int fd : fds) {
-        FD_SET(fd, &readSet);
-    }
-    int top = m_nMaxFd;
     const int wake = m_nWakePipe[0];
+    if (!m_bReadSetValid) {
+        FD_ZERO(&m_ReadSetBase);
+        for (int fd : fds) {
+            FD_SET(fd, &m_ReadSetBase);
+        }
+        if (wake >= 0 && wake < FD_SETSIZE) {
+            FD_SET(wake, &m_ReadSetBase);
+        }
+        m_bReadSetValid = true;
+    }
+    fd_set readSet = m_ReadSetBase;
+    int top = m_nMaxFd;
     if (wake >= 0 && wake < FD_SETSIZE) {
-        FD_SET(wake, &readSet);
         top = std::max(top, wake);
     }
     struct timeval timeout;
@@ -778,12 +794,13 @@ void CSerialDevOperate::ReadOnePass(const std::vector<int>& fds, int timeoutMs) 
     char buffer[kReadChunk];
     ssize_t got = read(fd, buffer, sizeof buffer);
     int error = errno;
-    serial_cache_data(fd, buffer, static_cast<int>(got));
-    NoteReadResult(fd, static_cast<int>(got), error);
+    // One hold of the table lock for the delivery and its bookkeeping.
+    MutexGuard table(m_TableLock);
+    CacheDataLocked(fd, buffer, static_cast<int>(got));
+    NoteReadResultLocked(fd, static_cast<int>(got), error);
 }
 
-void CSerialDevOperate::NoteReadResult(int fd, int result, int error) {
-    MutexGuard table(m_TableLock);
+void CSerialDevOperate::NoteReadResultLocked(int fd, int result, int error) {
     auto info = m_mapSerialDev.find(fd);
     auto failed = m_mapFailedRead.find(fd);
     if (result > 0) {

@@ -4,6 +4,7 @@
 #define SERIALBASIC_SERIAL_DEV_OPERATE_H
 
 #include <pthread.h>
+#include <sys/select.h>
 
 #include <condition_variable>
 #include <map>
@@ -89,7 +90,9 @@ private:
     bool SnapshotPorts(std::vector<int>& fds, int& waitMs);
     // One reader pass after the table snapshot: select, then serve the lowest ready fd.
     void ReadOnePass(const std::vector<int>& fds, int timeoutMs);
-    void NoteReadResult(int fd, int result, int error);
+    // serial_cache_data and the bookkeeping of a read, m_TableLock held.
+    void CacheDataLocked(int fd, const char* data, int length);
+    void NoteReadResultLocked(int fd, int result, int error);
     void NoteSelectFailure(int error);
     // Makes the reader take a fresh snapshot of the table at once.
     void WakeReader();
@@ -125,6 +128,8 @@ private:
     // The reader thread's snapshot of the table, taken again only when the table changed or
     // a port rests after a failed read: a pass then costs no copy of the table.
     std::vector<int> m_vecReadFds;
+    fd_set m_ReadSetBase;  // m_vecReadFds and the wake pipe, as select wants them
+    bool m_bReadSetValid = false;
     int m_nReadWaitMs = 0;
     bool m_bReadSnapshotValid = false;
 };
