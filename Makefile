@@ -10,7 +10,7 @@ DEMO_FLAGS ?=
 FUZZ_SECONDS ?= 60
 
 .PHONY: all deps configure build test demo sanitize-test tsan-test cross-build cross-test \
-        cross-install fuzz format format-check install clean
+        cross-install bench fuzz format format-check install clean
 
 all: build
 
@@ -52,6 +52,16 @@ cross-test: cross-build
 cross-install: cross-build
 	@cmake --install $(ARMHF_BUILD_DIR) --prefix $(or $(PREFIX),$(CURDIR)/install-armhf)
 
+# `make bench`: a Release build in build-release/, every figure next to its baseline measured in
+# the same run, one table (bench/run_bench.py; docs/performance.md). BENCH_FLAGS: --idle-seconds
+# N, --no-callgrind, --update-baseline.
+BENCH_FLAGS ?=
+bench:
+	@bash scripts/deps.sh valgrind
+	@cmake -S . -B build-release -G Ninja -DCMAKE_BUILD_TYPE=Release $(CMAKE_FLAGS) >/dev/null
+	@cmake --build build-release -j $(JOBS)
+	@/usr/bin/python3 bench/run_bench.py build-release $(BENCH_FLAGS)
+
 # The libFuzzer targets (clang, AddressSanitizer, UBSan), each run FUZZ_SECONDS from its seeds.
 fuzz: deps
 	@CMAKE_FLAGS="$(CMAKE_FLAGS)" bash scripts/fuzz.sh build-fuzz $(FUZZ_SECONDS) $(JOBS)
@@ -66,4 +76,4 @@ install: build
 	@cmake --install $(BUILD_DIR) --prefix $(or $(PREFIX),$(CURDIR)/install)
 
 clean:
-	@rm -rf build build-asan build-tsan build-armhf install install-armhf
+	@rm -rf build build-asan build-tsan build-armhf build-release install install-armhf

@@ -21,6 +21,7 @@
 #include "CommonLog.h"
 #include "MsgBroker.h"
 #include "MsgClientManage.h"
+#include "BareBus.h"
 
 namespace {
 
@@ -31,7 +32,6 @@ constexpr int kRequest = 1000;
 constexpr int kAnswer = kRequest | Common::kMsgAnswerBit;
 constexpr int kBurstEvent = 1001;
 constexpr uint32_t kRawRequest = 2000;
-constexpr uint32_t kRawAnswer = kRawRequest | Common::kMsgAnswerBit;
 constexpr uint32_t kRawBurstEvent = 2001;
 constexpr int kPayload = 64;
 constexpr int kBlocks = 200;
@@ -106,135 +106,6 @@ private:
     std::thread m_server;
 };
 
-// ---- bare ZeroMQ: the same sockets and frames, nothing else -------------------------------
-
-void PutWord(char* p, uint32_t v) {
-    memcpy(p, &v, 4);
-}  // the bench runs little-endian
-
-uint32_t GetWord(const char* p) {
-    uint32_t v;
-    memcpy(&v, p, 4);
-    return v;
-}
-
-class RawPair {
-public:
-    explicit RawPair(const Common::BusEndpoints& ep) {
-        m_ctx = zmq_ctx_new();
-        m_aPub = Socket(ZMQ_PUB, ep.in);
-        m_aSub = Socket(ZMQ_SUB, ep.out);
-        m_bPub = Socket(ZMQ_PUB, ep.in);
-        m_bSub = Socket(ZMQ_SUB, ep.out);
-        Subscribe(m_aSub, kRawAnswer);
-        Subscribe(m_bSub, kRawRequest);
-        Subscribe(m_bSub, kRawBurstEvent);
-        int timeout = 100;
-        zmq_setsockopt(m_bSub, ZMQ_RCVTIMEO, &timeout, sizeof timeout);
-        m_server = std::thread([this] { Serve(); });
-        // No confirmation protocol here: repeat until the path is up both ways.
-        zmq_setsockopt(m_aSub, ZMQ_RCVTIMEO, &timeout, sizeof timeout);
-        char frame[16 + kPayload] = {};
-        char answer[16 + kPayload];
-        for (;;) {
-            Request(frame);
-            if (zmq_recv(m_aSub, answer, sizeof answer, 0) > 0) {
-                break;
-            }
-        }
-        int forever = -1;
-        zmq_setsockopt(m_aSub, ZMQ_RCVTIMEO, &forever, sizeof forever);
-    }
-    ~RawPair() {
-        m_stop = true;
-        m_server.join();
-        for (void* s : {m_aPub, m_aSub, m_bPub, m_bSub}) {
-            zmq_close(s);
-        }
-        zmq_ctx_term(m_ctx);
-    }
-    Clock::duration RoundTrip(const char* payload) {
-        char frame[16 + kPayload];
-        memcpy(frame + 16, payload, kPayload);
-        char answer[16 + kPayload];
-        Clock::time_point t0 = Clock::now();
-        uint32_t seq = Request(frame);
-        while (zmq_recv(m_aSub, answer, sizeof answer, 0) < 16 || GetWord(answer + 8) != seq) {
-        }
-        return Clock::now() - t0;
-    }
-    Clock::duration Burst(const char* payload) {
-        m_burstSeen = 0;
-        char frame[16 + kPayload];
-        memcpy(frame + 16, payload, kPayload);
-        Clock::time_point t0 = Clock::now();
-        for (int i = 0; i < kBurst; ++i) {
-            PutWord(frame, kRawBurstEvent);
-            PutWord(frame + 4, 1);
-            PutWord(frame + 8, ++m_seq);
-            PutWord(frame + 12, kPayload);
-            zmq_send(m_aPub, frame, sizeof frame, 0);
-        }
-        while (m_burstSeen.load() < kBurst) {
-            std::this_thread::sleep_for(std::chrono::microseconds(200));
-        }
-        return Clock::now() - t0;
-    }
-
-private:
-    void* Socket(int type, const std::string& endpoint) {
-        void* s = zmq_socket(m_ctx, type);
-        int unlimited = 0;
-        zmq_setsockopt(s, type == ZMQ_PUB ? ZMQ_SNDHWM : ZMQ_RCVHWM, &unlimited, sizeof unlimited);
-        zmq_connect(s, endpoint.c_str());
-        return s;
-    }
-    static void Subscribe(void* s, uint32_t id) { zmq_setsockopt(s, ZMQ_SUBSCRIBE, &id, 4); }
-    uint32_t Request(char* frame) {
-        PutWord(frame, kRawRequest);
-        PutWord(frame + 4, 1);
-        PutWord(frame + 8, ++m_seq);
-        PutWord(frame + 12, kPayload | (1u << 23));
-        zmq_send(m_aPub, frame, 16 + kPayload, 0);
-        return m_seq;
-    }
-    void Serve() {
-        zmq_msg_t msg;
-        zmq_msg_init(&msg);
-        while (!m_stop) {
-            if (zmq_msg_recv(&msg, m_bSub, 0) < 16) {
-                continue;
-            }
-            const char* in = static_cast<const char*>(zmq_msg_data(&msg));
-            if (GetWord(in) == kRawBurstEvent) {
-                m_burstSeen.fetch_add(1, std::memory_order_relaxed);
-                continue;
-            }
-            size_t payload = zmq_msg_size(&msg) - 16;
-            zmq_msg_t out;
-            zmq_msg_init_size(&out, 16 + payload);
-            char* o = static_cast<char*>(zmq_msg_data(&out));
-            PutWord(o, GetWord(in) | Common::kMsgAnswerBit);
-            PutWord(o + 4, 0);
-            PutWord(o + 8, GetWord(in + 8));
-            PutWord(o + 12, static_cast<uint32_t>(payload) | (1u << 24));
-            memcpy(o + 16, in + 16, payload);
-            zmq_msg_send(&out, m_bPub, 0);
-        }
-        zmq_msg_close(&msg);
-    }
-
-    void* m_ctx;
-    void* m_aPub;
-    void* m_aSub;
-    void* m_bPub;
-    void* m_bSub;
-    uint32_t m_seq = 0;
-    std::atomic<int> m_burstSeen{0};
-    std::atomic<bool> m_stop{false};
-    std::thread m_server;
-};
-
 void Report(const char* what, const std::vector<double>& bus, const std::vector<double>& raw) {
     double busMedian = Percentile(bus, 0.5);
     double rawMedian = Percentile(raw, 0.5);
@@ -266,7 +137,7 @@ int main(int argc, char** argv) {
             fprintf(stderr, "broker did not start at %s\n", address.c_str());
         } else {
             BusPair bus;
-            RawPair raw(broker.Endpoints());
+            bench::BareBusPair raw(broker.Endpoints(), kRawRequest, kRawBurstEvent, kPayload);
             char payload[kPayload];
             memset(payload, 'x', sizeof payload);
             for (int i = 0; i < 1000; ++i) {  // warm up both paths
@@ -293,8 +164,8 @@ int main(int argc, char** argv) {
             for (int block = 0; block < 3; ++block) {
                 busRates.push_back(kBurst /
                                    std::chrono::duration<double>(bus.Burst(payload)).count());
-                rawRates.push_back(kBurst /
-                                   std::chrono::duration<double>(raw.Burst(payload)).count());
+                rawRates.push_back(
+                    kBurst / std::chrono::duration<double>(raw.Burst(payload, kBurst)).count());
             }
             double busRate = Percentile(busRates, 0.5);
             double rawRate = Percentile(rawRates, 0.5);
