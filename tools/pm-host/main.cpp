@@ -5,11 +5,14 @@
 #include <string.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
 #include <string>
+#include <thread>
 
 #include "EventNames.h"
 #include "MsgBroker.h"
@@ -21,7 +24,9 @@
 namespace {
 
 constexpr long long kDefaultWatchdogMs = 10000;
-constexpr unsigned kPumpMs = 50;  // also the latency of SIGINT/SIGTERM
+// The watchdog check looks at least four times per silence period and at most once a second;
+// signals do not wait for it (the main thread waits for them alone).
+constexpr long long kMaxPumpMs = 1000;
 constexpr int kHostModuleId = 0;
 
 const char kUsage[] =
@@ -143,21 +148,40 @@ public:
         m_client.RegisterHandler(kHostModuleId, Common::kMsgWatchdogEvent,
                                  [this](const char* data, int len) { return OnFeed(data, len); });
     }
-    ~CWatchdogWatch() { m_client.MSGEventUnRegister(kHostModuleId, Common::kMsgWatchdogEvent); }
+    ~CWatchdogWatch() {
+        Stop();
+        m_client.MSGEventUnRegister(kHostModuleId, Common::kMsgWatchdogEvent);
+    }
 
     // The start-up check counts from the service's creation, not the host's.
     void Restart() { m_tracker = pmtools::CWatchdogTracker(m_silenceMs, NowMs()); }
 
-    void Pump(unsigned ms) {
-        m_client.MSGWaitForEvent(ms);
-        for (const std::string& warning : m_tracker.Check(NowMs())) {
-            fprintf(stderr, "%s\n", warning.c_str());
+    // Follows the feeds on a thread of its own until Stop().
+    void Run() {
+        m_thread = std::thread([this] {
+            const auto pumpMs =
+                static_cast<unsigned>(std::clamp(m_silenceMs / 4, 1LL, kMaxPumpMs));
+            while (!m_stop.load()) {
+                m_client.MSGWaitForEvent(pumpMs);
+                for (const std::string& warning : m_tracker.Check(NowMs())) {
+                    fprintf(stderr, "%s\n", warning.c_str());
+                }
+            }
+        });
+    }
+    void Stop() {
+        if (!m_thread.joinable()) {
+            return;
         }
+        m_stop = true;
+        // An empty feed ends the wait at once; the handler knows it by the stop flag.
+        m_client.MSGSendMessage(0, Common::kMsgWatchdogEvent, 0, nullptr, 0, kHostModuleId);
+        m_thread.join();
     }
 
 private:
     int OnFeed(const char* data, int len) {
-        if (data == nullptr || len < 16) {
+        if (m_stop.load() || data == nullptr || len < 16) {
             return 0;
         }
         std::string name;
@@ -176,7 +200,9 @@ private:
 
     long long m_silenceMs;
     CMsgClientManage m_client;
-    pmtools::CWatchdogTracker m_tracker;
+    pmtools::CWatchdogTracker m_tracker;  // the watch thread's once it runs
+    std::atomic<bool> m_stop{false};
+    std::thread m_thread;
 };
 
 int Run(const Options& options) {
@@ -199,13 +225,12 @@ int Run(const Options& options) {
     }
     watch.Restart();
     fprintf(stderr, "pm-host: service %s running in %s\n", service.c_str(), workdir.c_str());
-    int sig = 0;
-    while ((sig = pmtools::TakeStopSignal(0)) == 0) {
-        watch.Pump(kPumpMs);
-    }
+    watch.Run();
+    const int sig = pmtools::WaitStopSignal();
     fprintf(stderr, "pm-host: %s received, stopping the service\n",
             sig == SIGINT ? "SIGINT" : "SIGTERM");
     running.reset();
+    watch.Stop();
     fprintf(stderr, "pm-host: service stopped\n");
     return 0;
 }
