@@ -435,14 +435,19 @@ double ChangeFloor(std::vector<Pty>& ptys, std::vector<int>& fds, const std::str
     return Micros(Clock::now() - t0);
 }
 
+// The eight main-chip positions 4-11 on `ptys`, raw.
+std::map<int, std::string> MainChipPositions(std::vector<Pty>& ptys) {
+    std::map<int, std::string> paths;
+    for (size_t i = 0; i < ptys.size(); ++i) {
+        ptys[i].MakeRaw();
+        paths[4 + static_cast<int>(i)] = ptys[i].SlavePath();
+    }
+    return paths;
+}
+
 void BenchChange() {
     std::vector<Pty> ptys(8);
-    std::map<int, std::string> paths;
-    for (int i = 0; i < 8; ++i) {
-        ptys[static_cast<size_t>(i)].MakeRaw();
-        paths[4 + i] = ptys[static_cast<size_t>(i)].SlavePath();
-    }
-    ServiceHarness service(Config(paths));
+    ServiceHarness service(Config(MainChipPositions(ptys)));
     service.Register();
     QuietLogs();
     const std::vector<char> gps = SettingMessage(TwelveOf(kGpsId));
@@ -503,12 +508,7 @@ void BenchIdle(int seconds, bool serviceOnly = false) {
     long rss = 0;
     {
         std::vector<Pty> ptys(8);
-        std::map<int, std::string> paths;
-        for (int i = 0; i < 8; ++i) {
-            ptys[static_cast<size_t>(i)].MakeRaw();
-            paths[4 + i] = ptys[static_cast<size_t>(i)].SlavePath();
-        }
-        ServiceHarness service(Config(paths));
+        ServiceHarness service(Config(MainChipPositions(ptys)));
         service.Start(true);
         service.SendSetting(TwelveOf(kGpsId));
         paramCanSetting_t can{};
