@@ -595,8 +595,8 @@ void BenchBox(int countOnly = 0) {
     const std::string sentence =
         "$GPRMC,083559.00,A,4717.11437,N,00833.91522,E,0.004,77.52,091202,,,A*57\r\n";
     boxsim::BoxModel model(boxsim::BoxModel::Options{});
-    const std::vector<uint8_t> frame =
-        boxsim::Encode(model.FromSubPort(1, std::vector<uint8_t>(sentence.begin(), sentence.end())));
+    const std::vector<uint8_t> frame = boxsim::Encode(
+        model.FromSubPort(1, std::vector<uint8_t>(sentence.begin(), sentence.end())));
     std::string stream;
     while (stream.size() < (4u << 20)) {
         stream.append(frame.begin(), frame.end());

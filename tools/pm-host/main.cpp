@@ -159,8 +159,7 @@ public:
     // Follows the feeds on a thread of its own until Stop().
     void Run() {
         m_thread = std::thread([this] {
-            const auto pumpMs =
-                static_cast<unsigned>(std::clamp(m_silenceMs / 4, 1LL, kMaxPumpMs));
+            const auto pumpMs = static_cast<unsigned>(std::clamp(m_silenceMs / 4, 1LL, kMaxPumpMs));
             while (!m_stop.load()) {
                 m_client.MSGWaitForEvent(pumpMs);
                 for (const std::string& warning : m_tracker.Check(NowMs())) {
