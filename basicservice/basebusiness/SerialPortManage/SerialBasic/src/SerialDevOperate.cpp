@@ -623,8 +623,8 @@ int CSerialDevOperate::serial_write(int fd, const char* data, unsigned int lengt
 }
 
 // The port stays blocking for everybody else; only this one write may not wait, since a
-// peer that stopped reading would otherwise hold the calling thread for good.
-// Tries at once and waits for room only when there is none: the common case costs no poll.
+// peer that stopped reading would otherwise hold the calling thread for good. It tries at
+// once and waits for room only when there is none: the common case costs no poll.
 ssize_t CSerialDevOperate::BoundedWrite(int fd, const char* data, unsigned int length) {
     const int flags = fcntl(fd, F_GETFL);
     const bool toggled =
@@ -647,9 +647,6 @@ ssize_t CSerialDevOperate::BoundedWrite(int fd, const char* data, unsigned int l
 }
 
 int CSerialDevOperate::serial_cache_data(int fd, const char* data, int length) {
-    if (length == 0) {
-        return 0;
-    }
     MutexGuard table(m_TableLock);
     CacheDataLocked(fd, data, length);
     return 0;
@@ -684,28 +681,40 @@ void* CSerialDevOperate::SerialReadThreadEntry(void* arg) {
     return nullptr;
 }
 
-bool CSerialDevOperate::SnapshotPorts(std::vector<int>& fds, int& waitMs) {
-    MutexGuard table(m_TableLock);
-    const long long now = SteadyMs();
-    for (const auto& entry : m_mapSerialDev) {
-        int fd = entry.first;
-        if (fd >= FD_SETSIZE) {
-            continue;  // logged when it was opened
+void CSerialDevOperate::TakeReadSnapshot() {
+    const int timeoutMs = g_readerTimeoutMs.load();
+    m_vecReadFds.clear();
+    m_nReadWaitMs = timeoutMs;
+    FD_ZERO(&m_ReadSetBase);
+    {
+        MutexGuard table(m_TableLock);
+        const long long now = SteadyMs();
+        for (const auto& entry : m_mapSerialDev) {
+            int fd = entry.first;
+            if (fd >= FD_SETSIZE) {
+                continue;  // logged when it was opened
+            }
+            m_nMaxFd = std::max(m_nMaxFd, fd);
+            if (m_setHeldOwners.count(entry.second->owner) != 0) {
+                continue;  // its bytes wait in the kernel until the owner is let go
+            }
+            auto failed = m_mapFailedRead.find(fd);
+            long long rest =
+                failed == m_mapFailedRead.end() ? 0 : failed->second + kFailedReadRetryMs - now;
+            if (rest > 0) {
+                m_nReadWaitMs = std::min(m_nReadWaitMs, static_cast<int>(rest));
+                continue;
+            }
+            m_vecReadFds.push_back(fd);
+            FD_SET(fd, &m_ReadSetBase);
         }
-        m_nMaxFd = std::max(m_nMaxFd, fd);
-        if (m_setHeldOwners.count(entry.second->owner) != 0) {
-            continue;  // its bytes wait in the kernel until the owner is let go
-        }
-        auto failed = m_mapFailedRead.find(fd);
-        long long rest =
-            failed == m_mapFailedRead.end() ? 0 : failed->second + kFailedReadRetryMs - now;
-        if (rest > 0) {
-            waitMs = std::min(waitMs, static_cast<int>(rest));
-            continue;
-        }
-        fds.push_back(fd);
     }
-    return !m_mapSerialDev.empty();
+    const int wake = m_nWakePipe[0];
+    if (wake >= 0 && wake < FD_SETSIZE) {
+        FD_SET(wake, &m_ReadSetBase);
+    }
+    // A resting port comes back by time, not by a change: look again next pass.
+    m_bReadSnapshotValid = m_nReadWaitMs == timeoutMs;
 }
 
 void CSerialDevOperate::serial_read() {
@@ -721,13 +730,7 @@ void CSerialDevOperate::serial_read() {
             }
         }
         if (!m_bReadSnapshotValid) {
-            const int timeoutMs = g_readerTimeoutMs.load();
-            m_vecReadFds.clear();
-            m_bReadSetValid = false;
-            m_nReadWaitMs = timeoutMs;
-            SnapshotPorts(m_vecReadFds, m_nReadWaitMs);
-            // A resting port comes back by time, not by a change: look again next pass.
-            m_bReadSnapshotValid = m_nReadWaitMs == timeoutMs;
+            TakeReadSnapshot();
         }
         if (m_vecReadFds.empty()) {
             if (!ReaderPause(m_nReadWaitMs)) {
@@ -735,7 +738,7 @@ void CSerialDevOperate::serial_read() {
             }
             continue;
         }
-        ReadOnePass(m_vecReadFds, m_nReadWaitMs);
+        ReadOnePass();
     }
     std::lock_guard<std::mutex> guard(m_ReaderLock);
     --m_nReaderCount;
@@ -743,26 +746,16 @@ void CSerialDevOperate::serial_read() {
     m_ReaderCond.notify_all();
 }
 
-void CSerialDevOperate::ReadOnePass(const std::vector<int>& fds, int timeoutMs) {
+void CSerialDevOperate::ReadOnePass() {
     const int wake = m_nWakePipe[0];
-    if (!m_bReadSetValid) {
-        FD_ZERO(&m_ReadSetBase);
-        for (int fd : fds) {
-            FD_SET(fd, &m_ReadSetBase);
-        }
-        if (wake >= 0 && wake < FD_SETSIZE) {
-            FD_SET(wake, &m_ReadSetBase);
-        }
-        m_bReadSetValid = true;
-    }
     fd_set readSet = m_ReadSetBase;
     int top = m_nMaxFd;
     if (wake >= 0 && wake < FD_SETSIZE) {
         top = std::max(top, wake);
     }
     struct timeval timeout;
-    timeout.tv_sec = timeoutMs / 1000;
-    timeout.tv_usec = (timeoutMs % 1000) * 1000;
+    timeout.tv_sec = m_nReadWaitMs / 1000;
+    timeout.tv_usec = (m_nReadWaitMs % 1000) * 1000;
     int ready = select(top + 1, &readSet, nullptr, nullptr, &timeout);
     if (ready < 0) {
         int error = errno;
@@ -782,7 +775,7 @@ void CSerialDevOperate::ReadOnePass(const std::vector<int>& fds, int timeoutMs) 
     }
     // One port per pass, the lowest first; the others are still pending on the next pass.
     int fd = -1;
-    for (int candidate : fds) {
+    for (int candidate : m_vecReadFds) {
         if (FD_ISSET(candidate, &readSet)) {
             fd = candidate;
             break;

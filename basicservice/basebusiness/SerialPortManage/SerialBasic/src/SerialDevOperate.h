@@ -85,11 +85,12 @@ public:
     static void SetReaderTimeoutForTest(int ms);
 
 private:
-    // The open ports in ascending order, without those resting after a failed read (waitMs
-    // is cut to the end of the shortest rest). False when no port is open at all.
-    bool SnapshotPorts(std::vector<int>& fds, int& waitMs);
-    // One reader pass after the table snapshot: select, then serve the lowest ready fd.
-    void ReadOnePass(const std::vector<int>& fds, int timeoutMs);
+    // The reader's snapshot of the table: the open ports in ascending order without those
+    // resting after a failed read (the wait is cut to the end of the shortest rest), and
+    // their select set with the wake pipe.
+    void TakeReadSnapshot();
+    // One reader pass on the snapshot: select, then serve the lowest ready fd.
+    void ReadOnePass();
     // serial_cache_data and the bookkeeping of a read, m_TableLock held.
     void CacheDataLocked(int fd, const char* data, int length);
     void NoteReadResultLocked(int fd, int result, int error);
@@ -129,7 +130,6 @@ private:
     // a port rests after a failed read: a pass then costs no copy of the table.
     std::vector<int> m_vecReadFds;
     fd_set m_ReadSetBase;  // m_vecReadFds and the wake pipe, as select wants them
-    bool m_bReadSetValid = false;
     int m_nReadWaitMs = 0;
     bool m_bReadSnapshotValid = false;
 };
