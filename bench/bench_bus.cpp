@@ -22,6 +22,7 @@
 #include "MsgBroker.h"
 #include "MsgClientManage.h"
 #include "BareBus.h"
+#include "Stats.h"
 
 namespace {
 
@@ -37,14 +38,8 @@ constexpr int kPayload = 64;
 constexpr int kBlocks = 200;
 constexpr int kBurst = 100000;
 
-double Micros(Clock::duration d) {
-    return std::chrono::duration<double, std::micro>(d).count();
-}
-
-double Percentile(std::vector<double> v, double p) {
-    std::sort(v.begin(), v.end());
-    return v[static_cast<size_t>(p * static_cast<double>(v.size() - 1))];
-}
+using bench::Micros;
+using bench::Percentile;
 
 // ---- the bus ------------------------------------------------------------------------------
 

@@ -35,6 +35,7 @@
 #include <vector>
 
 #include "BareBus.h"
+#include "Stats.h"
 #include "BoxSim.h"
 #include "CommonLog.h"
 #include "MsgBroker.h"
@@ -62,17 +63,8 @@ constexpr size_t kBusPayload = 9;  // a 1090 record carrying one byte
 
 FILE* g_out = stdout;
 
-double Micros(Clock::duration d) {
-    return std::chrono::duration<double, std::micro>(d).count();
-}
-
-double Percentile(std::vector<double> v, double p) {
-    if (v.empty()) {
-        return 0;
-    }
-    std::sort(v.begin(), v.end());
-    return v[static_cast<size_t>(p * static_cast<double>(v.size() - 1))];
-}
+using bench::Micros;
+using bench::Percentile;
 
 double CpuSeconds() {
     struct timespec ts;
