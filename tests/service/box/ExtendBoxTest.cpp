@@ -10,97 +10,25 @@
 #include <string>
 #include <vector>
 
-#include "BoxSim.h"
+#include "BoxTestSupport.h"
 #include "PeripheralEvents.h"
-#include "Pty.h"
-#include "SerialDevExtendBox.h"
 #include "SerialDevExtendBoxHub.h"
-#include "ServiceHarness.h"
 
 namespace {
 
 using boxsim::Frame;
-using pmtest::Pty;
+using boxtest::BoxEnd;
+using boxtest::Child;
+using boxtest::kChildId;
+using boxtest::kFrameChild;
 using pmtest::SerialSetting;
 using pmtest::ServiceHarness;
 using pmtest::WaitUntil;
 
-constexpr unsigned kChildId = 60;     // names no library: the test places its own child
-constexpr unsigned kFrameChild = 12;  // takes the box's frame as it came
-
-std::string Config(const std::string& ttyPath) {
-    return R"({"DEVICE_SERIAL_SETTING": [
-                {"DEV_SERIAL_FUNCID": 60, "DEV_SERIAL_LIB_NAME": "NoSuchPlugin"},
-                {"DEV_SERIAL_FUNCID": 8, "DEV_SERIAL_LIB_NAME": "NoSuchPlugin",
-                 "DEV_SERIAL_STOP_BIT": "2bit", "DEV_SERIAL_PARITY": "EVEN"},
-                {"DEV_SERIAL_FUNCID": 12, "DEV_SERIAL_LIB_NAME": "NoSuchPlugin"}],
-              "DEVICE_CANPORT_SETTING": [], "DEVICE_ETHERNET_SETTING": [],
-              "DEVICE_PERIPHERAL_PARAM_SETTING": {"SERIAL_PARAM": [
-                {"NAME": "232-1", "POSITION": 4, "PATH": ")" +
-           ttyPath + R"("}]}})";
-}
-
-// A sub-port peripheral as a plug-in writes it: keeps what it is handed.
-class Child : public CSerialBase {
-public:
-    Child(ServiceHarness& service, unsigned mainId)
-        : CSerialBase(&service.Manager(), service.ManagerClient(), mainId, 0) {}
-    int ProcessPeripheralData() override {
-        char bytes[SERIAL_DELIVERY_SIZE];
-        unsigned length = 0;
-        GetSerialBufferData(bytes, length);
-        ClearSerialBufferValue();
-        m_received.append(bytes, length);
-        return 0;
-    }
-    std::string Received() {
-        LockSerialBuffer();
-        std::string copy = m_received;
-        UnlockSerialBuffer();
-        return copy;
-    }
-
-private:
-    std::string m_received;
-};
-
-// The box's firmware end of the line.
-class BoxEnd {
-public:
-    BoxEnd() { line.MakeRaw(); }
-
-    // The next frame the service sent, or an empty body when none came in time.
-    Frame Next(std::chrono::milliseconds timeout = std::chrono::seconds(3)) {
-        Frame frame;
-        const auto until = std::chrono::steady_clock::now() + timeout;
-        while (!m_decoder.Next(frame)) {
-            if (std::chrono::steady_clock::now() > until) {
-                return Frame{0, 0, {}};
-            }
-            const std::string got = line.Receive(1, std::chrono::milliseconds(50));
-            m_decoder.Feed(reinterpret_cast<const uint8_t*>(got.data()), got.size());
-        }
-        return frame;
-    }
-    // Raw bytes of the next `count` the service sent.
-    std::string Raw(size_t count) { return line.Receive(count); }
-    void Send(const Frame& frame) {
-        const std::vector<uint8_t> bytes = boxsim::Encode(frame);
-        line.Send(std::string(bytes.begin(), bytes.end()));
-    }
-    void Answer(uint8_t cmd, const std::vector<uint8_t>& payload) {
-        Send(boxsim::Answer(boxsim::kBoxDevice, cmd, payload));
-    }
-
-    Pty line;
-
-private:
-    boxsim::Decoder m_decoder;
-};
-
 struct BoxFixture {
     explicit BoxFixture(const std::string& systemConfig = "{}")
-        : service(std::make_unique<ServiceHarness>(Config(end.line.SlavePath()), systemConfig)) {
+        : service(std::make_unique<ServiceHarness>(boxtest::Config(end.line.SlavePath()),
+                                                   systemConfig)) {
         service->Register();
     }
     // The box on port 4 with the given sub-port entries (index, main id, baud).
@@ -111,21 +39,14 @@ struct BoxFixture {
         return dynamic_cast<CSerialDevExtendBox*>(
             service->Manager().GetPeripheralInstance(PERIPHERAL_TYPE_SERIAL, 1, 0));
     }
-    Child* AddChild(unsigned mainId) {
-        auto* child = new Child(*service, mainId);
-        service->Manager().AddInstance(child);
-        child->Initialize();
-        return child;
-    }
+    Child* AddChild(unsigned mainId) { return boxtest::AddChild(*service, mainId); }
 
     BoxEnd end;
     std::unique_ptr<ServiceHarness> service;
 };
 
 std::vector<uint8_t> Body(const std::string& hex) {
-    std::vector<uint8_t> bytes;
-    boxsim::ParseHex(hex, bytes);
-    return bytes;
+    return boxtest::Hex(hex);
 }
 
 // ---- frames the service sends ----
@@ -188,6 +109,10 @@ TEST(ExtendBoxLink, CommandsAreFramedForTheirLineAndRangeChecked) {
     box->SetSubSerialProperty(0, 0x1F, SERIAL_BAUD_115200, SERIAL_DATA_BIT_8, SERIAL_STOP_BIT_1,
                               SERIAL_PARITY_NONE, SERIAL_FLOW_NONE);
     EXPECT_EQ(boxsim::ToHex(f.end.Next().body), "20 06 01 07 00 08 02 00");
+    // Index 7 is the last taken although a box has four sub-ports.
+    box->SetSubSerialProperty(7, 0x1F, SERIAL_BAUD_2400, SERIAL_DATA_BIT_8, SERIAL_STOP_BIT_0_5,
+                              SERIAL_PARITY_ODD, SERIAL_FLOW_HARDWARE);
+    EXPECT_EQ(boxsim::ToHex(f.end.Next().body), "20 06 08 01 01 08 01 01");
     EXPECT_EQ(box->SetSubSerialProperty(8, 0x1F, SERIAL_BAUD_9600, SERIAL_DATA_BIT_8,
                                         SERIAL_STOP_BIT_1, SERIAL_PARITY_NONE, SERIAL_FLOW_NONE),
               0);
@@ -296,7 +221,7 @@ TEST(ExtendBoxLifecycle, ASilentBoxIsAskedAgainAndCountsOfflineFromTheThirdQuery
     BoxFixture f;
     CSerialDevExtendBox* box = f.Place();
     ASSERT_NE(box, nullptr);
-    long long now = 1000000;
+    long long now = boxtest::FreshClock();
     int linkModes = 0;
     int queries = 0;
     bool wentOffline = false;
@@ -310,6 +235,9 @@ TEST(ExtendBoxLifecycle, ASilentBoxIsAskedAgainAndCountsOfflineFromTheThirdQuery
         while (!(frame = f.end.Next(std::chrono::milliseconds(5))).body.empty()) {
             linkModes += frame.body[0] == 0xA0 ? 1 : 0;
             queries += frame.body[0] == 0x04 ? 1 : 0;
+            if (frame.body[0] == 0xA0) {
+                EXPECT_EQ(boxsim::ToHex(frame.body), "A0 01 10") << "a main-chip line";
+            }
         }
     }
     Frame frame;
@@ -342,6 +270,61 @@ TEST(ExtendBoxLifecycle, ASilentBoxIsAskedAgainAndCountsOfflineFromTheThirdQuery
         "S1_EXTEND_BOX: Response version, version = BOX-MCU-1, orgVersion = BOX-MCU-1"));
     f.service->Flush();
     EXPECT_EQ(f.service->Count(EVENT_EXTEND_VERSION), 1u);
+
+    // In service: a keep-alive every three seconds, and each answer starts the count again.
+    f.end.Drain();
+    for (int i = 0; i < 5; ++i) {
+        box->PeripheralThreadCycle(now += 2999);
+        EXPECT_TRUE(f.end.Next(std::chrono::milliseconds(100)).body.empty()) << "not before 3 s";
+        box->PeripheralThreadCycle(now += 1);
+        ASSERT_EQ(boxsim::ToHex(f.end.Next().body), "07 01 31");
+        f.end.Answer(0x07, {1});
+        ASSERT_TRUE(WaitUntil([&] { return box->GetHeartbeatCount() == 0; })) << i;
+    }
+    box->PeripheralThreadCycle(now += 200);
+    EXPECT_TRUE(box->GetCurPeripheralStatus());
+}
+
+TEST(ExtendBoxLifecycle, WhileUpgradingNoSubPortTrafficOrSettingGoesOut) {
+    BoxFixture f;
+    CSerialDevExtendBox* box = f.Place();
+    ASSERT_NE(box, nullptr);
+    box->SetUpgrading(true);
+    EXPECT_EQ(box->SendSubSerialData(SERIAL_PROTOCOL_TRANSPARENT, 0, 2, "hi"), 0);
+    EXPECT_EQ(box->SetSubSerialProperty(0, 0x1F, SERIAL_BAUD_9600, SERIAL_DATA_BIT_8,
+                                        SERIAL_STOP_BIT_1, SERIAL_PARITY_NONE, SERIAL_FLOW_NONE),
+              0);
+    EXPECT_TRUE(f.end.Next(std::chrono::milliseconds(200)).body.empty());
+    box->SetUpgrading(false);
+    box->SendSubSerialData(SERIAL_PROTOCOL_TRANSPARENT, 0, 2, "hi");
+    EXPECT_EQ(boxsim::ToHex(f.end.Next().body), "68 69");
+}
+
+// The sub-port settings step runs at most once per three seconds; a child whose settings
+// are due again waits for it.
+TEST(ExtendBoxLifecycle, SubPortSettingsGoOutAtMostEveryThreeSeconds) {
+    BoxFixture f;
+    CSerialDevExtendBox* box = f.Place({{4, uint8_t(kChildId), 0, SERIAL_BAUD_9600, 0}});
+    ASSERT_NE(box, nullptr);
+    f.AddChild(kChildId);
+    f.end.Answer(0xA0, {1});
+    f.end.Answer(0x04, Body("31"));
+    ASSERT_TRUE(WaitUntil([&] { return box->GetPendingSetup() == 0; }));
+    long long now = boxtest::FreshClock();
+    auto settings = [&] {
+        const std::vector<std::string> sent = f.end.Drain();
+        return std::count_if(sent.begin(), sent.end(),
+                             [](const std::string& body) { return body.rfind("20 06", 0) == 0; });
+    };
+    box->PeripheralThreadCycle(now);  // the version answer's set-up, then the settings
+    EXPECT_EQ(settings(), 1);
+    box->HandlePeripParamChange();
+    EXPECT_EQ(box->GetSubPropertySetFlag(), 0x01);
+    box->PeripheralThreadCycle(now + 2999);
+    EXPECT_EQ(settings(), 0);
+    box->PeripheralThreadCycle(now + 3000);
+    EXPECT_EQ(settings(), 1);
+    EXPECT_EQ(box->GetSubPropertySetFlag(), 0);
 }
 
 TEST(ExtendBoxLifecycle, ASubPortOfMainId8IsConfiguredAtOnceThenWhole) {
@@ -359,7 +342,7 @@ TEST(ExtendBoxLifecycle, ASubPortOfMainId8IsConfiguredAtOnceThenWhole) {
     // Then from the cycle once the version is known, with its configured settings.
     f.end.Answer(0x04, Body("31"));
     ASSERT_TRUE(WaitUntil([&] { return (box->GetPendingSetup() & 1) == 0; }));
-    box->PeripheralThreadCycle(5000000);
+    box->PeripheralThreadCycle(boxtest::FreshClock());
     Frame frame;
     std::vector<std::string> sent;
     while (!(frame = f.end.Next(std::chrono::milliseconds(200))).body.empty()) {
@@ -395,7 +378,8 @@ TEST(ExtendBoxVersion, TheCustomerRuleShapesWhatIsPublished) {
         const uint32_t answerId = EventAnswerOf(EVENT_GET_EXTEND_VERSION);
         f.service->Watch(answerId);
         std::vector<uint8_t> request(16, 0);
-        request[1] = 1;  // main id; sub id 0, source 0, serial
+        request[1] = 1;  // main id; sub id 0, serial
+        request[9] = 2;  // the requester, named in the answer
         const std::vector<char> message = pmtest::Message(EVENT_GET_EXTEND_VERSION, request);
         box->OnGetExtendVersion(message.data(), static_cast<int>(message.size()));
         request[9] = 4;  // a source of 4 is nobody's
@@ -409,6 +393,7 @@ TEST(ExtendBoxVersion, TheCustomerRuleShapesWhatIsPublished) {
         EXPECT_EQ(std::string(reinterpret_cast<const char*>(record.data()) + 37), c.published);
         EXPECT_EQ(record[10], 1) << "a known version counts even when it publishes empty";
         EXPECT_EQ(record[36], 0) << "an answer ends the flag within its 16 bytes";
+        EXPECT_EQ(record[9], 2);
     }
 }
 

@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <list>
 #include <map>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -23,6 +24,7 @@
 #include "ServiceBase.h"
 #include "SysConfig.h"
 
+class CSerialBase;
 class CSerialDevOperate;
 struct PortFamily;
 struct SerialPortStep;
@@ -99,6 +101,10 @@ public:
     int RemovePeripheralInstance(ePeripheralType type, unsigned int mainId, unsigned int subId);
     CPeripheralBase* GetPeripheralInstance(ePeripheralType type, unsigned int mainId,
                                            unsigned int subId);
+    // As GetPeripheralInstance, but null for an instance that the running reconciliation is
+    // about to release: a box told of a change before the removals must not keep it.
+    CPeripheralBase* GetKeptPeripheralInstance(ePeripheralType type, unsigned int mainId,
+                                               unsigned int subId);
     // Index of the peripheral's entry in the current parameter setting, or 255.
     unsigned char GetPeripheralParamId(ePeripheralType type, unsigned int mainId,
                                        unsigned int subId);
@@ -232,8 +238,11 @@ private:
     int LoadPeripheralLibFile(const char* path, const std::string& name, ePeripheralType type,
                               unsigned int mainId, unsigned int subId);
     // Hands the record's instance to its releaser (the serial reader delivers nothing to it
-    // from here on) and clears it.
+    // from here on, and no box or sub-port reaches it any more) and clears it.
     void ReleaseInstance(PeripheralProperty_t& record);
+    // Boxes and their sub-ports point at each other without owning: the side that goes is
+    // taken out of the other side's reach first.
+    void DetachSerialLinks(const CSerialBase* leaving);
 
     // The parameter families' common handler and the CAN and Ethernet reconciliation.
     int OnUpdateParamSetting(const PortFamily& family, const char* data, int length);
@@ -249,11 +258,18 @@ private:
     void CreateQueuedSerialInstances(const std::vector<PeripheralPair>& createQueue,
                                      std::vector<PeripheralPair>& changed);
     void NotifySerialParamChange();
+    // The instances that the steps for `fresh` will release, and the sub-port entries of
+    // `fresh` that are refused (logged).
+    void MarkLeavingSerialInstances(const paramSerialSetting_t& old,
+                                    const paramSerialSetting_t& fresh);
+    void LogRefusedSubPorts(const paramSerialSetting_t& fresh);
 
     // Digital flag and protocol of channel n's IPC entry; false (both 0) for a channel the
     // IPC setting has no entry for.
     bool GetIpcChannel(unsigned int channel, uint8_t& digital, uint8_t& protocol) const;
 
+    // Instances that the running serial reconciliation will release; empty outside it.
+    std::set<const CPeripheralBase*> m_setLeavingInstances;
     long long m_llStatusPollTime;  // clock value of the last poll of the recorder states
     bool m_bStatusPolled;          // false until the first running pass has polled
 

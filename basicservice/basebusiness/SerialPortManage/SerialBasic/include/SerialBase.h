@@ -102,7 +102,11 @@ public:
     const PeripheralProperty& GetSerialProperty() const { return m_stuSerialProperty; }
     bool IsExtendSerial() const { return m_bExtend != 0; }
     unsigned char GetExtendId() const { return m_ucExtendId; }
+    // The box this sub-port sends through; null once that box was released.
     CSerialBase* GetFatherSerial() const { return m_pFatherSerial; }
+    // The manager, before it releases `father`: a sub-port of it forgets it, after any send
+    // through it has ended. Manager thread.
+    void DetachFather(const CSerialBase* father);
     const SerialRecvStamp_t& GetRecvStamp() const { return m_stuRecvStamp; }
 
 protected:

@@ -784,9 +784,24 @@ void CPeripheralManage::ReleaseInstance(PeripheralProperty_t& record) {
         if (m_pSerialDevOperate != nullptr) {
             m_pSerialDevOperate->serial_hold_owner(serial);
         }
+        DetachSerialLinks(serial);
     }
+    m_setLeavingInstances.erase(record.pInstance);
     record.pRelease(record.pInstance);
     record.pInstance = nullptr;
+}
+
+void CPeripheralManage::DetachSerialLinks(const CSerialBase* leaving) {
+    for (const PeripheralProperty_t& record : m_listPeripheralPlugin) {
+        auto* serial = dynamic_cast<CSerialBase*>(record.pInstance);
+        if (serial == nullptr || serial == leaving) {
+            continue;
+        }
+        serial->DetachFather(leaving);
+        if (auto* box = dynamic_cast<CSerialDevExtendBox*>(serial)) {
+            box->DetachChild(leaving);
+        }
+    }
 }
 
 int CPeripheralManage::LoadPeripheralPlugin(ePeripheralType type, unsigned int oldMainId,
@@ -912,6 +927,13 @@ CPeripheralBase* CPeripheralManage::GetPeripheralInstance(ePeripheralType type, 
         }
     }
     return nullptr;
+}
+
+CPeripheralBase* CPeripheralManage::GetKeptPeripheralInstance(ePeripheralType type,
+                                                              unsigned int mainId,
+                                                              unsigned int subId) {
+    CPeripheralBase* instance = GetPeripheralInstance(type, mainId, subId);
+    return m_setLeavingInstances.count(instance) != 0 ? nullptr : instance;
 }
 
 unsigned char CPeripheralManage::GetPeripheralParamId(ePeripheralType type, unsigned int mainId,
@@ -1040,11 +1062,15 @@ int CPeripheralManage::UpdateSerialInstance(const paramSerialSetting_t& setting)
     m_stuSystemSerialParam.stuSerialSetting = setting;
     const paramSerialSetting_t& fresh = m_stuSystemSerialParam.stuSerialSetting;
 
+    LogRefusedSubPorts(fresh);
+    MarkLeavingSerialInstances(old, fresh);
     std::vector<PeripheralPair> createQueue;
     std::vector<PeripheralPair> changed;
     for (unsigned int p = 0; p < SERIAL_PORT_COUNT; ++p) {
         ReconcileSerialPort(old.port[p], fresh.port[p], createQueue, changed);
     }
+    // A removal that took another record (one without instance goes first) leaves its mark.
+    m_setLeavingInstances.clear();
     CreateQueuedSerialInstances(createQueue, changed);
 
     m_mapChangedPeripPair[PERIPHERAL_TYPE_SERIAL] = changed;
@@ -1061,6 +1087,45 @@ int CPeripheralManage::UpdateSerialInstance(const paramSerialSetting_t& setting)
     PM_LOG(2, kLogTag, "Update Serial Instance Finished, instance_size = %d, changeSize = %d\n",
            static_cast<int>(m_listPeripheralPlugin.size()), static_cast<int>(published.size()));
     return 0;
+}
+
+void CPeripheralManage::LogRefusedSubPorts(const paramSerialSetting_t& fresh) {
+    for (unsigned int p = 0; p < SERIAL_PORT_COUNT; ++p) {
+        if (!IsExtendBoxMainId(fresh.port[p].mainFun)) {
+            continue;
+        }
+        for (unsigned int k = 0; k < SERIAL_EXTEND_PORT_COUNT; ++k) {
+            const SerialExtendEntry_t& entry = fresh.port[p].extend[k];
+            if (IsRefusedSubPort(entry)) {
+                PM_LOG(0, kLogTag,
+                       "Extend box on a sub serial refused, port = %u, index = %u, mainId = %d, "
+                       "subId = %d\n",
+                       p, k, entry.mainFun, entry.subFun);
+            }
+        }
+    }
+}
+
+void CPeripheralManage::MarkLeavingSerialInstances(const paramSerialSetting_t& old,
+                                                   const paramSerialSetting_t& fresh) {
+    m_setLeavingInstances.clear();
+    for (unsigned int p = 0; p < SERIAL_PORT_COUNT; ++p) {
+        for (const SerialPortStep& step : PlanSerialPort(old.port[p], fresh.port[p])) {
+            switch (step.kind) {
+                case SerialPortStep::kRemoveChild:
+                case SerialPortStep::kRemoveBox:
+                case SerialPortStep::kRemoveForBox:
+                case SerialPortStep::kRemove:
+                    if (CPeripheralBase* instance = GetPeripheralInstance(
+                            PERIPHERAL_TYPE_SERIAL, step.target.mainId, step.target.subId)) {
+                        m_setLeavingInstances.insert(instance);
+                    }
+                    break;
+                default:
+                    break;
+            }
+        }
+    }
 }
 
 void CPeripheralManage::ReconcileSerialPort(const SerialPortEntry_t& oldPort,

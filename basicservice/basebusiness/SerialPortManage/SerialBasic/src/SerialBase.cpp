@@ -4,6 +4,7 @@
 #include <stdio.h>
 #include <string.h>
 
+#include <shared_mutex>
 #include <string>
 #include <vector>
 
@@ -18,6 +19,7 @@
 #include "SerialDevExtendBoxHub.h"
 #include "SerialDevOperate.h"
 #include "SerialFrame.h"
+#include "SerialReconcile.h"
 #include "PeripheralEvents.h"
 
 namespace {
@@ -51,6 +53,15 @@ int LinkTypeOfPort(unsigned int port) {
         return SERIAL_LINK_MAINCHIP_2;
     }
     return SERIAL_LINK_NONE;
+}
+
+// Sub-ports use their father box from their own threads while the manager may release it:
+// every use of a father holds this shared, and the manager clears a father exclusively
+// (DetachFather) before the box goes. One lock for all sub-ports keeps the plug-in's view of
+// CSerialBase as it was; a clearing is rare and takes no time.
+std::shared_mutex& FatherLinks() {
+    static std::shared_mutex lock;
+    return lock;
 }
 
 bool IsMainChipLink(int type) {
@@ -229,7 +240,8 @@ int CSerialBase::InitSerialProperty() {
             break;
         }
         for (unsigned int k = 0; k < SERIAL_EXTEND_PORT_COUNT; ++k) {
-            if (entry.extend[k].mainFun == m_nMainId && entry.extend[k].subFun == m_nSubId) {
+            if (!IsRefusedSubPort(entry.extend[k]) && entry.extend[k].mainFun == m_nMainId &&
+                entry.extend[k].subFun == m_nSubId) {
                 m_bExtend = 1;
                 port = i;
                 extend = k;
@@ -503,8 +515,11 @@ int CSerialBase::AnalyseExtendFrameData(const char* frame, unsigned int length) 
 
 int CSerialBase::SendDataToPeripheral(const char* data, unsigned int length) {
     if (m_nSerialType == SERIAL_LINK_MCU && m_pMcuSerialOpt != nullptr) {
-        if (m_bExtend && m_pFatherSerial != nullptr && m_pFatherSerial->IsUpgrading()) {
-            return 0;
+        if (m_bExtend) {
+            std::shared_lock<std::shared_mutex> father(FatherLinks());
+            if (m_pFatherSerial != nullptr && m_pFatherSerial->IsUpgrading()) {
+                return 0;
+            }
         }
         return m_pMcuSerialOpt->SendDataToPeripheral(data, length);
     }
@@ -537,6 +552,7 @@ int CSerialBase::SendDataToPeripheral(const char* data, unsigned int length) {
                                                           static_cast<unsigned int>(stuffed));
     }
     if (m_bExtend) {
+        std::shared_lock<std::shared_mutex> links(FatherLinks());
         CSerialDevExtendBox* father = FatherBox();
         if (father == nullptr) {
             return FatherSerialUnavailable();
@@ -553,6 +569,16 @@ CSerialDevExtendBox* CSerialBase::FatherBox() const {
         return dynamic_cast<CSerialDevExtendBoxHub*>(m_pFatherSerial);
     }
     return dynamic_cast<CSerialDevExtendBox*>(m_pFatherSerial);
+}
+
+void CSerialBase::DetachFather(const CSerialBase* father) {
+    std::unique_lock<std::shared_mutex> links(FatherLinks());
+    if (father == nullptr || m_pFatherSerial != father) {
+        return;
+    }
+    m_pFatherSerial = nullptr;
+    PM_LOG(1, kLogTag, "Father box %d-%d gone, mainId = %d, subId = %d\n", father->GetMainId(),
+           father->GetSubId(), m_nMainId, m_nSubId);
 }
 
 int CSerialBase::FatherSerialUnavailable() {
@@ -579,6 +605,7 @@ int CSerialBase::SetMainChipSerialProperty(unsigned char mask, SerialBaudRate ba
             return m_pMainChipSerialOpt->SetMainChipSerialProperty(mask, ChangeSerialBaud(baud),
                                                                    dataBit, stopBit, parity, flow);
         }
+        std::shared_lock<std::shared_mutex> links(FatherLinks());
         CSerialDevExtendBox* father = FatherBox();
         if (father == nullptr) {
             return FatherSerialUnavailable();

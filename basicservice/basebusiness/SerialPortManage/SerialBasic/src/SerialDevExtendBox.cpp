@@ -2,6 +2,7 @@
 
 #include <string.h>
 
+#include <climits>
 #include <cstdlib>
 #include <memory>
 #include <new>
@@ -12,6 +13,7 @@
 #include "GuiToolkit.h"
 #include "PeripheralEvents.h"
 #include "SerialFrame.h"
+#include "SerialReconcile.h"
 #include "SysConfig.h"
 
 namespace {
@@ -79,6 +81,27 @@ unsigned char StopCode(SerialStopBitMode stopBit) {
     }
 }
 
+// One answer to a file request (39473) reaches every box and hub of the service, and nothing
+// in it says whose request it answers: only one of them may wait for a file at a time.
+std::mutex g_FileWaitLock;
+const CSerialDevExtendBox* g_pFileWaiter = nullptr;  // g_FileWaitLock
+
+bool ClaimFileWait(const CSerialDevExtendBox* box) {
+    std::lock_guard<std::mutex> guard(g_FileWaitLock);
+    if (g_pFileWaiter != nullptr && g_pFileWaiter != box) {
+        return false;
+    }
+    g_pFileWaiter = box;
+    return true;
+}
+
+void EndFileWait(const CSerialDevExtendBox* box) {
+    std::lock_guard<std::mutex> guard(g_FileWaitLock);
+    if (g_pFileWaiter == box) {
+        g_pFileWaiter = nullptr;
+    }
+}
+
 // A byte of a bus message's payload, 0 past what arrived.
 unsigned char PayloadByte(const char* msg, int len, unsigned int offset) {
     const long at = static_cast<long>(Common::kMsgHeadSize) + offset;
@@ -134,6 +157,8 @@ CSerialDevExtendBox::CSerialDevExtendBox(CPeripheralManage* manage, CMsgClientMa
       m_nHeartbeatCount(0),
       m_llUpgradeEndTime(0),
       m_bChildSetupDue(false),
+      m_bLineAliveDue(false),
+      m_bReportedOffline(false),
       m_strFlagText(GuiTKGetText(nullptr, nullptr, kFlagTextId)) {
     // The box's frames leave MakeAndSendCmd complete; a protocol 0 of its own (the default
     // when the document has no entry for the box) would have the base wrap them again.
@@ -148,6 +173,15 @@ CSerialDevExtendBox::CSerialDevExtendBox(CPeripheralManage* manage, CMsgClientMa
 
 CSerialDevExtendBox::~CSerialDevExtendBox() {
     SetSerialConfigStatus(6, 0, 0);
+    {
+        // Whoever asked for the upgrade waits for its last state.
+        std::lock_guard<std::recursive_mutex> upgrade(m_UpgradeLock);
+        if (IsUpgrading()) {
+            PM_LOG(0, m_variant.logTag, "Released while upgrading, upgrade failed\n");
+            BroadcastUpgradeState(PERIPHERAL_UPGRADE_FAILED, UpgradeSource(), true);
+        }
+    }
+    EndFileWait(this);
     PM_LOG(1, m_variant.logTag, "**%s** is destruct!!!\n", m_variant.className);
     std::lock_guard<std::mutex> children(m_ChildLock);
     m_mapChild.clear();
@@ -367,7 +401,7 @@ int CSerialDevExtendBox::SetSubSerialProperty(unsigned char index, unsigned char
         StopCode(stopBit),
         static_cast<unsigned char>(flowCode >= 1 && flowCode <= 3 ? flowCode : 0),
     };
-    return MakeAndSendCmd(EXTEND_BOX_CMD_SET_SUB_SERIAL, 0, EXTEND_BOX_DEV_ID, sizeof(setting),
+    return MakeAndSendCmd(EXTEND_BOX_CMD_SET_SUB_SERIAL, 0, m_variant.devId, sizeof(setting),
                           setting);
 }
 
@@ -381,23 +415,29 @@ int CSerialDevExtendBox::DispatchExtendSerialData(unsigned int length, const cha
     const auto* stuffed = reinterpret_cast<const unsigned char*>(frame);
     const unsigned char devId = stuffed[2];
     const unsigned char serialId = stuffed[1] & 0x07;
-    const bool own = devId == m_variant.devId;
-    if (!own) {
-        if (serialId == 0) {
-            return 0;
-        }
-        std::lock_guard<std::mutex> children(m_ChildLock);
-        auto it = m_mapChild.find(static_cast<uint8_t>(serialId - 1));
-        if (it == m_mapChild.end() || it->second == nullptr ||
-            !it->second->GetCurPeripOpenStatus()) {
-            return 0;
-        }
+    if (devId == m_variant.devId) {
+        return DispatchFrame(length, frame, nullptr);
     }
+    if (serialId == 0) {
+        return 0;
+    }
+    // One look-up, held to the end of the hand-over: the slot cannot change owner between
+    // the check of its port and the delivery.
+    std::lock_guard<std::mutex> children(m_ChildLock);
+    auto it = m_mapChild.find(static_cast<uint8_t>(serialId - 1));
+    if (it == m_mapChild.end() || it->second == nullptr || !it->second->GetCurPeripOpenStatus()) {
+        return 0;
+    }
+    return DispatchFrame(length, frame, it->second);
+}
+
+int CSerialDevExtendBox::DispatchFrame(unsigned int length, const char* frame, CSerialBase* child) {
     if (length > EXTEND_BOX_FRAME_SIZE) {
         PM_LOG(0, m_variant.logTag, "Recv frame too long, length = %u(>%u), dropped\n", length,
                EXTEND_BOX_FRAME_SIZE);
         return -1;
     }
+    const auto* stuffed = reinterpret_cast<const unsigned char*>(frame);
     unsigned char plain[EXTEND_BOX_FRAME_SIZE] = {};
     int state = SERIAL_UNSTUFF_START;
     const int n = serial_retransfrom_7e7f(stuffed, plain, static_cast<int>(length), &state);
@@ -419,19 +459,12 @@ int CSerialDevExtendBox::DispatchExtendSerialData(unsigned int length, const cha
     }
     const unsigned int bodyLength = static_cast<unsigned int>(n) - kFrameOverhead;
     PM_LOG(2, m_variant.logTag,
-           "Dispatch serial data, serialId = 0x%x, devId = 0x%x, length = %d\n", serialId, devId,
-           n);
-    if (own) {
+           "Dispatch serial data, serialId = 0x%x, devId = 0x%x, length = %d\n", stuffed[1] & 0x07,
+           stuffed[2], n);
+    if (child == nullptr) {
         char answer[EXTEND_BOX_FRAME_SIZE];
         memcpy(answer, plain + 4, bodyLength);
         return AnalySerialData(bodyLength, answer);
-    }
-    std::lock_guard<std::mutex> children(m_ChildLock);
-    auto it = m_mapChild.find(static_cast<uint8_t>(serialId - 1));
-    CSerialBase* child = it == m_mapChild.end() ? nullptr : it->second;
-    if (child == nullptr) {
-        PM_LOG(0, m_variant.logTag, "serial instance is null, serialId = %d\n", serialId);
-        return -1;
     }
     // These protocols parse the box's frame themselves.
     const unsigned int mainId = child->GetMainId();
@@ -462,6 +495,7 @@ int CSerialDevExtendBox::ProcessPeripheralData() {
 }
 
 int CSerialDevExtendBox::AnalySerialData(unsigned int length, const char* answer) {
+    std::lock_guard<std::recursive_mutex> upgrade(m_UpgradeLock);
     const auto* bytes = reinterpret_cast<const unsigned char*>(answer);
     const unsigned int payloadLength = (answer != nullptr && length >= 2) ? bytes[1] : 0;
     if (answer == nullptr || length < 2 || payloadLength > length - 2) {
@@ -470,76 +504,31 @@ int CSerialDevExtendBox::AnalySerialData(unsigned int length, const char* answer
         HandleUpgradeFailed();
         return -1;
     }
-    SetSerialConfigStatus(7, 0, 0);
+    m_bLineAliveDue = true;
     const unsigned char cmd = bytes[0];
     const unsigned char* payload = bytes + 2;
-    auto failUpgrade = [&] {
-        unsigned char source = 0;
-        {
-            std::lock_guard<std::mutex> state(m_StateLock);
-            source = static_cast<unsigned char>(m_stuUpgrade.source);
-        }
-        BroadcastUpgradeState(PERIPHERAL_UPGRADE_FAILED, source, true);
-    };
     const int pending = m_nPendingCmd.load();
     if ((pending == 1 && cmd != 1) || (pending == 2 && cmd != 2) || (pending == 3 && cmd != 3)) {
         PM_LOG(0, m_variant.logTag,
                "upgrade failed, cmd is not match, preCmd = 0x%x, recvCmd = 0x%x\n", pending, cmd);
-        failUpgrade();
+        BroadcastUpgradeState(PERIPHERAL_UPGRADE_FAILED, UpgradeSource(), true);
         return -1;
     }
     const unsigned char result = payloadLength >= 1 ? payload[0] : 0;
     switch (cmd) {
         case EXTEND_BOX_CMD_UPGRADE_START:
-            StoreUpgradeAnswerTime();
-            if (payloadLength != 6) {
-                PM_LOG(0, m_variant.logTag, "Response start upgrade failed, length = %d ( !=6)\n",
-                       payloadLength);
-                failUpgrade();
-            } else if (memcmp(payload, "READY", 5) != 0) {
-                PM_LOG(0, m_variant.logTag,
-                       "Response start upgrade failed, response = 0x%x, 0x%x, 0x%x, 0x%x, "
-                       "0x%x, 0x%x\n",
-                       payload[0], payload[1], payload[2], payload[3], payload[4], payload[5]);
-                failUpgrade();
-            } else {
-                PM_LOG(1, m_variant.logTag, "Response start upgrade success\n");
-                SendExtendBoxUpgradeData(1);
-            }
-            break;
         case EXTEND_BOX_CMD_UPGRADE_DATA:
-            StoreUpgradeAnswerTime();
-            if (payloadLength != 5) {
-                PM_LOG(0, m_variant.logTag,
-                       "Response doing upgrade failed, length error, length = %d ( != 5 )\n",
-                       payloadLength);
-                failUpgrade();
-            } else if (payload[4] != 1) {
-                PM_LOG(0, m_variant.logTag, "Response doing upgrade failed, result = %d\n",
-                       payload[4]);
-                failUpgrade();
-            } else {
-                const int line = static_cast<int>(Common::GetBe32(payload));
-                PM_LOG(2, m_variant.logTag, "Response doing upgrade success, recv_line = %d\n",
-                       line);
-                SendExtendBoxUpgradeData(line + 1);
-            }
-            break;
         case EXTEND_BOX_CMD_UPGRADE_END:
-            StoreUpgradeAnswerTime();
-            if (result != 1) {
-                PM_LOG(0, m_variant.logTag, "Response end upgrade failed, result = %d\n", result);
-                failUpgrade();
-            } else {
-                PM_LOG(1, m_variant.logTag, "Response end upgrade success\n");
-                m_llUpgradeEndTime = Common::Q7R_TMGetSystemMicroSecond();
-            }
+            AnalyseUpgradeAnswer(cmd, payloadLength, payload);
             break;
         case EXTEND_BOX_CMD_GET_VERSION:
             if (payloadLength >= 1 && payloadLength < EXTEND_BOX_VERSION_SIZE) {
                 char version[EXTEND_BOX_VERSION_SIZE] = {};
                 memcpy(version, payload, payloadLength);
                 bool changed = false;
+                // Due before the version counts as known: whoever sees it known finds the
+                // children's set-up asked for.
+                m_bChildSetupDue = true;
                 {
                     std::lock_guard<std::mutex> state(m_StateLock);
                     PM_LOG(1, m_variant.logTag, "Response version, version = %s, orgVersion = %s\n",
@@ -553,12 +542,11 @@ int CSerialDevExtendBox::AnalySerialData(unsigned int length, const char* answer
                 if (changed) {
                     BroadcastExtendBoxVersion();
                 }
-                m_nHeartbeatCount = 0;
-                m_bChildSetupDue = true;
+                HeardFromBox();
             }
             break;
         case EXTEND_BOX_CMD_HEARTBEAT:
-            m_nHeartbeatCount = 0;
+            HeardFromBox();
             SetCurPeripheralStatus(true);
             break;
         case EXTEND_BOX_CMD_SET_SUB_SERIAL:
@@ -594,6 +582,57 @@ int CSerialDevExtendBox::AnalySerialData(unsigned int length, const char* answer
     return 0;
 }
 
+void CSerialDevExtendBox::AnalyseUpgradeAnswer(unsigned char cmd, unsigned int payloadLength,
+                                               const unsigned char* payload) {
+    // A late answer (after a time-out or a failure) or a stray one must not start what the
+    // box never asked for: an END after a READY, a state for a source that is done.
+    if (!m_bTransferRunning) {
+        PM_LOG(1, m_variant.logTag, "Upgrade answer 0x%x ignored, no upgrade is running\n", cmd);
+        return;
+    }
+    StoreUpgradeAnswerTime();
+    const unsigned char result = payloadLength >= 1 ? payload[0] : 0;
+    auto fail = [&] { BroadcastUpgradeState(PERIPHERAL_UPGRADE_FAILED, UpgradeSource(), true); };
+    if (cmd == EXTEND_BOX_CMD_UPGRADE_START) {
+        if (payloadLength != 6) {
+            PM_LOG(0, m_variant.logTag, "Response start upgrade failed, length = %d ( !=6)\n",
+                   payloadLength);
+            fail();
+        } else if (memcmp(payload, "READY", 5) != 0) {
+            PM_LOG(0, m_variant.logTag,
+                   "Response start upgrade failed, response = 0x%x, 0x%x, 0x%x, 0x%x, 0x%x, "
+                   "0x%x\n",
+                   payload[0], payload[1], payload[2], payload[3], payload[4], payload[5]);
+            fail();
+        } else {
+            PM_LOG(1, m_variant.logTag, "Response start upgrade success\n");
+            SendUpgradeLine(1);
+        }
+    } else if (cmd == EXTEND_BOX_CMD_UPGRADE_DATA) {
+        if (payloadLength != 5) {
+            PM_LOG(0, m_variant.logTag,
+                   "Response doing upgrade failed, length error, length = %d ( != 5 )\n",
+                   payloadLength);
+            fail();
+        } else if (payload[4] != 1) {
+            PM_LOG(0, m_variant.logTag, "Response doing upgrade failed, result = %d\n", payload[4]);
+            fail();
+        } else {
+            const uint32_t line = Common::GetBe32(payload);
+            PM_LOG(2, m_variant.logTag, "Response doing upgrade success, recv_line = %d\n",
+                   static_cast<int>(line));
+            SendUpgradeLine(static_cast<long long>(line) + 1);
+        }
+    } else if (result != 1) {
+        PM_LOG(0, m_variant.logTag, "Response end upgrade failed, result = %d\n", result);
+        fail();
+    } else {
+        PM_LOG(1, m_variant.logTag, "Response end upgrade success\n");
+        m_bTransferRunning = false;
+        m_llUpgradeEndTime = Common::Q7R_TMGetSystemMicroSecond();
+    }
+}
+
 bool CSerialDevExtendBox::AnalyseVariantAnswer(unsigned char, unsigned int, const unsigned char*) {
     return false;
 }
@@ -608,6 +647,9 @@ int CSerialDevExtendBox::PeripheralThreadCycle(long long now) {
     static long long s_llSubPropertyTime = 0;
     static long long s_llHeartbeatTime = 0;
 
+    if (m_bLineAliveDue.exchange(false)) {
+        SetSerialConfigStatus(7, 0, 0);
+    }
     if (m_bChildSetupDue.exchange(false)) {
         HandlePeripParamChange();
     }
@@ -644,19 +686,18 @@ int CSerialDevExtendBox::PeripheralThreadCycle(long long now) {
         }
         return 1;
     }
+    std::lock_guard<std::recursive_mutex> upgrade(m_UpgradeLock);
     const long long endTime = m_llUpgradeEndTime.load();
-    if (endTime != 0 && Elapsed(now, endTime) > kUpgradeSettleMs) {
+    if (IsUpgrading() && endTime != 0 && Elapsed(now, endTime) > kUpgradeSettleMs) {
         PM_LOG(1, m_variant.logTag,
                "Upgrade success, and broadcast upgrade state, and get version\n");
         m_llUpgradeEndTime = 0;
-        unsigned char source = 0;
         {
             std::lock_guard<std::mutex> state(m_StateLock);
             m_stuUpgrade.lastAnswerTime = now;
             m_stuUpgrade.curState = PERIPHERAL_UPGRADE_SUCCESS;
-            source = static_cast<unsigned char>(m_stuUpgrade.source);
         }
-        BroadcastUpgradeState(PERIPHERAL_UPGRADE_SUCCESS, source, true);
+        BroadcastUpgradeState(PERIPHERAL_UPGRADE_SUCCESS, UpgradeSource(), true);
         OnUpgradeFinished();
     }
     return 0;
@@ -695,37 +736,39 @@ void CSerialDevExtendBox::SetSubPropertiesDue() {
 }
 
 int CSerialDevExtendBox::HandleRecvTimeout(long long now) {
-    if (IsUpgrading()) {
-        bool timedOut = false;
-        unsigned char source = 0;
-        {
-            std::lock_guard<std::mutex> state(m_StateLock);
-            timedOut = Elapsed(now, m_stuUpgrade.lastAnswerTime) > kUpgradeTimeoutMs;
-            source = static_cast<unsigned char>(m_stuUpgrade.source);
-        }
-        if (timedOut) {
-            PM_LOG(0, m_variant.logTag, "Timeout happen, upgrade timeout\n");
-            BroadcastUpgradeState(PERIPHERAL_UPGRADE_FAILED, source, true);
+    {
+        std::lock_guard<std::recursive_mutex> upgrade(m_UpgradeLock);
+        if (IsUpgrading()) {
+            bool timedOut = false;
+            {
+                std::lock_guard<std::mutex> state(m_StateLock);
+                timedOut = Elapsed(now, m_stuUpgrade.lastAnswerTime) > kUpgradeTimeoutMs;
+            }
+            if (timedOut) {
+                PM_LOG(0, m_variant.logTag, "Timeout happen, upgrade timeout\n");
+                BroadcastUpgradeState(PERIPHERAL_UPGRADE_FAILED, UpgradeSource(), true);
+            }
         }
     }
     const int count = m_nHeartbeatCount;
     if (count >= m_variant.heartbeatLimit) {
         PM_LOG(2, m_variant.logTag, "Timeout is too long, and set can disconnect\n");
-        OnHeartbeatLost();
-    }
-    const bool online = count < m_variant.heartbeatLimit;
-    // The line above repeats every cycle while the box is silent; a person watching the log
-    // wants the moment it went and the moment it came back.
-    if (online == m_bReportedOffline) {
-        m_bReportedOffline = !online;
-        if (online) {
-            PM_LOG(1, m_variant.logTag, "Extend box online again\n");
-        } else {
+        // The line above repeats every cycle while the box is silent; a person watching the
+        // log wants the moment it went (and, from HeardFromBox, the moment it answered).
+        if (!m_bReportedOffline.exchange(true)) {
             PM_LOG(1, m_variant.logTag, "Extend box offline, %d commands unanswered\n", count);
         }
+        OnHeartbeatLost();
     }
-    SetCurPeripheralStatus(online);
+    SetCurPeripheralStatus(count < m_variant.heartbeatLimit);
     return 0;
+}
+
+void CSerialDevExtendBox::HeardFromBox() {
+    ResetHeartbeat();
+    if (m_bReportedOffline.exchange(false)) {
+        PM_LOG(1, m_variant.logTag, "Extend box online again\n");
+    }
 }
 
 void CSerialDevExtendBox::OnHeartbeatLost() {}
@@ -772,8 +815,12 @@ int CSerialDevExtendBox::HandlePeripParamChange() {
     std::vector<std::pair<unsigned char, SerialBaudRate>> atOnce;
     for (unsigned char i = 0; i < SERIAL_EXTEND_PORT_COUNT; ++i) {
         const SerialExtendEntry_t& entry = port->extend[i];
-        CSerialBase* child = dynamic_cast<CSerialBase*>(m_pPeripheralManage->GetPeripheralInstance(
-            PERIPHERAL_TYPE_SERIAL, entry.mainFun, entry.subFun));
+        // A refused entry (a box on a sub-port; the manager logged it) stays an empty slot.
+        CSerialBase* child =
+            IsRefusedSubPort(entry)
+                ? nullptr
+                : dynamic_cast<CSerialBase*>(m_pPeripheralManage->GetKeptPeripheralInstance(
+                      PERIPHERAL_TYPE_SERIAL, entry.mainFun, entry.subFun));
         size_t size = 0;
         {
             std::lock_guard<std::mutex> children(m_ChildLock);
@@ -888,6 +935,15 @@ CSerialBase* CSerialDevExtendBox::GetChild(unsigned char index) const {
     return it == m_mapChild.end() ? nullptr : it->second;
 }
 
+void CSerialDevExtendBox::DetachChild(const CSerialBase* child) {
+    std::lock_guard<std::mutex> children(m_ChildLock);
+    for (auto& slot : m_mapChild) {
+        if (slot.second == child) {
+            slot.second = nullptr;
+        }
+    }
+}
+
 size_t CSerialDevExtendBox::GetChildCount() const {
     std::lock_guard<std::mutex> children(m_ChildLock);
     size_t count = 0;
@@ -925,9 +981,10 @@ int CSerialDevExtendBox::OnTriggerExtendUpgrade(const char* msg, int len) {
            "Trigger extend_box upgrade, upg_type = %d, perip_type = %d, MainId = %d, SubId = %d, "
            "DevId = %d\n",
            source, 0, mainId, subId, devId);
+    std::lock_guard<std::recursive_mutex> upgrade(m_UpgradeLock);
     if (source >= 3) {
         PM_LOG(0, m_variant.logTag, "[UPG] failed, because upgrade type[%d] is error\n", source);
-        BroadcastUpgradeState(PERIPHERAL_UPGRADE_FAILED, source, true);
+        RefuseUpgrade(PERIPHERAL_UPGRADE_FAILED, source);
         return 0;
     }
     if (IsUpgrading()) {
@@ -945,6 +1002,12 @@ int CSerialDevExtendBox::OnTriggerExtendUpgrade(const char* msg, int len) {
         BroadcastUpgradeState(PERIPHERAL_UPGRADE_FAILED, source, true);
         return 0;
     }
+    if (!ClaimFileWait(this)) {
+        PM_LOG(0, m_variant.logTag,
+               "[UPG] failed, another extend box waits for its upgrade file\n");
+        SendUpgradeState(PERIPHERAL_UPGRADE_BUSY, source);
+        return 0;
+    }
     {
         std::lock_guard<std::mutex> state(m_StateLock);
         m_stuUpgrade.source = source;
@@ -960,6 +1023,7 @@ int CSerialDevExtendBox::OnTriggerExtendUpgrade(const char* msg, int len) {
         return 0;
     }
     SetUpgrading(true);
+    m_bAwaitingFile = true;
     StoreUpgradeAnswerTime();
     unsigned char request[kFileRequestSize] = {};
     request[0] = 0;  // location
@@ -980,6 +1044,14 @@ int CSerialDevExtendBox::OnGetExtendUpgradeFileAck(const char* msg, int len) {
         PM_LOG(0, m_variant.logTag, "Get extend_box upgrade file length or msg is error \n");
         return -1;
     }
+    std::lock_guard<std::recursive_mutex> upgrade(m_UpgradeLock);
+    // Every box and hub hears every answer: only the one that asked takes it, once.
+    if (!m_bAwaitingFile) {
+        PM_LOG(1, m_variant.logTag, "[UPG] upgrade file ignored, none was asked for\n");
+        return 0;
+    }
+    m_bAwaitingFile = false;
+    EndFileWait(this);
     const unsigned int size = static_cast<unsigned int>(len) - Common::kMsgHeadSize;
     const unsigned char* file = reinterpret_cast<const unsigned char*>(msg) + Common::kMsgHeadSize;
     char name[UPGRADE_FILE_NAME_SIZE + 1] = {};
@@ -998,11 +1070,7 @@ int CSerialDevExtendBox::OnGetExtendUpgradeFileAck(const char* msg, int len) {
            "location = %d, file_name = %s, length = %d\n",
            state, type, location, name, fileLength);
     StoreUpgradeAnswerTime();
-    unsigned char source = 0;
-    {
-        std::lock_guard<std::mutex> lock(m_StateLock);
-        source = static_cast<unsigned char>(m_stuUpgrade.source);
-    }
+    const unsigned char source = UpgradeSource();
     if (state != 1 || type != 3 || location != 0 || name[0] == '\0' || fileLength == 0) {
         PM_LOG(0, m_variant.logTag, "[UPG] upgrade file not find\n");
         BroadcastUpgradeState(PERIPHERAL_UPGRADE_FILE_NOT_FOUND, source, true);
@@ -1031,6 +1099,7 @@ int CSerialDevExtendBox::OnGetExtendUpgradeFileAck(const char* msg, int len) {
     }
     PM_LOG(1, m_variant.logTag, "[UPG] version is different, version = %s, newVer = %s\n", version,
            newVersion);
+    m_bTransferRunning = true;
     SendOwnCmd(EXTEND_BOX_CMD_UPGRADE_START, 0, nullptr);
     return 0;
 }
@@ -1095,17 +1164,20 @@ int CSerialDevExtendBox::AnalyseUpgradeFile(const tag_msgPeripheralUpgradeFile* 
 }
 
 void CSerialDevExtendBox::SendExtendBoxUpgradeData(int line) {
+    SendUpgradeLine(line);
+}
+
+void CSerialDevExtendBox::SendUpgradeLine(long long line) {
+    std::lock_guard<std::recursive_mutex> upgrade(m_UpgradeLock);
     unsigned char data[4 + UPGRADE_LINE_SIZE];
     unsigned int chunk = 0;
     uint32_t sent = 0;
     uint32_t total = 0;
     int8_t percent = 0;
     bool report = false;
-    unsigned char source = 0;
     enum { kLine, kEnd, kWrongLine } action = kLine;
     {
         std::lock_guard<std::mutex> state(m_StateLock);
-        source = static_cast<unsigned char>(m_stuUpgrade.source);
         total = m_stuUpgrade.imageLength;
         if (line != m_nNextLine) {
             action = kWrongLine;
@@ -1119,16 +1191,16 @@ void CSerialDevExtendBox::SendExtendBoxUpgradeData(int line) {
             memcpy(data + 4, m_vecImage.data() + m_stuUpgrade.bytesSent, chunk);
             m_stuUpgrade.bytesSent += chunk;
             sent = m_stuUpgrade.bytesSent;
-            m_nNextLine = line + 1;
+            m_nNextLine = static_cast<int>(line) + 1;
             percent = static_cast<int8_t>(static_cast<uint64_t>(sent) * 100 / total);
             report = percent != m_stuUpgrade.percent;
             m_stuUpgrade.percent = percent;
         }
     }
     if (action == kWrongLine) {
-        PM_LOG(0, m_variant.logTag, "upgrade failed, id is error, lineId = %d (!= %d)\n", line,
+        PM_LOG(0, m_variant.logTag, "upgrade failed, id is error, lineId = %lld (!= %d)\n", line,
                m_nNextLine.load());
-        BroadcastUpgradeState(PERIPHERAL_UPGRADE_FAILED, source, true);
+        BroadcastUpgradeState(PERIPHERAL_UPGRADE_FAILED, UpgradeSource(), true);
         return;
     }
     if (action == kEnd) {
@@ -1143,11 +1215,15 @@ void CSerialDevExtendBox::SendExtendBoxUpgradeData(int line) {
     }
     PM_LOG(1, m_variant.logTag, "data sending percent = %d, (%d /%d), count = %d\n", percent, sent,
            total, m_nNextLine.load());
-    BroadcastUpgradeState(PERIPHERAL_UPGRADE_DOING, source, false);
+    BroadcastUpgradeState(PERIPHERAL_UPGRADE_DOING, UpgradeSource(), false);
 }
 
-void CSerialDevExtendBox::BroadcastUpgradeState(enumPeripheralUpgradeState state,
-                                                unsigned char source, bool finished) {
+unsigned char CSerialDevExtendBox::UpgradeSource() const {
+    std::lock_guard<std::mutex> state(m_StateLock);
+    return static_cast<unsigned char>(m_stuUpgrade.source);
+}
+
+void CSerialDevExtendBox::SendUpgradeState(enumPeripheralUpgradeState state, unsigned char source) {
     ExtendUpgradeState_t record{};
     {
         std::lock_guard<std::mutex> lock(m_StateLock);
@@ -1163,28 +1239,51 @@ void CSerialDevExtendBox::BroadcastUpgradeState(enumPeripheralUpgradeState state
             m_stuUpgradeState[source].state = static_cast<uint8_t>(state);
             m_stuUpgradeState[source].percent = m_stuUpgrade.percent;
         }
-        if (finished) {
-            ReleaseUpgradeImage();
-            m_stuUpgrade = UpgradeBlock{};
-            memset(m_szVersion, 0, sizeof(m_szVersion));
-        }
     }
-    if (state < PERIPHERAL_UPGRADE_STATE_END) {
-        PM_LOG(1, m_variant.logTag,
-               "[UPG] state broadcast, upgSource = %d, mainId = %d, subId = %d, devId = %d, "
-               "flag = %s, reslut = %d, percent = %d\n",
-               record.source, record.mainId, record.subId, record.devId, record.flag, record.state,
-               record.percent);
-        m_pMsgClient->MSGSendMessage(0, EVENT_EXTEND_UPGRADE_STATE, 0,
-                                     reinterpret_cast<const char*>(&record), sizeof(record),
-                                     static_cast<int>(m_nMsgId));
-    } else {
+    if (state >= PERIPHERAL_UPGRADE_STATE_END) {
         PM_LOG(0, m_variant.logTag, "OBD upgrade state is error, state = %d\n", state);
-    }
-    if (!finished) {
-        SetUpgrading(true);
         return;
     }
+    PM_LOG(1, m_variant.logTag,
+           "[UPG] state broadcast, upgSource = %d, mainId = %d, subId = %d, devId = %d, "
+           "flag = %s, reslut = %d, percent = %d\n",
+           record.source, record.mainId, record.subId, record.devId, record.flag, record.state,
+           record.percent);
+    m_pMsgClient->MSGSendMessage(0, EVENT_EXTEND_UPGRADE_STATE, 0,
+                                 reinterpret_cast<const char*>(&record), sizeof(record),
+                                 static_cast<int>(m_nMsgId));
+}
+
+void CSerialDevExtendBox::BroadcastUpgradeState(enumPeripheralUpgradeState state,
+                                                unsigned char source, bool finished) {
+    std::lock_guard<std::recursive_mutex> upgrade(m_UpgradeLock);
+    SendUpgradeState(state, source);
+    if (finished) {
+        FinishUpgrade();
+    } else {
+        SetUpgrading(true);
+    }
+}
+
+void CSerialDevExtendBox::RefuseUpgrade(enumPeripheralUpgradeState state, unsigned char source) {
+    std::lock_guard<std::recursive_mutex> upgrade(m_UpgradeLock);
+    if (IsUpgrading()) {
+        SendUpgradeState(state, source);
+    } else {
+        BroadcastUpgradeState(state, source, true);
+    }
+}
+
+void CSerialDevExtendBox::FinishUpgrade() {
+    {
+        std::lock_guard<std::mutex> lock(m_StateLock);
+        ReleaseUpgradeImage();
+        m_stuUpgrade = UpgradeBlock{};
+        memset(m_szVersion, 0, sizeof(m_szVersion));
+    }
+    m_bAwaitingFile = false;
+    m_bTransferRunning = false;
+    EndFileWait(this);
     SetUpgrading(false);
     m_nNextLine = 1;
     // The box comes back from an upgrade, or from a refusal, as a new one: link mode and
@@ -1193,16 +1292,12 @@ void CSerialDevExtendBox::BroadcastUpgradeState(enumPeripheralUpgradeState state
 }
 
 void CSerialDevExtendBox::HandleUpgradeFailed() {
+    std::lock_guard<std::recursive_mutex> upgrade(m_UpgradeLock);
     const int pending = m_nPendingCmd.load();
     if (!IsUpgrading() || pending < 1 || pending > 3) {
         return;  // the slot is only ever -1, so this never acts; kept for the lock-step
     }
-    unsigned char source = 0;
-    {
-        std::lock_guard<std::mutex> state(m_StateLock);
-        source = static_cast<unsigned char>(m_stuUpgrade.source);
-    }
-    BroadcastUpgradeState(PERIPHERAL_UPGRADE_FAILED, source, true);
+    BroadcastUpgradeState(PERIPHERAL_UPGRADE_FAILED, UpgradeSource(), true);
     m_nPendingCmd = -1;
 }
 

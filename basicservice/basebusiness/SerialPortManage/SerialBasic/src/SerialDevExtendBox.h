@@ -6,9 +6,13 @@
 // receive-buffer lock) or on the manager thread (MCU-relayed line); the thread cycle and the
 // bus handlers run on the manager thread; sub-ports send through the box from their own
 // threads. Scalars shared between them are atomics. m_ChildLock guards the child table and is
-// held while a frame is handed to a child, so that a child the manager is about to release is
-// either served to the end or no longer found. m_StateLock guards the version text and the
-// upgrade records and is a leaf: nothing is sent while it is held.
+// held from the look-up of a child to the end of the hand-over, so that a child the manager
+// releases (DetachChild first) is either served to the end or no longer found.
+// m_UpgradeLock orders the steps of an upgrade, which come from both threads (answers on the
+// line, bus handlers and time-outs on the manager thread): each step, its state broadcast and
+// the flags it changes happen as one. m_StateLock guards the version text and the upgrade
+// records and is a leaf: nothing is sent while it is held. Order: m_UpgradeLock, then
+// m_StateLock; m_ChildLock is never held with either.
 #ifndef SERIALBASIC_SERIAL_DEV_EXTEND_BOX_H
 #define SERIALBASIC_SERIAL_DEV_EXTEND_BOX_H
 
@@ -179,6 +183,9 @@ public:
     uint8_t GetSubPropertySetFlag() const { return m_nSubPropertySetFlag.load(); }
     CSerialBase* GetChild(unsigned char index) const;
     size_t GetChildCount() const;
+    // The manager, before it releases `child`: every slot that holds it is emptied, after
+    // any hand-over to it has ended. Manager thread.
+    void DetachChild(const CSerialBase* child);
 
 protected:
     CSerialDevExtendBox(CPeripheralManage* manage, CMsgClientManage* client, unsigned int mainId,
@@ -197,6 +204,9 @@ protected:
     void ForgetVersion();
     void RequestVersion();
     void ResetHeartbeat() { m_nHeartbeatCount = 0; }
+    // A keep-alive or version answer: the count starts again, and a box reported offline is
+    // reported back.
+    void HeardFromBox();
     // Answers the bus request `request` (a whole message, head first) with `answer`.
     int Respond(const char* request, const void* answer, size_t size);
 
@@ -216,8 +226,22 @@ private:
         int8_t percent;
     };
 
+    // Unstuffs and checks a frame, then hands it to `child`, or to AnalySerialData when null.
+    int DispatchFrame(unsigned int length, const char* frame, CSerialBase* child);
     void FillStateRecords();
     void StoreUpgradeAnswerTime();
+    // An answer to START, a line or END. m_UpgradeLock held.
+    void AnalyseUpgradeAnswer(unsigned char cmd, unsigned int payloadLength,
+                              const unsigned char* payload);
+    // The line after `acknowledged`, computed without overflow. m_UpgradeLock held.
+    void SendUpgradeLine(long long line);
+    // The state record for `source` on the bus, and in that source's record; nothing else.
+    void SendUpgradeState(enumPeripheralUpgradeState state, unsigned char source);
+    // Refuses a trigger with `state`: a finished broadcast when idle, only the record while
+    // another upgrade runs, which a refusal must leave alone.
+    void RefuseUpgrade(enumPeripheralUpgradeState state, unsigned char source);
+    void FinishUpgrade();
+    unsigned char UpgradeSource() const;
     void FillVersionRecord(ExtendVersionRecord_t& record, unsigned char source, bool wholeFlag);
     bool PublishedVersion(char (&out)[EXTEND_BOX_VERSION_SIZE]) const;
     int SendOwnCmd(eExtendBoxCmd cmd, unsigned int length, const unsigned char* payload) {
@@ -226,6 +250,12 @@ private:
     void SetSubPropertiesDue();
     void ReleaseUpgradeImage();
 
+    mutable std::recursive_mutex m_UpgradeLock;  // see above
+    // Set when the file request (6705) went out; a file record is taken only then.
+    bool m_bAwaitingFile = false;  // m_UpgradeLock
+    // The upgrade-in-progress marker: from START until the END answer or the end of the
+    // upgrade. Answers to START, lines and END are taken only while it is set.
+    bool m_bTransferRunning = false;            // m_UpgradeLock
     mutable std::mutex m_StateLock;             // leaf; see above
     char m_szVersion[EXTEND_BOX_VERSION_SIZE];  // m_StateLock
     mutable std::mutex m_ChildLock;
@@ -242,7 +272,11 @@ private:
     // A version answer re-runs the child set-up on the manager thread, which owns the registry
     // it reads: the answer itself may arrive on the serial reader thread.
     std::atomic<bool> m_bChildSetupDue;
-    bool m_bReportedOffline = false;  // manager thread only
+    // Set by every valid answer: the line-alive report (6820) is made on the manager thread,
+    // which owns the serial record that the report reads.
+    std::atomic<bool> m_bLineAliveDue;
+    // Between the offline line and the first answer after it.
+    std::atomic<bool> m_bReportedOffline;
     Json::Value m_jsonSpecInfo;
     std::string m_strFlagText;
 };

@@ -14,6 +14,9 @@ PeripheralPair Ids(const SerialPortEntry_t& port) {
 }
 
 PeripheralPair Ids(const SerialExtendEntry_t& child) {
+    if (IsRefusedSubPort(child)) {
+        return {PERIPHERAL_MAINID_NONE, 0};
+    }
     return {child.mainFun, child.subFun};
 }
 
@@ -29,12 +32,14 @@ void PlanKept(const SerialPortEntry_t& oldPort, const SerialPortEntry_t& newPort
         for (unsigned int k = 0; k < SERIAL_EXTEND_PORT_COUNT; ++k) {
             const SerialExtendEntry_t& oldChild = oldPort.extend[k];
             const SerialExtendEntry_t& newChild = newPort.extend[k];
-            if (oldChild.mainFun != newChild.mainFun || oldChild.subFun != newChild.subFun) {
-                Push(plan, Step::kRemoveChild, Ids(oldChild), Ids(oldChild), k);
-                Push(plan, Step::kCreate, Ids(newChild), Ids(newChild));
-            } else if (oldChild.mainFun != PERIPHERAL_MAINID_NONE &&
+            const PeripheralPair oldIds = Ids(oldChild);
+            const PeripheralPair newIds = Ids(newChild);
+            if (oldIds.mainId != newIds.mainId || oldIds.subId != newIds.subId) {
+                Push(plan, Step::kRemoveChild, oldIds, oldIds, k);
+                Push(plan, Step::kCreate, newIds, newIds);
+            } else if (oldIds.mainId != PERIPHERAL_MAINID_NONE &&
                        oldChild.baudrate != newChild.baudrate) {
-                Push(plan, Step::kChanged, Ids(oldChild), Ids(oldChild));
+                Push(plan, Step::kChanged, oldIds, oldIds);
             }
         }
     }
@@ -72,6 +77,10 @@ void PlanReplaced(const SerialPortEntry_t& oldPort, const SerialPortEntry_t& new
 
 bool IsExtendBoxMainId(unsigned int mainId) {
     return mainId == PERIPHERAL_MAINID_EXTEND_BOX || mainId == PERIPHERAL_MAINID_EXTEND_HUB_BOX;
+}
+
+bool IsRefusedSubPort(const SerialExtendEntry_t& entry) {
+    return IsExtendBoxMainId(entry.mainFun);
 }
 
 std::vector<SerialPortStep> PlanSerialPort(const SerialPortEntry_t& oldPort,

@@ -25,6 +25,9 @@ struct SerialPortStep {
 };
 
 bool IsExtendBoxMainId(unsigned int mainId);
+// A box or hub among the sub-ports of a box would have the reader hand a box's frames to a
+// box inside its own delivery: such an entry counts as empty wherever sub-ports are read.
+bool IsRefusedSubPort(const SerialExtendEntry_t& entry);
 
 // The steps for port entry `oldPort` becoming `newPort`, in the order they are to be taken.
 std::vector<SerialPortStep> PlanSerialPort(const SerialPortEntry_t& oldPort,

@@ -1,0 +1,217 @@
+// Boxes and their sub-ports come and go while bytes flow: a released child is out of every
+// box's reach before its releaser runs, a sub-port forgets a father that goes, a box never
+// becomes its own sub-port, and what the reader thread hands over goes to the slot's owner as
+// checked. The test thread is the manager thread (no manager thread runs); the serial reader
+// thread delivers from real pseudo-terminals.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <memory>
+#include <string>
+#include <thread>
+
+#include "BoxTestSupport.h"
+#include "PeripheralEvents.h"
+
+namespace {
+
+using boxtest::AddChild;
+using boxtest::BoxEnd;
+using boxtest::Child;
+using boxtest::kChildId;
+using boxtest::kOtherChildId;
+using boxtest::ReachableAtRelease;
+using pmtest::SerialEntry;
+using pmtest::SerialSetting;
+using pmtest::ServiceHarness;
+using pmtest::WaitUntil;
+
+// Two lines: ports 4 and 5 of the main chip.
+struct TwoLines {
+    TwoLines() : service(boxtest::Config(port4.line.SlavePath(), port5.line.SlavePath())) {
+        service.Register();
+        ReachableAtRelease() = 0;
+    }
+    CSerialDevExtendBox* Box(unsigned mainId = PERIPHERAL_MAINID_EXTEND_BOX) {
+        return dynamic_cast<CSerialDevExtendBox*>(
+            service.Manager().GetPeripheralInstance(PERIPHERAL_TYPE_SERIAL, mainId, 0));
+    }
+    // The setting, then children of the given ids as the loader would make them, then the
+    // boxes told so that their tables hold the children.
+    void Place(const std::vector<SerialEntry>& entries, const std::vector<unsigned>& children) {
+        ASSERT_TRUE(service.SendSetting(SerialSetting(entries)));
+        for (unsigned id : children) {
+            AddChild(service, id);
+        }
+        for (unsigned boxId : {PERIPHERAL_MAINID_EXTEND_BOX, PERIPHERAL_MAINID_EXTEND_HUB_BOX}) {
+            if (CSerialDevExtendBox* box = Box(boxId)) {
+                box->HandlePeripParamChange();
+            }
+        }
+    }
+    Child* ChildOf(unsigned mainId, unsigned subId = 0) {
+        return dynamic_cast<Child*>(
+            service.Manager().GetPeripheralInstance(PERIPHERAL_TYPE_SERIAL, mainId, subId));
+    }
+
+    BoxEnd port4;
+    BoxEnd port5;
+    ServiceHarness service;
+};
+
+boxsim::Frame SubPortData(int subId, const std::string& bytes) {
+    boxsim::Frame frame;
+    frame.address = static_cast<uint8_t>(0x80 | subId);
+    frame.device = 0x33;
+    frame.body.assign(bytes.begin(), bytes.end());
+    return frame;
+}
+
+// ---- children that go ----
+
+TEST(BoxLifetime, AChildIsOutOfEveryBoxsReachBeforeItIsReleased) {
+    const uint8_t child = kChildId;
+    {
+        SCOPED_TRACE("a kept box whose sub-port moves to another slot");
+        TwoLines t;
+        t.Place({{4, 1}, {4, child, 0, 1, 0}}, {kChildId});
+        ASSERT_EQ(t.Box()->GetChild(0), t.ChildOf(kChildId));
+        ASSERT_TRUE(t.service.SendSetting(SerialSetting({{4, 1}, {4, child, 0, 1, 1}})));
+        EXPECT_EQ(ReachableAtRelease(), 0);
+        EXPECT_EQ(t.Box()->GetChildCount(), 0u) << "the moved child is not made anew here";
+    }
+    {
+        SCOPED_TRACE("a box that moves to another port with the same sub-ports");
+        TwoLines t;
+        t.Place({{4, 1}, {4, child, 0, 1, 0}}, {kChildId});
+        ASSERT_TRUE(t.service.SendSetting(SerialSetting({{5, 1}, {5, child, 0, 1, 0}})));
+        EXPECT_EQ(ReachableAtRelease(), 0);
+        ASSERT_NE(t.Box(), nullptr);
+        EXPECT_EQ(t.Box()->GetParamId(), 5);
+    }
+    {
+        SCOPED_TRACE("a sub-port switched through the loader");
+        TwoLines t;
+        t.Place({{4, 1}, {4, child, 0, 1, 0}}, {kChildId});
+        ASSERT_EQ(t.service.Manager().LoadPeripheralPlugin(PERIPHERAL_TYPE_SERIAL, kChildId, 0,
+                                                           kChildId, 1),
+                  0);
+        EXPECT_EQ(ReachableAtRelease(), 0);
+        EXPECT_EQ(t.Box()->GetChild(0), nullptr);
+        // What arrives for the slot meanwhile goes nowhere.
+        t.port4.Send(SubPortData(1, "late"));
+        t.port4.Answer(0x07, {1});
+        EXPECT_TRUE(WaitUntil([&] { return t.service.Logs().Contains("Dispatch serial data"); }));
+    }
+}
+
+TEST(BoxLifetime, ASubPortForgetsAFatherThatGoes) {
+    TwoLines t;
+    // With a box and a hub both present, the hub's sub-ports take the box as their father.
+    t.Place({{4, 1}, {5, 149}, {5, uint8_t(kChildId), 0, 1, 0}}, {kChildId});
+    Child* child = t.ChildOf(kChildId);
+    ASSERT_NE(child, nullptr);
+    ASSERT_EQ(child->GetFatherSerial(), t.Box());
+    ASSERT_TRUE(t.service.SendSetting(SerialSetting({{5, 149}, {5, uint8_t(kChildId), 0, 1, 0}})));
+    ASSERT_EQ(t.Box(), nullptr);
+    ASSERT_EQ(t.ChildOf(kChildId), child) << "the sub-port itself stays";
+    EXPECT_EQ(child->GetFatherSerial(), nullptr);
+    EXPECT_EQ(child->SendDataToPeripheral("x", 1), -1);
+    EXPECT_TRUE(t.service.Logs().Contains("S_BASE: FatherSerialPrt is NULL"));
+}
+
+// ---- settings that would tie a box to itself ----
+
+TEST(BoxLifetime, ABoxOrHubOnASubPortIsRefused) {
+    TwoLines t;
+    ASSERT_TRUE(t.service.SendSetting(SerialSetting(
+        {{4, 1}, {4, 1, 0, 1, 0}, {4, 149, 0, 1, 1}, {4, uint8_t(kChildId), 0, 1, 2}})));
+    EXPECT_EQ(t.service.Logs().Count("S_MANAGE: Extend box on a sub serial refused"), 2u);
+    EXPECT_EQ(t.service.Manager().LiveIds(), std::vector<std::string>{"0:1:0"})
+        << "no hub is made for the refused entry";
+    AddChild(t.service, kChildId);
+    CSerialDevExtendBox* box = t.Box();
+    box->HandlePeripParamChange();
+    EXPECT_EQ(box->GetChild(0), nullptr);
+    EXPECT_EQ(box->GetChild(1), nullptr);
+    EXPECT_EQ(box->GetChild(2), t.ChildOf(kChildId));
+    // Frames for the refused slots go nowhere, and the line keeps working.
+    t.port4.Send(SubPortData(1, "to the box itself?"));
+    t.port4.Send(SubPortData(3, "ok"));
+    t.port4.Answer(0x04, boxtest::Text("BOX-MCU-1"));
+    EXPECT_TRUE(WaitUntil([&] { return (box->GetPendingSetup() & 1) == 0; }));
+    EXPECT_EQ(t.ChildOf(kChildId)->Received(), "ok");
+
+    // Taking the refused entries away again removes nothing.
+    ASSERT_TRUE(t.service.SendSetting(SerialSetting({{4, 1}, {4, uint8_t(kChildId), 0, 1, 2}})));
+    EXPECT_EQ(t.Box(), box);
+}
+
+// ---- the hand-over ----
+
+// The reader thread delivers sub-port frames while the manager gives their slot now to an
+// open child, now to a closed one: the closed one never gets a byte.
+TEST(BoxLifetime, ASlotsDataGoesOnlyToAnOpenOwnerAsChecked) {
+    TwoLines t;
+    t.Place({{4, 1}, {4, uint8_t(kChildId), 0, 1, 0}}, {kChildId, kOtherChildId});
+    CSerialDevExtendBox* box = t.Box();
+    Child* open = t.ChildOf(kChildId);
+    Child* closed = t.ChildOf(kOtherChildId);
+    closed->SetCurPeripOpenStatus(false);
+    ASSERT_TRUE(open->GetCurPeripOpenStatus());
+
+    std::atomic<bool> done{false};
+    std::thread sender([&] {
+        const boxsim::Frame frame = SubPortData(1, "d");
+        for (int i = 0; i < 10000; ++i) {
+            t.port4.Send(frame);
+        }
+        done = true;
+    });
+    SerialPortEntry_t& port = t.service.Manager().m_stuSystemSerialParam.stuSerialSetting.port[4];
+    for (int i = 0; !done; ++i) {
+        port.extend[0].mainFun = static_cast<uint8_t>(i % 2 == 0 ? kOtherChildId : kChildId);
+        box->HandlePeripParamChange();
+    }
+    sender.join();
+    EXPECT_EQ(closed->Received(), "");
+    EXPECT_FALSE(open->Received().empty());
+}
+
+// ---- the line-alive report ----
+
+// Every valid answer marks the line alive (6820, status 7); the report reads the serial
+// record, which the manager thread rewrites. It is made on the manager thread.
+TEST(BoxLifetime, TheLineAliveReportIsMadeOnTheManagerThread) {
+    TwoLines t;
+    t.service.Watch(EVENT_SERIAL_CONFIG_STATUS);
+    t.Place({{4, 149}}, {});
+    CSerialDevExtendBox* hub = t.Box(PERIPHERAL_MAINID_EXTEND_HUB_BOX);
+    ASSERT_NE(hub, nullptr);
+    long long now = boxtest::FreshClock();
+    auto statuses = [&] {
+        std::string out;
+        for (const pmtest::BusMessage& m : t.service.Received(EVENT_SERIAL_CONFIG_STATUS)) {
+            out += std::to_string(m.payload[5]);
+        }
+        return out;
+    };
+    for (int round = 0; round < 3; ++round) {
+        // Silent: after five unanswered keep-alives the hub reports 5.
+        for (int i = 0; i < 40 && hub->GetHeartbeatCount() < 5; ++i) {
+            hub->PeripheralThreadCycle(now += 1000);
+        }
+        hub->PeripheralThreadCycle(now += 1000);
+        // Meanwhile the recorder changes another port's baud rate.
+        ASSERT_TRUE(t.service.SendSetting(
+            SerialSetting({{4, 149}, {6, uint8_t(kChildId), 0, uint8_t(1 + round % 2)}})));
+        t.port4.Answer(0x07, {1}, boxsim::kHubDevice);
+        ASSERT_TRUE(WaitUntil([&] { return t.service.Logs().Contains("Dispatch serial data"); }));
+        t.service.Logs().Clear();
+        hub->PeripheralThreadCycle(now += 200);
+        ASSERT_TRUE(t.service.Pump([&] { return statuses().size() == 2u * (round + 1); }));
+    }
+    EXPECT_EQ(statuses(), "575757");
+}
+
+}  // namespace
