@@ -6,12 +6,14 @@
 // The localised text of `id` from the language table "/usr/local/cfg/lang/<LANGUAGE>.json"
 // (LANGUAGE from SYSTEM_CONFIG, default "en"; the table is one JSON object id -> text), or
 // `id` itself when there is no entry. The pointer stays valid for the life of the process.
-// The two leading arguments are the recorder GUI's context and are not used.
+// It follows a language switch by itself: a lookup after SYSTEM_CONFIG or the table changed
+// reads the table again. The two leading arguments are the recorder GUI's context and are
+// not used. Any thread.
 const char* GuiTKGetText(const void* context, const void* widget, const char* id);
 
-// Forgets the loaded language table, so that the next GuiTKGetText reads it again
-// (after a language switch). Texts handed out before stay valid.
-void GuiTKReloadLanguage();
+// Test hook, not a toolkit interface of the recorder: the next lookup loads the table again
+// even if nothing seems changed. Texts handed out before stay valid.
+void GuiTKResetForTest();
 
 // Byte stuffing of the extension box frame. A frame starts with 0x7E and ends with 0x7F;
 // these two marks stay as they are. Inside the frame 0x7D is sent as 7D 5D, 0x7E as 7D 5E and

@@ -102,11 +102,13 @@ int Q7R_GetJsonByEnv(const char* name, Json::Value& out) {
         PM_LOG(0, kLogTag, "no document name\n");
         return -1;
     }
+    return Common::LoadJsonFile(Common::DocumentPath(name), out);
+}
+
+std::string Common::DocumentPath(const char* name) {
     const char* fromEnv = getenv(name);
-    std::string path = (fromEnv != nullptr && *fromEnv != '\0')
-                           ? std::string(fromEnv)
-                           : std::string("/usr/local/cfg/") + name;
-    return Common::LoadJsonFile(path, out);
+    return (fromEnv != nullptr && *fromEnv != '\0') ? std::string(fromEnv)
+                                                    : std::string("/usr/local/cfg/") + name;
 }
 
 int Q7R_GetSpecInfo(Json::Value& out) {

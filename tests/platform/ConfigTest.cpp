@@ -23,8 +23,8 @@ using pmtest::ScopedEnv;
 // process-wide, so every test starts from a forgotten one.
 class RecorderRoot : public testing::Test {
 protected:
-    void SetUp() override { GuiTKReloadLanguage(); }
-    void TearDown() override { GuiTKReloadLanguage(); }
+    void SetUp() override { GuiTKResetForTest(); }
+    void TearDown() override { GuiTKResetForTest(); }
     // Writes a file below usr/local/cfg, or removes it when `content` is null.
     void Write(const std::string& path, const char* content) {
         if (content != nullptr) {
@@ -124,7 +124,7 @@ TEST_F(RecorderRoot, TextsOfTheConfiguredLanguageElseEnglishElseTheId) {
                      (c.englishTable ? c.englishTable : "-"));
         Write("SYSTEM_CONFIG", c.systemConfig);
         Write("lang/en.json", c.englishTable);
-        GuiTKReloadLanguage();
+        GuiTKResetForTest();
         LogCapture log;
         EXPECT_STREQ(Text("STR_A"), c.text);
         EXPECT_STREQ(Text("STR_B"), "STR_B");
@@ -140,23 +140,24 @@ TEST_F(RecorderRoot, TextsOfTheConfiguredLanguageElseEnglishElseTheId) {
     EXPECT_STREQ(Text(nullptr), "");
 }
 
-TEST_F(RecorderRoot, LanguageSwitchTakesEffectOnReloadInEveryThread) {
+TEST_F(RecorderRoot, LanguageSwitchTakesEffectAtTheNextLookupInEveryThread) {
     Write("lang/en.json", R"({"STR_A": "Alpha"})");
     Write("lang/de.json", R"({"STR_A": "Alfa"})");
     const char* english = Text("STR_A");
     EXPECT_STREQ(english, "Alpha");
     Write("SYSTEM_CONFIG", R"({"LANGUAGE": "de"})");
-    EXPECT_STREQ(Text("STR_A"), "Alpha") << "until reloaded";
-    GuiTKReloadLanguage();
+    EXPECT_STREQ(Text("STR_A"), "Alfa") << "nobody told the toolkit";
+    Write("lang/de.json", R"({"STR_A": "Alfa!"})");
+    EXPECT_STREQ(Text("STR_A"), "Alfa!") << "a table that changed is read again";
 
     std::vector<std::thread> threads;
     for (int t = 0; t < 4; ++t) {
         threads.emplace_back([this, t] {
             for (int i = 0; i < 300; ++i) {
                 if (t == 0 && i % 10 == 0) {
-                    GuiTKReloadLanguage();
+                    GuiTKResetForTest();
                 }
-                if (strcmp(Text("STR_A"), "Alfa") != 0) {
+                if (strcmp(Text("STR_A"), "Alfa!") != 0) {
                     ADD_FAILURE() << Text("STR_A") << " at lookup " << i << " of thread " << t;
                     return;
                 }

@@ -87,6 +87,7 @@ public:
     ~TestManage() override { Stop(); }
 
     using CPeripheralManage::m_listPeripheralPlugin;
+    using CPeripheralManage::m_mapAlarmTtsSpeech;
     using CPeripheralManage::m_mapChangedPeripPair;
     using CPeripheralManage::m_mapPeripheralLibName;
     using CPeripheralManage::m_nCurPeripheral;

@@ -120,6 +120,13 @@ TEST(ManagerConfig, MainChipPathsOutsideThePositionsAreSkipped) {
 
 // ---- registrations ----
 
+// A USB state message that says a disk is plugged in.
+std::vector<uint8_t> UsbState() {
+    std::vector<uint8_t> payload(72);
+    payload[0] = 1;
+    return payload;
+}
+
 // The unregistration list is not the mirror of the registrations: the answers 33127, 33129
 // and 33051 and the power-down events 8, 1035 and 9 stay registered.
 TEST(ManagerBus, UnregistrationLeavesTheForgottenEventsRegistered) {
@@ -136,6 +143,10 @@ TEST(ManagerBus, UnregistrationLeavesTheForgottenEventsRegistered) {
         {1052, std::vector<uint8_t>(4), "S_MANAGE: Vi Video loss state update", false},
         {1122, std::vector<uint8_t>(16), "S_MANAGE: Update Led state", false},
         {2053, std::vector<uint8_t>(32), "S_MANAGE: storage status: error_sd", false},
+        {6739, {0}, "S_MANAGE: Language changed", false},
+        {1060, UsbState(), "Usb plugin  usbInfo", false},
+        {33827, UsbState(), "Usb plugin  usbInfo", false},
+        {33887, std::vector<uint8_t>(8), "m_ucisPlugIn = 0", false},
         {33127, {0}, "S_MANAGE: OnUpdateCanParamSetting......", true},
         {33051, {0}, "S_MANAGE: FTP param changed", true},
     };
@@ -282,6 +293,22 @@ TEST_F(ManagerThreadTest, RunningPassPollsEachStateUntilAnsweredAndTheDiskEveryF
         << "the disk is asked for in the pass of the fifth period";
     EXPECT_EQ(service.Count(1119), 1u);
     EXPECT_GT(probe->cycles.load(), 0);
+    Common::SetClockSourceForTest(nullptr);
+}
+
+// Once the disk's details have arrived, nobody asks for them again.
+TEST_F(ManagerThreadTest, NoDiskNoPoll) {
+    Common::SetClockSourceForTest(FakeClock);
+    service.Watch(1051, std::vector<uint8_t>(4, 0));
+    service.Watch(1121, std::vector<uint8_t>(16, 0));
+    service.Manager().m_ucisPlugIn = 0;
+    service.Start(true);
+    ASSERT_TRUE(service.WaitCount(1285, 1));
+    for (size_t period = 1; period <= 6; ++period) {
+        g_fakeClock += 1000;
+        ASSERT_TRUE(service.WaitCount(1285, period + 1)) << period;
+    }
+    EXPECT_EQ(service.Count(1119), 0u);
     Common::SetClockSourceForTest(nullptr);
 }
 

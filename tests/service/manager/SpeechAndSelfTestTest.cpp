@@ -6,14 +6,23 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <atomic>
 #include <cstring>
 #include <fstream>
+#include <memory>
+#include <thread>
 #include <iterator>
 #include <string>
 #include <vector>
 
 #include "PeripheralEvents.h"
+#include "Pty.h"
 #include "ServiceHarness.h"
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#include <sanitizer/allocator_interface.h>
+#endif
 
 namespace {
 
@@ -74,6 +83,29 @@ TEST_F(Speech, RecordsAreByteExactAndLongTextsAreCut) {
 
     EXPECT_EQ(service.Manager().GetTtsAlarmSpeechConfig(3, 9), nullptr);
     EXPECT_EQ(service.Manager().GetTtsAlarmSpeechConfig(9, 1), nullptr);
+    EXPECT_EQ(service.Manager().m_mapAlarmTtsSpeech.size(), 1u) << "a look-up inserts nothing";
+    EXPECT_EQ(service.Manager().m_mapAlarmTtsSpeech[3].size(), 2u);
+}
+
+// Volume and execution type are read as any number they hold; what is no number reads 0.
+TEST_F(Speech, VolumeAndExecutionTypeTakeAnyNumber) {
+    auto entry = [](int subId, const std::string& more) {
+        return R"({"CONTENT": "x", "PLAY_TIMES": 1, "INTERVAL": 1, "HANDLE_TYPE": 1, "AO_CHN": 1,
+                   "LABABIT": 1, "MAIN_ID": 5, "SUB_ID": )" +
+               std::to_string(subId) + more + "}";
+    };
+    Document({entry(0, R"(, "VOLUMN": 80.5, "EXCUTE_TYPE": true)"),
+              entry(1, R"(, "VOLUMN": "loud", "EXCUTE_TYPE": [2])"), entry(2, ""),
+              entry(3, R"(, "VOLUMN": 1e12, "EXCUTE_TYPE": -1)")});
+    ASSERT_EQ(service.Manager().AnalyseAlarmTtsConfig(), 1);
+    const std::string expected[] = {"80 1", "0 0", "0 0", "0 255"};
+    for (unsigned sub = 0; sub < 4; ++sub) {
+        const LinkSpeech_t* record = service.Manager().GetTtsAlarmSpeechConfig(5, sub);
+        ASSERT_NE(record, nullptr) << sub;
+        EXPECT_EQ(std::to_string(record->ucVolumn) + " " + std::to_string(record->ucExcuteType),
+                  expected[sub])
+            << sub;
+    }
 }
 
 TEST_F(Speech, BadEntriesAreSkippedAndTheLaterDuplicateWins) {
@@ -102,11 +134,100 @@ TEST_F(Speech, ALanguageSwitchReloadsTheTextsAndOldRecordsStayReadable) {
     service.Manager().OnSwitchLanguageFinished(switched.data(), static_cast<int>(switched.size()));
     EXPECT_STREQ(service.Manager().GetTtsAlarmSpeechConfig(3, 1)->szText, "Jian su\n");
     EXPECT_STREQ(before->szText, "Slow down\n") << "a plug-in may still hold the old record";
+    // Back to English: the record made for it before serves again.
+    service.Root().Write("usr/local/cfg/SYSTEM_CONFIG", R"({"LANGUAGE": "en"})");
+    service.Manager().OnSwitchLanguageFinished(switched.data(), static_cast<int>(switched.size()));
+    EXPECT_EQ(service.Manager().GetTtsAlarmSpeechConfig(3, 1), before);
     // The inverted report: a reload that worked says it failed.
     EXPECT_TRUE(service.Logs().Contains("S_MANAGE: Reload TTS alarm config failed"));
 
     service.Manager().OnSwitchLanguageFinished(switched.data(), 15);
     EXPECT_TRUE(service.Logs().Contains("S_MANAGE: OnSwitchLanguageFinished param error"));
+}
+
+// What the process holds: its resident size, or under a sanitizer (whose allocator keeps
+// freed blocks in quarantine) the heap in use.
+size_t MemoryInUse() {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    return __sanitizer_get_current_allocated_bytes();
+#else
+    long pages = 0;
+    long resident = 0;
+    FILE* statm = fopen("/proc/self/statm", "r");
+    if (statm != nullptr) {
+        if (fscanf(statm, "%ld %ld", &pages, &resident) != 2) {
+            resident = 0;
+        }
+        fclose(statm);
+    }
+    return static_cast<size_t>(resident) * static_cast<size_t>(sysconf(_SC_PAGESIZE));
+#endif
+}
+
+// A thousand switches between two languages keep two records per entry, not a thousand.
+TEST_F(Speech, LanguageSwitchesDoNotGrowTheService) {
+    std::string english = "{";
+    std::string chinese = "{";
+    std::vector<std::string> entries;
+    for (int i = 0; i < 50; ++i) {
+        const std::string id = "TTS_" + std::to_string(i);
+        english += (i ? ", \"" : "\"") + id + "\": \"" + std::string(110, 'e') + "\"";
+        chinese += (i ? ", \"" : "\"") + id + "\": \"" + std::string(110, 'z') + "\"";
+        entries.push_back(Entry(id, 7, i));
+    }
+    service.Root().Write("usr/local/cfg/lang/en.json", english + "}");
+    service.Root().Write("usr/local/cfg/lang/zh.json", chinese + "}");
+    Document(entries);
+    const std::vector<char> switched = Message(EVENT_LANGUAGE_SWITCHED, nullptr, 0);
+    auto switchTo = [&](const char* language) {
+        service.Root().Write("usr/local/cfg/SYSTEM_CONFIG",
+                             std::string(R"({"LANGUAGE": ")") + language + "\"}");
+        service.Manager().OnSwitchLanguageFinished(switched.data(),
+                                                   static_cast<int>(switched.size()));
+        service.Logs().Clear();  // the test's own copy of every line would be counted too
+    };
+    switchTo("zh");
+    switchTo("en");
+    const size_t before = MemoryInUse();
+    for (int i = 0; i < 500; ++i) {
+        switchTo("zh");
+        switchTo("en");
+    }
+    const size_t grown = MemoryInUse() - std::min(before, MemoryInUse());
+    // Kept copies would be 1000 x 50 records of 176 bytes: 8.8 MB.
+    EXPECT_LT(grown, 2u << 20) << grown << " bytes more after 1,000 switches";
+    EXPECT_EQ(std::string(service.Manager().GetTtsAlarmSpeechConfig(7, 3)->szText),
+              std::string(110, 'e') + "\n");
+}
+
+// Instances may read speech records until their releasers have run.
+std::atomic<int> g_recordsAtRelease{-1};
+
+class SpeechReader : public CPeripheralBase {
+public:
+    explicit SpeechReader(CPeripheralManage* manage)
+        : CPeripheralBase(manage, manage->GetMsgClient(), PERIPHERAL_TYPE_SERIAL, 3, 1) {}
+    ~SpeechReader() override {
+        const LinkSpeech_t* record = m_pPeripheralManage->GetTtsAlarmSpeechConfig(3, 1);
+        g_recordsAtRelease = record != nullptr && strcmp(record->szText, "Slow down\n") == 0;
+    }
+};
+
+TEST(SpeechLifetime, RecordsOutliveTheInstancesAndAMissingDocumentIsLogged) {
+    {
+        ServiceHarness service;
+        EXPECT_TRUE(service.Logs().Contains("S_MANAGE: Analy TTS Config failed!!!"));
+        const char* variable = getenv("ALARM_TTS_CFG");
+        EXPECT_STREQ(variable != nullptr ? variable : "", "/usr/local/cfg/ALARM_TTS_CFG");
+    }
+    auto service = std::make_unique<ServiceHarness>();
+    service->Root().Write("usr/local/cfg/lang/en.json", R"({"TTS_OVERSPEED": "Slow down"})");
+    service->Root().Write("usr/local/cfg/ALARM_TTS_CFG",
+                          R"({"ALARM_TTS_PARAM": [)" + Entry("TTS_OVERSPEED", 3, 1) + "]}");
+    ASSERT_EQ(service->Manager().AnalyseAlarmTtsConfig(), 1);
+    service->Manager().AddInstance(new SpeechReader(&service->Manager()));
+    service.reset();
+    EXPECT_EQ(g_recordsAtRelease.load(), 1);
 }
 
 // ---- the factory self-test ----
@@ -157,6 +278,7 @@ TEST_F(SelfTest, TheDiskAndItsFileDecide) {
         {"a disk under 10 MB", "D", 9999999, "xTEST_ENABLE=true", false, false},
         {"exactly 10 MB", "D", 10000000, "xTEST_ENABLE=true", true, true},
         {"size unknown", "D", 0, "xTEST_ENABLE=true", true, true},
+        {"a size past 4 GiB", "D", (uint64_t{1} << 32) + 5, "xTEST_ENABLE=true", true, true},
         {"disabled", "D", 0, "xTEST_ENABLE=false", false, false},
         {"true anywhere", "D", 0, "xMODE=true TEST_ENABLE=no", true, true},
         {"no key at all: sent, flag unchanged", "D", 0, "xhello", true, false},
@@ -184,9 +306,13 @@ TEST_F(SelfTest, EachProductTypePlacesItsTesters) {
         int productType;
         std::vector<std::pair<int, std::string>> ports;  // port, "main baud sub [ext...]"
     } cases[] = {
-        {6, {{4, "01 05 00"}}},  {18, {{4, "01 05 00"}}},
-        {16, {{1, "24 01 00"}}}, {47, {{0, "22 05 00"}, {1, "24 01 00"}}},
-        {14, {{4, "24 01 00"}}}, {3, {{0, "24 01 00"}}},
+        {6, {{4, "01 05 00"}}},
+        {18, {{4, "01 05 00"}}},
+        {16, {{1, "24 01 00"}}},
+        {20, {{1, "24 01 00"}, {0, "00 00 00"}}},
+        {47, {{0, "22 05 00"}, {1, "24 01 00"}}},
+        {14, {{4, "24 01 00"}}},
+        {3, {{0, "24 01 00"}}},
     };
     TestFile("xTEST_ENABLE=true");
     for (const auto& c : cases) {
@@ -257,6 +383,53 @@ TEST_F(SelfTest, DiskDetailsThatLieAreBounded) {
     service.Manager().OnGetUDiskInfo(shortHead.data(), 15);
     EXPECT_TRUE(service.Logs().Contains("ipc param length error "));
     EXPECT_EQ(Sent(EVENT_SERIAL_PARAM_CHANGED), 0u);
+}
+
+// Plug-ins ask for the disk's folder and switch the test from their own threads.
+TEST_F(SelfTest, PlugInsReachTheDiskStateFromTheirThreads) {
+    TestFile("xTEST_ENABLE=false");
+    std::atomic<bool> stop{false};
+    std::thread plugin([&] {
+        char path[32];
+        for (unsigned i = 0; !stop; ++i) {
+            service.Manager().GetUdiskPath(path);
+            service.Manager().OnSetAutoTest(static_cast<unsigned char>(i % 2));
+        }
+    });
+    for (int i = 0; i < 200; ++i) {
+        Disk(i % 2 == 0 ? disk.Path() : "/media/none", 0);
+    }
+    stop = true;
+    plugin.join();
+    char path[32];
+    service.Manager().GetUdiskPath(path);
+    EXPECT_STREQ(path, "/media/none");
+}
+
+// A daemon host leads its session without a terminal: a disk whose test file is a link to a
+// tty must not give it one (it would be hung up when that tty closes).
+TEST(SelfTestDeathTest, ATestFileLinkedToATtyGivesTheHostNoTerminal) {
+    GTEST_FLAG_SET(death_test_style, pmtest::DeathTestStyle());
+    EXPECT_EXIT(
+        {
+            setsid();
+            pmtest::Pty tty;
+            ServiceHarness service;
+            pmtest::TempDir disk;
+            disk.Write("AutoTest/keep", "");
+            if (symlink(tty.SlavePath().c_str(), disk.File("AutoTest/AUTO_TEST_CFG").c_str()) !=
+                0) {
+                _exit(2);
+            }
+            std::vector<uint8_t> payload(48 + 4 * 80);
+            memcpy(payload.data() + 48, disk.Path().data(),
+                   std::min<size_t>(disk.Path().size(), 40));
+            const std::vector<char> m = Message(EventAnswerOf(EVENT_GET_UDISK_INFO), payload);
+            service.Manager().OnGetUDiskInfo(m.data(), static_cast<int>(m.size()));
+            const int terminal = open("/dev/tty", O_RDWR | O_NOCTTY);
+            _exit(terminal < 0 ? 0 : 1);
+        },
+        ::testing::ExitedWithCode(0), "");
 }
 
 // What hex_dump prints on standard output.

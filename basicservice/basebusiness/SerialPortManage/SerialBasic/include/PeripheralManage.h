@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <list>
 #include <map>
+#include <mutex>
 #include <set>
 #include <string>
 #include <vector>
@@ -148,7 +149,9 @@ public:
     // USB disk and the factory self-test.
     int OnGetUsbState(const char* data, int length);
     int OnGetUDiskInfo(const char* data, int length);
-    void GetUdiskPath(char* out);  // 32 bytes
+    // The mount folder of the disk last seen, 32 bytes. Any thread.
+    void GetUdiskPath(char* out);
+    // Enables or disables the self-test flag. Any thread.
     void OnSetAutoTest(unsigned char enable);
     // 1 when the test serial layout was sent, 0 when the file disables the test.
     int AnlysConfigFile(int length, char* text);
@@ -215,8 +218,8 @@ protected:
     uint8_t m_ucDeviceModuleReady;
     CSerialDevOperate* m_pSerialDevOperate;
     std::map<ePeripheralType, std::vector<PeripheralProperty>> m_mapPeripheralConfig;
-    std::atomic<uint8_t> m_ucCpxOccupy;  // read by the main-chip links' open threads
-    uint8_t m_ucTestEnable;
+    std::atomic<uint8_t> m_ucCpxOccupy;   // read by the main-chip links' open threads
+    std::atomic<uint8_t> m_ucTestEnable;  // set by plug-ins (OnSetAutoTest) on their threads
     uint8_t m_ucisPlugIn;
     std::atomic<unsigned int> m_nDebugLevel;  // read by every thread that dumps bytes
     std::map<ePeripheralType, std::vector<PeripheralPair>> m_mapChangedPeripPair;
@@ -273,16 +276,20 @@ private:
     long long m_llStatusPollTime;  // clock value of the last poll of the recorder states
     bool m_bStatusPolled;          // false until the first running pass has polled
 
+protected:
     // Appended after every member that a plug-in's inline getter reads, so that those keep
     // their offsets.
     Json::Value m_jsonAlarmTtsCfg;
-    // Written on the manager thread, read by plug-ins from theirs: m_TtsLock guards both maps'
-    // structure. Records replaced by a reload wait in the retired list until the manager goes,
-    // since a plug-in may still hold them.
+    // Written on the manager thread, read by plug-ins from theirs: m_TtsLock guards both maps.
+    // No record is freed before the manager goes, since a plug-in may hold one; a reload that
+    // makes a record byte for byte like one made before takes that one instead, so language
+    // switches keep one record per text and language however often they come.
     pthread_mutex_t m_TtsLock;
     std::map<unsigned int, std::map<unsigned int, LinkSpeech_t*>> m_mapAlarmTtsSpeech;
-    std::vector<LinkSpeech_t*> m_vecRetiredTtsSpeech;
-    char m_szUdiskPath[32];
+    std::map<std::string, LinkSpeech_t*> m_mapTtsRecords;  // by their bytes; owns them all
+    // Written by the disk handler, read by GetUdiskPath on any thread.
+    std::mutex m_UdiskLock;
+    char m_szUdiskPath[32];  // m_UdiskLock
 };
 
 // The service library's entry for the host.

@@ -375,16 +375,18 @@ CPeripheralManage::CPeripheralManage()
         PM_LOG(0, kLogTag, "Load Peripheral Config failed, and exit!!!\n");
         exit(1);
     }
-    AnalyseAlarmTtsConfig();
+    if (AnalyseAlarmTtsConfig() == 0) {
+        PM_LOG(0, kLogTag, "Analy TTS Config failed!!!\n");
+    }
     PM_LOG(1, kLogTag, "**CPeripheralManage** instance is construct, m_nMsgId = %d\n", m_nMsgId);
 }
 
 CPeripheralManage::~CPeripheralManage() {
     PhmMessageUnRegister();
     Stop();
-    ReleaseAlarmTtsSpeech();
-    // The instances go before the device layer and the bus client: their releasers close
-    // ports and unregister events through both.
+    // The instances go before the device layer and the bus client, whose releasers close
+    // ports and unregister events through both, and before the speech records, which an
+    // instance's own thread may read until its releaser stops it.
     for (PeripheralProperty_t& record : m_listPeripheralPlugin) {
         // A record a failed switch left behind has nothing to release; a plug-in's releaser
         // need not expect null.
@@ -396,6 +398,7 @@ CPeripheralManage::~CPeripheralManage() {
         }
     }
     m_listPeripheralPlugin.clear();
+    ReleaseAlarmTtsSpeech();
     delete m_pSerialDevOperate;
     m_pSerialDevOperate = nullptr;
     delete m_pMsgClient;
@@ -1537,7 +1540,7 @@ int CPeripheralManage::OnGetFtpParam(const char* data, int length) {
 }
 
 int CPeripheralManage::OnProcessPowerdown(const char*, int) {
-    PM_LOG(0, "", " m_ucTestEnable=%d\n", m_ucTestEnable);
+    PM_LOG(0, "", " m_ucTestEnable=%d\n", m_ucTestEnable.load());
     if (m_ucTestEnable == 1) {
         // The recorder answers with its real serial setting, which replaces the test layout.
         m_pMsgClient->MSGSendMessage(0, EVENT_GET_SERIAL_PARAM, 1, nullptr, 0, m_nMsgId);
@@ -1694,6 +1697,17 @@ int JsonInt(const Json::Value& object, const char* key) {
     return member.isInt() ? member.asInt() : 0;
 }
 
+// "EXCUTE_TYPE" and "VOLUMN" are taken as whatever number they hold (80.5 reads 80, true 1,
+// absent 0), as the recorder has always read them. What no int can hold reads as 0, logged.
+int JsonNumber(const Json::Value& object, const char* key) {
+    const Json::Value& member = JsonMember(object, key);
+    if (member.isConvertibleTo(Json::intValue)) {
+        return member.asInt();
+    }
+    PM_LOG(0, kLogTag, "Analy TTS alarm config, %s is no number, read as 0\n", key);
+    return 0;
+}
+
 // The record of one document entry whose keys were checked; null when there is no memory.
 LinkSpeech_t* MakeSpeechRecord(const Json::Value& entry, const char* text) {
     const size_t length = strlen(text);
@@ -1702,14 +1716,14 @@ LinkSpeech_t* MakeSpeechRecord(const Json::Value& entry, const char* text) {
         return nullptr;
     }
     const int aoChn = JsonInt(entry, "AO_CHN");
-    const int volume = JsonInt(entry, "VOLUMN");
+    const int volume = JsonNumber(entry, "VOLUMN");
     const int lababit = JsonInt(entry, "LABABIT");
     bytes[0] = static_cast<uint8_t>(JsonInt(entry, "PLAY_TIMES"));
     bytes[1] = static_cast<uint8_t>(JsonInt(entry, "INTERVAL"));
     Common::PutLe16(bytes + 2, static_cast<uint32_t>(length + 57));
     Common::PutLe32(bytes + 8, 4);
     bytes[12] = static_cast<uint8_t>(JsonInt(entry, "HANDLE_TYPE"));
-    bytes[13] = static_cast<uint8_t>(JsonInt(entry, "EXCUTE_TYPE"));
+    bytes[13] = static_cast<uint8_t>(JsonNumber(entry, "EXCUTE_TYPE"));
     Common::PutLe32(bytes + 32, 552);
     Common::PutLe32(bytes + 36, 553);
     Common::PutLe32(bytes + 40, static_cast<uint32_t>(length + 9));
@@ -1757,11 +1771,15 @@ int CPeripheralManage::AnalyseAlarmTtsConfig() {
         const auto subId = static_cast<unsigned int>(JsonInt(entry, "SUB_ID"));
         {
             MutexGuard guard(m_TtsLock);
-            LinkSpeech_t*& slot = m_mapAlarmTtsSpeech[mainId][subId];
-            if (slot != nullptr) {
-                m_vecRetiredTtsSpeech.push_back(slot);  // a plug-in may still hold it
+            const auto* bytes = reinterpret_cast<const char*>(record);
+            auto made = m_mapTtsRecords.emplace(
+                std::string(bytes, strlen(record->szText) + kSpeechTailSize), record);
+            if (!made.second) {
+                free(record);  // the same bytes as one made before: that one serves
+                record = made.first->second;
             }
-            slot = record;
+            // The record this replaces stays where it is: a plug-in may still hold it.
+            m_mapAlarmTtsSpeech[mainId][subId] = record;
         }
         PM_LOG(2, kLogTag,
                "Analy TTS alarm config, mainId = %d, subId = %d, times = %d, volumn = %d, "
@@ -1786,15 +1804,14 @@ void CPeripheralManage::ReleaseAlarmTtsSpeech() {
     MutexGuard guard(m_TtsLock);
     for (auto& byMain : m_mapAlarmTtsSpeech) {
         for (auto& bySub : byMain.second) {
-            free(bySub.second);
             bySub.second = nullptr;
         }
     }
     m_mapAlarmTtsSpeech.clear();
-    for (LinkSpeech_t* record : m_vecRetiredTtsSpeech) {
-        free(record);
+    for (auto& made : m_mapTtsRecords) {
+        free(made.second);
     }
-    m_vecRetiredTtsSpeech.clear();
+    m_mapTtsRecords.clear();
 }
 
 int CPeripheralManage::OnSwitchLanguageFinished(const char* data, int length) {
@@ -1802,8 +1819,8 @@ int CPeripheralManage::OnSwitchLanguageFinished(const char* data, int length) {
         PM_LOG(0, kLogTag, "OnSwitchLanguageFinished param error\n");
         return -1;
     }
+    // GuiTKGetText follows the recorder's language by itself.
     PM_LOG(1, kLogTag, "Language changed, and reload alarm TTS config\n");
-    GuiTKReloadLanguage();  // the texts of the new language
     if (AnalyseAlarmTtsConfig() != 0) {
         // Logged when the reload worked: the recorder's tools expect this line so.
         PM_LOG(0, kLogTag, "Reload TTS alarm config failed\n");
@@ -1909,14 +1926,19 @@ int CPeripheralManage::OnGetUDiskInfo(const char* data, int length) {
         return 0;
     }
     snprintf(path, sizeof(path), "%s%s", mount.c_str(), kTestFile);
-    snprintf(m_szUdiskPath, sizeof(m_szUdiskPath), "%s", mount.c_str());
+    {
+        std::lock_guard<std::mutex> guard(m_UdiskLock);
+        snprintf(m_szUdiskPath, sizeof(m_szUdiskPath), "%s", mount.c_str());
+    }
     PM_LOG(3, "", "U disk dir = %s\n", path);
     if (recordSize != 0 && recordSize < kUDiskMinRecordSize) {
         PM_LOG(3, "", "Udisk total record size less than 10M!!!\n");
         return 0;
     }
-    // Not blocking: a FIFO in the file's place must not hold the manager thread.
-    const int fd = open(path, O_RDWR | O_NONBLOCK | O_CLOEXEC);
+    // Not blocking: a FIFO in the file's place must not hold the manager thread. Never a
+    // controlling terminal: a disk's file may be a link to a tty, and a host that leads its
+    // session would be hung up with it.
+    const int fd = open(path, O_RDWR | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
     struct stat info;
     if (fd < 0 || fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) {
         PM_LOG(0, "", " open parafd file failed !\n");
@@ -1937,13 +1959,14 @@ int CPeripheralManage::OnGetUDiskInfo(const char* data, int length) {
 
 void CPeripheralManage::GetUdiskPath(char* out) {
     if (out != nullptr) {
+        std::lock_guard<std::mutex> guard(m_UdiskLock);
         memcpy(out, m_szUdiskPath, sizeof(m_szUdiskPath));
     }
 }
 
 void CPeripheralManage::OnSetAutoTest(unsigned char enable) {
     m_ucTestEnable = enable;
-    PM_LOG(0, "", " m_ucTestEnable=%d\n", m_ucTestEnable);
+    PM_LOG(0, "", " m_ucTestEnable=%d\n", enable);
 }
 
 int CPeripheralManage::AnlysConfigFile(int, char* text) {
