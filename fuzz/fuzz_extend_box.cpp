@@ -52,14 +52,22 @@ std::vector<char> Message(uint32_t eventId, const uint8_t* payload, size_t size)
     return message;
 }
 
-// A running upgrade of a good 300-byte image: the box knows its version, is online, was
-// triggered and has the file; what the input then answers is up to the input.
-void StartUpgrade(CSerialDevExtendBox* box) {
+// The box knows its version, is online and was triggered: it waits for its file (a box takes
+// a file record only then). An upgrade an earlier input left running ends first.
+void WaitForFile(CSerialDevExtendBox* box) {
+    if (box->IsUpgrading()) {
+        box->BroadcastUpgradeState(PERIPHERAL_UPGRADE_FAILED, 1, true);
+    }
     box->AnalySerialData(5, "\x04\x03V10");
     box->SetCurPeripheralStatus(true);
     const uint8_t trigger[10] = {0, 1, 0, 4, 0, 0, 0, 0, 0, 1};
     const std::vector<char> t = Message(EVENT_EXTEND_UPGRADE_TRIGGER, trigger, sizeof trigger);
     box->OnTriggerExtendUpgrade(t.data(), static_cast<int>(t.size()));
+}
+
+// A running upgrade of a good 300-byte image: what the input then answers is up to the input.
+void StartUpgrade(CSerialDevExtendBox* box) {
+    WaitForFile(box);
     std::vector<uint8_t> record(104 + 180 + 300);
     record[0] = 1;
     record[1] = 3;
@@ -98,7 +106,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         case 2:
             box->AnalySerialData(static_cast<unsigned int>(rest.size()), rest.data());
             break;
-        case 4: {  // any upgrade file record
+        case 4: {  // any upgrade file record, to a box that asked for one
+            WaitForFile(box);
             const std::vector<char> m =
                 Message(EventAnswerOf(EVENT_GET_EXTEND_UPGRADE_FILE), data + 1, size - 1);
             box->OnGetExtendUpgradeFileAck(m.data(), static_cast<int>(m.size()));

@@ -23,8 +23,6 @@ void GuiTKResetForTest();
 // must hold 2 * len bytes. Returns the stuffed length (> 0), or -1 when `in` is not a frame
 // (shorter than 2 bytes, or without its marks).
 int serial_transfrom_7e7f(const unsigned char* in, unsigned char* out, int len);
-// The same, writing at most `outSize` bytes; -1 when the result would not fit.
-int serial_transfrom_7e7f_n(const unsigned char* in, unsigned char* out, int len, int outSize);
 
 // serial_retransfrom_7e7f: the exact inverse. `*state` is 0 before the first piece of a frame
 // and carries the position between pieces, so a frame may be fed in pieces; `out` receives

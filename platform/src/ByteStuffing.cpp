@@ -22,15 +22,6 @@ bool IsFrame(const unsigned char* in, int len) {
     return len >= 2 && in[0] == kStartMark && in[len - 1] == kEndMark;
 }
 
-// Wide enough for 2 * INT_MAX on a 32-bit target.
-long long StuffedLength(const unsigned char* in, int len) {
-    long long n = 2;
-    for (int i = 1; i < len - 1; ++i) {
-        n += NeedsEscape(in[i]) ? 2 : 1;
-    }
-    return n;
-}
-
 // Unstuffing, one byte at a time. Each handler writes at most one byte to `out` (advancing
 // *written) and returns the next state, or -1 for a malformed frame.
 int OnStart(unsigned char b, unsigned char* out, int* written) {
@@ -75,11 +66,9 @@ int Step(int state, unsigned char b, unsigned char* out, int* written) {
 
 }  // namespace
 
-int serial_transfrom_7e7f_n(const unsigned char* in, unsigned char* out, int len, int outSize) {
-    if (in == nullptr || out == nullptr || !IsFrame(in, len) || outSize < 0) {
-        return -1;
-    }
-    if (StuffedLength(in, len) > outSize) {
+int serial_transfrom_7e7f(const unsigned char* in, unsigned char* out, int len) {
+    // The caller provides 2 * len bytes, more than any frame of len bytes can need.
+    if (in == nullptr || out == nullptr || !IsFrame(in, len)) {
         return -1;
     }
     int n = 0;
@@ -94,12 +83,6 @@ int serial_transfrom_7e7f_n(const unsigned char* in, unsigned char* out, int len
     }
     out[n++] = kEndMark;
     return n;
-}
-
-int serial_transfrom_7e7f(const unsigned char* in, unsigned char* out, int len) {
-    // The caller provides 2 * len bytes, more than any frame of len bytes can need.
-    int outSize = len > INT_MAX / 2 ? INT_MAX : 2 * len;
-    return serial_transfrom_7e7f_n(in, out, len, outSize);
 }
 
 int serial_retransfrom_7e7f(const unsigned char* in, unsigned char* out, int len, int* state) {

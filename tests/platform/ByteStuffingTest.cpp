@@ -115,13 +115,9 @@ TEST(ByteStuffing, RoundTripOfRandomFramesFullOfMarks) {
     }
 }
 
-TEST(ByteStuffing, RefusesWhatDoesNotFitAndBadArguments) {
-    const Bytes frame = Hex("7E7D017F");  // stuffs to 5 bytes
-    Bytes out(5, 0xAA);
-    EXPECT_EQ(serial_transfrom_7e7f_n(frame.data(), out.data(), 4, 5), 5);
-    out.assign(4, 0xAA);
-    EXPECT_EQ(serial_transfrom_7e7f_n(frame.data(), out.data(), 4, 4), -1);
-    EXPECT_EQ(out, Bytes(4, 0xAA)) << "nothing is written when refused";
+TEST(ByteStuffing, RefusesBadArguments) {
+    const Bytes frame = Hex("7E7D017F");
+    Bytes out(8, 0xAA);
     EXPECT_EQ(serial_transfrom_7e7f(frame.data(), out.data(), -4), -1);
     int state = 42;
     EXPECT_EQ(serial_retransfrom_7e7f(frame.data(), out.data(), 4, &state), -1);

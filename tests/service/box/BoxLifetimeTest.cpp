@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <memory>
+#include <set>
 #include <string>
 #include <thread>
 
@@ -88,6 +89,16 @@ TEST(BoxLifetime, AChildIsOutOfEveryBoxsReachBeforeItIsReleased) {
         EXPECT_EQ(ReachableAtRelease(), 0);
         ASSERT_NE(t.Box(), nullptr);
         EXPECT_EQ(t.Box()->GetParamId(), 5);
+    }
+    {
+        SCOPED_TRACE("a sub-port that moves is not set up from its old instance");
+        TwoLines t;
+        t.Place({{4, 1}, {4, 8, 0, 1, 0}}, {8});
+        EXPECT_EQ(t.port4.Drain(), (std::vector<std::string>{"20 06 01 03 00 08 02 00"}));
+        ASSERT_TRUE(t.service.SendSetting(SerialSetting({{4, 1}, {4, 8, 0, 1, 1}})));
+        EXPECT_EQ(t.port4.Drain(), std::vector<std::string>{})
+            << "its library is missing: nothing is there to set up";
+        EXPECT_EQ(ReachableAtRelease(), 0);
     }
     {
         SCOPED_TRACE("a sub-port switched through the loader");
@@ -178,40 +189,39 @@ TEST(BoxLifetime, ASlotsDataGoesOnlyToAnOpenOwnerAsChecked) {
     EXPECT_FALSE(open->Received().empty());
 }
 
-// ---- the line-alive report ----
+// ---- state reports ----
 
-// Every valid answer marks the line alive (6820, status 7); the report reads the serial
-// record, which the manager thread rewrites. It is made on the manager thread.
-TEST(BoxLifetime, TheLineAliveReportIsMadeOnTheManagerThread) {
+// Every valid answer marks the line alive (6820, status 7) on the reader thread, while the
+// manager rewrites the serial record that a report reads and reports states of its own.
+TEST(BoxLifetime, StateReportsFromTheReaderAndTheManagerDoNotRace) {
     TwoLines t;
     t.service.Watch(EVENT_SERIAL_CONFIG_STATUS);
     t.Place({{4, 149}}, {});
     CSerialDevExtendBox* hub = t.Box(PERIPHERAL_MAINID_EXTEND_HUB_BOX);
     ASSERT_NE(hub, nullptr);
-    long long now = boxtest::FreshClock();
-    auto statuses = [&] {
-        std::string out;
-        for (const pmtest::BusMessage& m : t.service.Received(EVENT_SERIAL_CONFIG_STATUS)) {
-            out += std::to_string(m.payload[5]);
+    std::atomic<bool> stop{false};
+    std::thread line([&] {
+        for (int i = 0; i < 20000 && !stop; ++i) {
+            t.port4.Answer(0x07, {1}, boxsim::kHubDevice);
         }
-        return out;
-    };
-    for (int round = 0; round < 3; ++round) {
-        // Silent: after five unanswered keep-alives the hub reports 5.
-        for (int i = 0; i < 40 && hub->GetHeartbeatCount() < 5; ++i) {
-            hub->PeripheralThreadCycle(now += 1000);
-        }
-        hub->PeripheralThreadCycle(now += 1000);
-        // Meanwhile the recorder changes another port's baud rate.
+    });
+    for (int round = 0; round < 20; ++round) {
         ASSERT_TRUE(t.service.SendSetting(
             SerialSetting({{4, 149}, {6, uint8_t(kChildId), 0, uint8_t(1 + round % 2)}})));
-        t.port4.Answer(0x07, {1}, boxsim::kHubDevice);
-        ASSERT_TRUE(WaitUntil([&] { return t.service.Logs().Contains("Dispatch serial data"); }));
+        hub->SetSerialConfigStatus(5, 0, 0);
         t.service.Logs().Clear();
-        hub->PeripheralThreadCycle(now += 200);
-        ASSERT_TRUE(t.service.Pump([&] { return statuses().size() == 2u * (round + 1); }));
     }
-    EXPECT_EQ(statuses(), "575757");
+    stop = true;
+    line.join();
+    ASSERT_TRUE(t.service.Flush());
+    std::set<int> statuses;
+    for (const pmtest::BusMessage& m : t.service.Received(EVENT_SERIAL_CONFIG_STATUS)) {
+        ASSERT_EQ(m.payload.size(), 80u);
+        EXPECT_EQ(m.payload[1], 149);
+        EXPECT_EQ(m.payload[0], 0) << "port 4 is the user's 232-1";
+        statuses.insert(m.payload[5]);
+    }
+    EXPECT_EQ(statuses, (std::set<int>{5, 7}));
 }
 
 }  // namespace

@@ -21,7 +21,8 @@
 #include "ServiceHarness.h"
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#include <sanitizer/allocator_interface.h>
+// From the sanitizer's runtime (its header does not come with every compiler package).
+extern "C" size_t __sanitizer_get_current_allocated_bytes(void);
 #endif
 
 namespace {
@@ -387,7 +388,7 @@ TEST_F(SelfTest, DiskDetailsThatLieAreBounded) {
 
 // Plug-ins ask for the disk's folder and switch the test from their own threads.
 TEST_F(SelfTest, PlugInsReachTheDiskStateFromTheirThreads) {
-    TestFile("xTEST_ENABLE=false");
+    TestFile("xTEST_ENABLE=true");
     std::atomic<bool> stop{false};
     std::thread plugin([&] {
         char path[32];
@@ -398,6 +399,7 @@ TEST_F(SelfTest, PlugInsReachTheDiskStateFromTheirThreads) {
     });
     for (int i = 0; i < 200; ++i) {
         Disk(i % 2 == 0 ? disk.Path() : "/media/none", 0);
+        Usb(0);  // ends the test when it runs
     }
     stop = true;
     plugin.join();

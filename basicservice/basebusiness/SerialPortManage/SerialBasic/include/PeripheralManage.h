@@ -13,6 +13,7 @@
 #include <mutex>
 #include <set>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <json/json.h>
@@ -271,6 +272,9 @@ private:
     // IPC setting has no entry for.
     bool GetIpcChannel(unsigned int channel, uint8_t& digital, uint8_t& protocol) const;
 
+    // Guards the writes of the three kept parameter records (manager thread) against the
+    // readers on other threads: GetPeripheralParamId, which state reports call.
+    std::mutex m_ParamRecordLock;
     // Instances that the running serial reconciliation will release; empty outside it.
     std::set<const CPeripheralBase*> m_setLeavingInstances;
     long long m_llStatusPollTime;  // clock value of the last poll of the recorder states
@@ -282,11 +286,13 @@ protected:
     Json::Value m_jsonAlarmTtsCfg;
     // Written on the manager thread, read by plug-ins from theirs: m_TtsLock guards both maps.
     // No record is freed before the manager goes, since a plug-in may hold one; a reload that
-    // makes a record byte for byte like one made before takes that one instead, so language
-    // switches keep one record per text and language however often they come.
+    // makes a record byte for byte like one made before for the same ids takes that one
+    // instead, so language switches keep one record per entry and language however often
+    // they come.
     pthread_mutex_t m_TtsLock;
     std::map<unsigned int, std::map<unsigned int, LinkSpeech_t*>> m_mapAlarmTtsSpeech;
-    std::map<std::string, LinkSpeech_t*> m_mapTtsRecords;  // by their bytes; owns them all
+    // By ids and bytes; owns every record.
+    std::map<std::tuple<unsigned int, unsigned int, std::string>, LinkSpeech_t*> m_mapTtsRecords;
     // Written by the disk handler, read by GetUdiskPath on any thread.
     std::mutex m_UdiskLock;
     char m_szUdiskPath[32];  // m_UdiskLock

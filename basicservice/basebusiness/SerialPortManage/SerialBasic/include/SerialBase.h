@@ -91,7 +91,7 @@ public:
     // Line speed in bit/s of a baud rate code (4800 for anything unknown).
     unsigned int ChangeSerialBaud(SerialBaudRate baud);
 
-    // State reports for the recorder's interface.
+    // State reports for the recorder's interface. Any thread.
     unsigned char HandleSerialPort(unsigned int a, unsigned int b);
     int HandleSerialMaintainState(int msgId, unsigned int a, unsigned int b, unsigned char status);
     int SetSerialConfigStatus(unsigned char status, unsigned int a, unsigned int b);
@@ -102,7 +102,8 @@ public:
     const PeripheralProperty& GetSerialProperty() const { return m_stuSerialProperty; }
     bool IsExtendSerial() const { return m_bExtend != 0; }
     unsigned char GetExtendId() const { return m_ucExtendId; }
-    // The box this sub-port sends through; null once that box was released.
+    // The box this sub-port sends through; null once that box was released. Manager thread
+    // (the manager clears it there).
     CSerialBase* GetFatherSerial() const { return m_pFatherSerial; }
     // The manager, before it releases `father`: a sub-port of it forgets it, after any send
     // through it has ended. Manager thread.

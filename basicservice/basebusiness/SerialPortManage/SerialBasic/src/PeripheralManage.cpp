@@ -941,6 +941,7 @@ CPeripheralBase* CPeripheralManage::GetKeptPeripheralInstance(ePeripheralType ty
 
 unsigned char CPeripheralManage::GetPeripheralParamId(ePeripheralType type, unsigned int mainId,
                                                       unsigned int subId) {
+    std::lock_guard<std::mutex> guard(m_ParamRecordLock);
     switch (type) {
         case PERIPHERAL_TYPE_SERIAL:
             for (unsigned char i = 0; i < SERIAL_PORT_COUNT; ++i) {
@@ -1062,7 +1063,10 @@ int CPeripheralManage::UpdateSerialInstance(const paramSerialSetting_t& setting)
     // The new setting is in place before any instance is touched: instances that read it
     // while they are removed, created or notified see the new one.
     const paramSerialSetting_t old = m_stuSystemSerialParam.stuSerialSetting;
-    m_stuSystemSerialParam.stuSerialSetting = setting;
+    {
+        std::lock_guard<std::mutex> guard(m_ParamRecordLock);
+        m_stuSystemSerialParam.stuSerialSetting = setting;
+    }
     const paramSerialSetting_t& fresh = m_stuSystemSerialParam.stuSerialSetting;
 
     LogRefusedSubPorts(fresh);
@@ -1237,7 +1241,10 @@ int CPeripheralManage::UpdatePortInstances(const PortFamily& family, const uint8
         RemovePeripheralInstance(family.type, oldEntry[0], oldEntry[1]);
         createQueue.push_back({newEntry[0], newEntry[1]});
     }
-    memcpy(kept, record, family.recordSize);
+    {
+        std::lock_guard<std::mutex> guard(m_ParamRecordLock);
+        memcpy(kept, record, family.recordSize);
+    }
     for (const PeripheralPair& pair : createQueue) {
         if (pair.mainId == 0) {
             continue;
@@ -1773,9 +1780,11 @@ int CPeripheralManage::AnalyseAlarmTtsConfig() {
             MutexGuard guard(m_TtsLock);
             const auto* bytes = reinterpret_cast<const char*>(record);
             auto made = m_mapTtsRecords.emplace(
-                std::string(bytes, strlen(record->szText) + kSpeechTailSize), record);
+                std::make_tuple(mainId, subId,
+                                std::string(bytes, strlen(record->szText) + kSpeechTailSize)),
+                record);
             if (!made.second) {
-                free(record);  // the same bytes as one made before: that one serves
+                free(record);  // this pair's record with the same bytes serves
                 record = made.first->second;
             }
             // The record this replaces stays where it is: a plug-in may still hold it.

@@ -4,6 +4,7 @@
 #include <stdio.h>
 #include <string.h>
 
+#include <mutex>
 #include <shared_mutex>
 #include <string>
 #include <vector>
@@ -64,6 +65,14 @@ std::shared_mutex& FatherLinks() {
     return lock;
 }
 
+// A serial instance's state reports come from the reader thread (a box's answers), the
+// manager thread and plug-ins' threads: deciding whether a status is new, finding the port
+// number and sending the report are one step.
+std::recursive_mutex& StateReports() {
+    static std::recursive_mutex lock;
+    return lock;
+}
+
 bool IsMainChipLink(int type) {
     return type == SERIAL_LINK_MAINCHIP || type == SERIAL_LINK_MAINCHIP_2;
 }
@@ -114,8 +123,15 @@ int BuildExtendDataFrame(unsigned char extendId, const unsigned char* data, unsi
     frame[3] = check;
     memcpy(frame.data() + 4, data + 1, length - 1);
     frame[length + 3] = SERIAL_FRAME_END;
-    return serial_transfrom_7e7f_n(frame.data(), out, static_cast<int>(frame.size()),
-                                   static_cast<int>(outSize));
+    // The toolkit's stuffing wants room for twice the frame; the caller's buffer may be less.
+    std::vector<unsigned char> stuffed(2 * frame.size());
+    const int n =
+        serial_transfrom_7e7f(frame.data(), stuffed.data(), static_cast<int>(frame.size()));
+    if (n <= 0 || static_cast<unsigned int>(n) > outSize) {
+        return -1;
+    }
+    memcpy(out, stuffed.data(), static_cast<size_t>(n));
+    return n;
 }
 
 unsigned char McuStopBitCode(SerialStopBitMode stopBit) {
@@ -676,6 +692,7 @@ unsigned char CSerialBase::HandleSerialPort(unsigned int, unsigned int) {
 
 int CSerialBase::HandleSerialMaintainState(int msgId, unsigned int a, unsigned int b,
                                            unsigned char status) {
+    std::lock_guard<std::recursive_mutex> reports(StateReports());
     unsigned char message[kMaintainStateSize] = {};
     if (status != kStatusReuseMaintainPort) {
         m_ucMaintainPort = HandleSerialPort(a, b);
@@ -699,6 +716,7 @@ int CSerialBase::HandleSerialMaintainState(int msgId, unsigned int a, unsigned i
 }
 
 int CSerialBase::SetSerialConfigStatus(unsigned char status, unsigned int a, unsigned int b) {
+    std::lock_guard<std::recursive_mutex> reports(StateReports());
     m_ucConfigStatus = status;
     if (status == m_ucLastConfigStatus && a != kForceReportArg) {
         return 0;

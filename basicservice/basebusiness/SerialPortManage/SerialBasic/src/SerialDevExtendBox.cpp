@@ -157,7 +157,6 @@ CSerialDevExtendBox::CSerialDevExtendBox(CPeripheralManage* manage, CMsgClientMa
       m_nHeartbeatCount(0),
       m_llUpgradeEndTime(0),
       m_bChildSetupDue(false),
-      m_bLineAliveDue(false),
       m_bReportedOffline(false),
       m_strFlagText(GuiTKGetText(nullptr, nullptr, kFlagTextId)) {
     // The box's frames leave MakeAndSendCmd complete; a protocol 0 of its own (the default
@@ -333,10 +332,11 @@ int CSerialDevExtendBox::MakeAndSendCmd(eExtendBoxCmd cmd, unsigned char subId, 
     frame[3] = check;
     frame[end++] = SERIAL_FRAME_END;
 
-    unsigned char stuffed[EXTEND_BOX_FRAME_SIZE] = {};
-    const int n = serial_transfrom_7e7f_n(frame, stuffed, static_cast<int>(end),
-                                          static_cast<int>(sizeof(stuffed)));
-    if (n <= 0) {
+    // The toolkit's stuffing wants room for twice the frame; a frame goes out only if its
+    // stuffed form fits the line's 1024 bytes.
+    unsigned char stuffed[2 * EXTEND_BOX_FRAME_SIZE] = {};
+    const int n = serial_transfrom_7e7f(frame, stuffed, static_cast<int>(end));
+    if (n <= 0 || n > static_cast<int>(EXTEND_BOX_FRAME_SIZE)) {
         PM_LOG(0, m_variant.logTag, "send data transfrom failed\n");
         return -1;
     }
@@ -504,7 +504,7 @@ int CSerialDevExtendBox::AnalySerialData(unsigned int length, const char* answer
         HandleUpgradeFailed();
         return -1;
     }
-    m_bLineAliveDue = true;
+    SetSerialConfigStatus(7, 0, 0);
     const unsigned char cmd = bytes[0];
     const unsigned char* payload = bytes + 2;
     const int pending = m_nPendingCmd.load();
@@ -606,7 +606,7 @@ void CSerialDevExtendBox::AnalyseUpgradeAnswer(unsigned char cmd, unsigned int p
             fail();
         } else {
             PM_LOG(1, m_variant.logTag, "Response start upgrade success\n");
-            SendUpgradeLine(1);
+            SendExtendBoxUpgradeData(1);
         }
     } else if (cmd == EXTEND_BOX_CMD_UPGRADE_DATA) {
         if (payloadLength != 5) {
@@ -618,10 +618,11 @@ void CSerialDevExtendBox::AnalyseUpgradeAnswer(unsigned char cmd, unsigned int p
             PM_LOG(0, m_variant.logTag, "Response doing upgrade failed, result = %d\n", payload[4]);
             fail();
         } else {
+            // Counted as the firmware counts, wrapping where an int ends (no overflow).
             const uint32_t line = Common::GetBe32(payload);
             PM_LOG(2, m_variant.logTag, "Response doing upgrade success, recv_line = %d\n",
                    static_cast<int>(line));
-            SendUpgradeLine(static_cast<long long>(line) + 1);
+            SendExtendBoxUpgradeData(static_cast<int>(line + 1u));
         }
     } else if (result != 1) {
         PM_LOG(0, m_variant.logTag, "Response end upgrade failed, result = %d\n", result);
@@ -647,9 +648,6 @@ int CSerialDevExtendBox::PeripheralThreadCycle(long long now) {
     static long long s_llSubPropertyTime = 0;
     static long long s_llHeartbeatTime = 0;
 
-    if (m_bLineAliveDue.exchange(false)) {
-        SetSerialConfigStatus(7, 0, 0);
-    }
     if (m_bChildSetupDue.exchange(false)) {
         HandlePeripParamChange();
     }
@@ -1003,9 +1001,10 @@ int CSerialDevExtendBox::OnTriggerExtendUpgrade(const char* msg, int len) {
         return 0;
     }
     if (!ClaimFileWait(this)) {
+        // A final state, so that the requester may ask again; this box's own records stay.
         PM_LOG(0, m_variant.logTag,
                "[UPG] failed, another extend box waits for its upgrade file\n");
-        SendUpgradeState(PERIPHERAL_UPGRADE_BUSY, source);
+        SendUpgradeState(PERIPHERAL_UPGRADE_FAILED, source);
         return 0;
     }
     {
@@ -1164,10 +1163,6 @@ int CSerialDevExtendBox::AnalyseUpgradeFile(const tag_msgPeripheralUpgradeFile* 
 }
 
 void CSerialDevExtendBox::SendExtendBoxUpgradeData(int line) {
-    SendUpgradeLine(line);
-}
-
-void CSerialDevExtendBox::SendUpgradeLine(long long line) {
     std::lock_guard<std::recursive_mutex> upgrade(m_UpgradeLock);
     unsigned char data[4 + UPGRADE_LINE_SIZE];
     unsigned int chunk = 0;
@@ -1191,14 +1186,14 @@ void CSerialDevExtendBox::SendUpgradeLine(long long line) {
             memcpy(data + 4, m_vecImage.data() + m_stuUpgrade.bytesSent, chunk);
             m_stuUpgrade.bytesSent += chunk;
             sent = m_stuUpgrade.bytesSent;
-            m_nNextLine = static_cast<int>(line) + 1;
+            m_nNextLine = line + 1;
             percent = static_cast<int8_t>(static_cast<uint64_t>(sent) * 100 / total);
             report = percent != m_stuUpgrade.percent;
             m_stuUpgrade.percent = percent;
         }
     }
     if (action == kWrongLine) {
-        PM_LOG(0, m_variant.logTag, "upgrade failed, id is error, lineId = %lld (!= %d)\n", line,
+        PM_LOG(0, m_variant.logTag, "upgrade failed, id is error, lineId = %d (!= %d)\n", line,
                m_nNextLine.load());
         BroadcastUpgradeState(PERIPHERAL_UPGRADE_FAILED, UpgradeSource(), true);
         return;

@@ -233,8 +233,6 @@ private:
     // An answer to START, a line or END. m_UpgradeLock held.
     void AnalyseUpgradeAnswer(unsigned char cmd, unsigned int payloadLength,
                               const unsigned char* payload);
-    // The line after `acknowledged`, computed without overflow. m_UpgradeLock held.
-    void SendUpgradeLine(long long line);
     // The state record for `source` on the bus, and in that source's record; nothing else.
     void SendUpgradeState(enumPeripheralUpgradeState state, unsigned char source);
     // Refuses a trigger with `state`: a finished broadcast when idle, only the record while
@@ -272,9 +270,6 @@ private:
     // A version answer re-runs the child set-up on the manager thread, which owns the registry
     // it reads: the answer itself may arrive on the serial reader thread.
     std::atomic<bool> m_bChildSetupDue;
-    // Set by every valid answer: the line-alive report (6820) is made on the manager thread,
-    // which owns the serial record that the report reads.
-    std::atomic<bool> m_bLineAliveDue;
     // Between the offline line and the first answer after it.
     std::atomic<bool> m_bReportedOffline;
     Json::Value m_jsonSpecInfo;
