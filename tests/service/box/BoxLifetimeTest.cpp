@@ -3,16 +3,20 @@
 // becomes its own sub-port, and what the reader thread hands over goes to the slot's owner as
 // checked. The test thread is the manager thread (no manager thread runs); the serial reader
 // thread delivers from real pseudo-terminals.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <memory>
+#include <random>
 #include <set>
 #include <string>
 #include <thread>
 
 #include "BoxTestSupport.h"
 #include "PeripheralEvents.h"
+#include "UpgradeFile.h"
 
 namespace {
 
@@ -222,6 +226,134 @@ TEST(BoxLifetime, StateReportsFromTheReaderAndTheManagerDoNotRace) {
         statuses.insert(m.payload[5]);
     }
     EXPECT_EQ(statuses, (std::set<int>{5, 7}));
+}
+
+// ---- a hostile session ----
+
+// The setting moves boxes, hubs and sub-ports at random while both lines carry sub-port data,
+// answers nobody asked for and late upgrade answers, and the bus brings triggers and file
+// records. Under AddressSanitizer this is the run that finds a link to freed memory; in every
+// build no release may find its instance still reachable, and the service must still answer.
+TEST(BoxLifetime, AHostileSessionLeavesNoLinkToWhatIsGone) {
+    TwoLines t;
+    const std::string name = "BOX-MCU-V9.CRC";
+    std::vector<uint8_t> image(300, 0x5A);
+    t.service.Watch(EVENT_GET_EXTEND_UPGRADE_FILE,
+                    pmtools::UpgradeFileRecord(name, pmtools::MakeUpgradeFile(image, name)));
+    std::mt19937 random(20261125);
+    const uint8_t kSubIds[] = {0, uint8_t(kChildId), uint8_t(kOtherChildId), 8, 12};
+
+    std::atomic<bool> stop{false};
+    auto noise = [&](BoxEnd& end, unsigned seed) {
+        std::mt19937 r(seed);
+        const std::vector<std::vector<uint8_t>> answers = {{0x01, 6, 'R', 'E', 'A', 'D', 'Y', 0},
+                                                           {0x02, 5, 0, 0, 0, 1, 1},
+                                                           {0x02, 5, 0x7F, 0xFF, 0xFF, 0xFF, 1},
+                                                           {0x03, 1, 1},
+                                                           {0x04, 5, 'M', 'C', 'U', '-', '1'},
+                                                           {0x07, 1, 1},
+                                                           {0x33, 2, 0, 0x5A},
+                                                           {0x25, 0},
+                                                           {0xA0, 1, 1},
+                                                           {0x20, 1, 1}};
+        // A line whose port is closed fills up: its noise is dropped, never waited for.
+        const int master = end.line.Master();
+        const int flags = fcntl(master, F_GETFL);
+        fcntl(master, F_SETFL, flags | O_NONBLOCK);
+        while (!stop) {
+            boxsim::Frame frame = SubPortData(1 + r() % 4, "noise");
+            if (r() % 3 != 0) {
+                frame.device = r() % 2 == 0 ? boxsim::kBoxDevice : boxsim::kHubDevice;
+                frame.body = answers[r() % answers.size()];
+            }
+            const std::vector<uint8_t> bytes = boxsim::Encode(frame);
+            if (write(master, bytes.data(), bytes.size()) < 0) {
+                continue;  // full
+            }
+            end.line.Receive(4096, std::chrono::milliseconds(1));  // the service's frames
+        }
+        fcntl(master, F_SETFL, flags);
+    };
+    std::thread line4(noise, std::ref(t.port4), 4u);
+    std::thread line5(noise, std::ref(t.port5), 5u);
+
+    long long clock = boxtest::FreshClock();
+    std::vector<uint8_t> previous = pmtest::Bytes(SerialSetting({}));
+    for (int step = 0; step < 120; ++step) {
+        std::vector<SerialEntry> entries;
+        std::set<unsigned> wanted;
+        for (int port : {4, 5}) {
+            const unsigned kind = random() % 3;
+            if (kind == 0) {
+                continue;
+            }
+            entries.push_back({port, uint8_t(kind == 1 ? 1 : 149)});
+            for (int slot = 0; slot < 4; ++slot) {
+                const uint8_t id = kSubIds[random() % 5];
+                if (id != 0 && wanted.insert(id).second) {
+                    entries.push_back({port, id, 0, 1, slot});
+                }
+            }
+        }
+        // A setting equal to the one before changes nothing and is not reconciled.
+        const std::vector<uint8_t> setting = pmtest::Bytes(SerialSetting(entries));
+        if (setting != previous) {
+            ASSERT_TRUE(t.service.SendSetting(setting)) << "step " << step;
+            previous = setting;
+        }
+        for (unsigned id : wanted) {
+            if (t.ChildOf(id) == nullptr && random() % 2 == 0) {
+                AddChild(t.service, id);
+            }
+        }
+        for (unsigned id : {1u, 149u}) {
+            if (CSerialDevExtendBox* box = t.Box(id)) {
+                box->PeripheralThreadCycle(clock += 2000 + random() % 9000);
+            }
+        }
+        for (unsigned id : wanted) {
+            if (Child* child = t.ChildOf(id)) {
+                child->SendDataToPeripheral("up", 2);
+            }
+        }
+        switch (random() % 4) {
+            case 0:  // a sub-port switched to another variant and back by the loader
+                for (unsigned from : {0u, 1u}) {
+                    if (t.ChildOf(kChildId, from) != nullptr) {
+                        t.service.Manager().LoadPeripheralPlugin(PERIPHERAL_TYPE_SERIAL, kChildId,
+                                                                 from, kChildId, 1 - from);
+                        break;
+                    }
+                }
+                break;
+            case 1:
+                for (unsigned id : {1u, 149u}) {
+                    std::vector<uint8_t> trigger(16, 0);
+                    trigger[1] = static_cast<uint8_t>(id);
+                    trigger[9] = static_cast<uint8_t>(random() % 5);
+                    t.service.Send(EVENT_EXTEND_UPGRADE_TRIGGER, trigger);
+                }
+                break;
+            case 2:
+                t.service.Send(
+                    EventAnswerOf(EVENT_GET_EXTEND_UPGRADE_FILE),
+                    pmtools::UpgradeFileRecord(name, pmtools::MakeUpgradeFile(image, name)));
+                break;
+            default:
+                break;
+        }
+        t.service.Pump([] { return false; }, std::chrono::milliseconds(5));
+    }
+    stop = true;
+    line4.join();
+    line5.join();
+    EXPECT_EQ(ReachableAtRelease(), 0);
+
+    // Still in service: a box on port 4 answers as a box.
+    ASSERT_TRUE(t.service.SendSetting(SerialSetting({{4, 1}})));
+    t.port4.Drain(std::chrono::milliseconds(50));
+    t.Box()->PeripheralThreadCycle(clock += 10000);
+    EXPECT_FALSE(t.port4.Drain().empty());
 }
 
 }  // namespace
