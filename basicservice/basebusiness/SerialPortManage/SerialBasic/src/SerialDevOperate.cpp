@@ -404,6 +404,7 @@ void CSerialDevOperate::serial_forget_owner(const CSerialBase* owner) {
 }
 
 void CSerialDevOperate::WakeReader() {
+    ++m_nTableGeneration;
     {
         // A reader pausing without ports waits on the condition, one in select on the pipe.
         std::lock_guard<std::mutex> guard(m_ReaderLock);
@@ -688,6 +689,7 @@ void CSerialDevOperate::TakeReadSnapshot() {
     FD_ZERO(&m_ReadSetBase);
     {
         MutexGuard table(m_TableLock);
+        m_nSnapshotGeneration = m_nTableGeneration;
         const long long now = SteadyMs();
         for (const auto& entry : m_mapSerialDev) {
             int fd = entry.first;
@@ -784,11 +786,17 @@ void CSerialDevOperate::ReadOnePass() {
     if (fd <= 0) {
         return;
     }
+    // One hold of the table lock for the read, the delivery and its bookkeeping: a port
+    // closed meanwhile cannot have its number reused by a port select never saw, whose
+    // blocking read would hold the reader.
+    MutexGuard table(m_TableLock);
+    if (m_nTableGeneration != m_nSnapshotGeneration) {
+        m_bReadSnapshotValid = false;
+        return;
+    }
     char buffer[kReadChunk];
     ssize_t got = read(fd, buffer, sizeof buffer);
     int error = errno;
-    // One hold of the table lock for the delivery and its bookkeeping.
-    MutexGuard table(m_TableLock);
     CacheDataLocked(fd, buffer, static_cast<int>(got));
     NoteReadResultLocked(fd, static_cast<int>(got), error);
 }

@@ -95,7 +95,7 @@ private:
     void CacheDataLocked(int fd, const char* data, int length);
     void NoteReadResultLocked(int fd, int result, int error);
     void NoteSelectFailure(int error);
-    // Makes the reader take a fresh snapshot of the table at once.
+    // Makes the reader take a fresh snapshot of the table at once. m_TableLock held.
     void WakeReader();
     void WakeSelect();  // the pipe alone: callable with m_ReaderLock held
     // One non-blocking write after at most kWriteWaitMs for room; -1 when the queue stays full.
@@ -116,9 +116,14 @@ private:
     std::map<int, long long> m_mapFailedRead;
     bool m_bSelectFailed;  // reader thread only: one log per run of select failures
     std::set<const CSerialBase*> m_setHeldOwners;  // guarded by m_TableLock
-    std::mutex m_WriteDropLock;                    // guards the two fields below
-    unsigned long long m_nWriteDrops;              // writes refused for a full output queue
-    long long m_llWriteDropLogMs;                  // steady ms of the last log of drops
+    // Counts the table's changes (ports, holds); guarded by m_TableLock. A descriptor that
+    // select reported may have been closed and its number given to another port since: the
+    // reader reads only while the table is as its snapshot saw it.
+    unsigned long m_nTableGeneration = 0;
+    unsigned long m_nSnapshotGeneration = 0;  // reader thread
+    std::mutex m_WriteDropLock;               // guards the two fields below
+    unsigned long long m_nWriteDrops;         // writes refused for a full output queue
+    long long m_llWriteDropLogMs;             // steady ms of the last log of drops
 
     std::mutex m_ReaderLock;
     std::condition_variable m_ReaderCond;
