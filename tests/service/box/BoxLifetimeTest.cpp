@@ -120,19 +120,39 @@ TEST(BoxLifetime, AChildIsOutOfEveryBoxsReachBeforeItIsReleased) {
     }
 }
 
+// A sub-port forgets a father that goes, and takes a box that stays, as it would if it were
+// made now.
 TEST(BoxLifetime, ASubPortForgetsAFatherThatGoes) {
-    TwoLines t;
-    // With a box and a hub both present, the hub's sub-ports take the box as their father.
-    t.Place({{4, 1}, {5, 149}, {5, uint8_t(kChildId), 0, 1, 0}}, {kChildId});
-    Child* child = t.ChildOf(kChildId);
-    ASSERT_NE(child, nullptr);
-    ASSERT_EQ(child->GetFatherSerial(), t.Box());
-    ASSERT_TRUE(t.service.SendSetting(SerialSetting({{5, 149}, {5, uint8_t(kChildId), 0, 1, 0}})));
-    ASSERT_EQ(t.Box(), nullptr);
-    ASSERT_EQ(t.ChildOf(kChildId), child) << "the sub-port itself stays";
-    EXPECT_EQ(child->GetFatherSerial(), nullptr);
-    EXPECT_EQ(child->SendDataToPeripheral("x", 1), -1);
-    EXPECT_TRUE(t.service.Logs().Contains("S_BASE: FatherSerialPrt is NULL"));
+    {
+        SCOPED_TRACE("a hub stays");
+        TwoLines t;
+        // With a box and a hub both present, the hub's sub-ports take the box as their father.
+        t.Place({{4, 1}, {5, 149}, {5, uint8_t(kChildId), 0, 1, 2}}, {kChildId});
+        Child* child = t.ChildOf(kChildId);
+        ASSERT_NE(child, nullptr);
+        ASSERT_EQ(child->GetFatherSerial(), t.Box());
+        ASSERT_TRUE(
+            t.service.SendSetting(SerialSetting({{5, 149}, {5, uint8_t(kChildId), 0, 1, 2}})));
+        ASSERT_EQ(t.Box(), nullptr);
+        ASSERT_EQ(t.ChildOf(kChildId), child) << "the sub-port itself stays";
+        EXPECT_EQ(child->GetFatherSerial(), t.Box(PERIPHERAL_MAINID_EXTEND_HUB_BOX));
+        t.port5.Drain(std::chrono::milliseconds(50));
+        EXPECT_EQ(child->SendDataToPeripheral("x", 1), 1);
+        const boxsim::Frame frame = t.port5.Next();
+        EXPECT_EQ(frame.address, 0x83);
+        EXPECT_EQ(boxsim::ToHex(frame.body), "78");
+    }
+    {
+        SCOPED_TRACE("no box stays");
+        TwoLines t;
+        t.Place({{4, 1}, {6, uint8_t(kChildId), 0, 1, 0}}, {kChildId});
+        Child* child = t.ChildOf(kChildId);
+        ASSERT_EQ(child->GetFatherSerial(), t.Box());
+        ASSERT_TRUE(t.service.SendSetting(SerialSetting({{6, uint8_t(kChildId), 0, 1, 0}})));
+        EXPECT_EQ(child->GetFatherSerial(), nullptr);
+        EXPECT_EQ(child->SendDataToPeripheral("x", 1), -1);
+        EXPECT_TRUE(t.service.Logs().Contains("S_BASE: FatherSerialPrt is NULL"));
+    }
 }
 
 // ---- settings that would tie a box to itself ----

@@ -350,14 +350,28 @@ TEST(ExtendBoxUpgrade, TenSecondsOfSilenceFailAndLateAnswersStartNothing) {
     EXPECT_EQ(u.States().size(), states) << "nothing left to time out";
 }
 
-TEST(ExtendBoxUpgrade, ABoxReleasedMidwayTellsTheRequesterItFailed) {
-    Upgradable u;
-    ASSERT_TRUE(u.BringUp());
-    u.firmware.With([](boxsim::BoxModel& m) { m.faults.stopAfterLine = 3; });
-    u.Upgrade(Record("BOX-MCU-V2.CRC", Image(1000)), 1);
-    ASSERT_TRUE(u.WaitLines(3));
-    ASSERT_TRUE(u.service->SendSetting(SerialSetting({})));
-    ASSERT_TRUE(u.WaitFinal(9, 1));
+// A box released during its upgrade tells the requester how it ended: failed in the middle
+// of the transfer, finished once the box took END (the five seconds after it are a pause).
+TEST(ExtendBoxUpgrade, ABoxReleasedMidwayTellsTheRequesterHowItEnded) {
+    {
+        Upgradable u;
+        ASSERT_TRUE(u.BringUp());
+        u.firmware.With([](boxsim::BoxModel& m) { m.faults.stopAfterLine = 3; });
+        u.Upgrade(Record("BOX-MCU-V2.CRC", Image(1000)), 1);
+        ASSERT_TRUE(u.WaitLines(3));
+        ASSERT_TRUE(u.service->SendSetting(SerialSetting({})));
+        ASSERT_TRUE(u.WaitFinal(9, 1));
+    }
+    {
+        Upgradable u;
+        ASSERT_TRUE(u.BringUp());
+        u.Upgrade(Record("BOX-MCU-V2.CRC", Image(1000)), 2);
+        ASSERT_TRUE(u.service->Pump(
+            [&] { return u.service->Logs().Contains("Response end upgrade success"); }));
+        ASSERT_TRUE(u.service->SendSetting(SerialSetting({})));
+        ASSERT_TRUE(u.WaitFinal(10, 2));
+        EXPECT_EQ(u.States().back().percent, 100);
+    }
 }
 
 // Time-outs come from the manager thread, line answers from the reader thread: each upgrade

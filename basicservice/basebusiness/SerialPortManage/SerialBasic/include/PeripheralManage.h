@@ -245,8 +245,8 @@ private:
     // from here on, and no box or sub-port reaches it any more) and clears it.
     void ReleaseInstance(PeripheralProperty_t& record);
     // Boxes and their sub-ports point at each other without owning: the side that goes is
-    // taken out of the other side's reach first.
-    void DetachSerialLinks(const CSerialBase* leaving);
+    // taken out of the other side's reach first. Returns the sub-ports that lost their father.
+    std::vector<CSerialBase*> DetachSerialLinks(const CSerialBase* leaving);
 
     // The parameter families' common handler and the CAN and Ethernet reconciliation.
     int OnUpdateParamSetting(const PortFamily& family, const char* data, int length);

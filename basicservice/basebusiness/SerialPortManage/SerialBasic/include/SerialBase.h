@@ -106,8 +106,11 @@ public:
     // (the manager clears it there).
     CSerialBase* GetFatherSerial() const { return m_pFatherSerial; }
     // The manager, before it releases `father`: a sub-port of it forgets it, after any send
-    // through it has ended. Manager thread.
-    void DetachFather(const CSerialBase* father);
+    // through it has ended; true when it was this sub-port's father. Manager thread.
+    bool DetachFather(const CSerialBase* father);
+    // The manager, after the father's release: a sub-port looks for a box as it did when it
+    // was made (a hub that stays takes over from a box that went). Manager thread.
+    void AdoptFather();
     const SerialRecvStamp_t& GetRecvStamp() const { return m_stuRecvStamp; }
 
 protected:

@@ -783,28 +783,37 @@ int CPeripheralManage::LoadPeripheralLibFile(const char* path, const std::string
 }
 
 void CPeripheralManage::ReleaseInstance(PeripheralProperty_t& record) {
+    std::vector<CSerialBase*> orphans;
     if (const auto* serial = dynamic_cast<const CSerialBase*>(record.pInstance)) {
         if (m_pSerialDevOperate != nullptr) {
             m_pSerialDevOperate->serial_hold_owner(serial);
         }
-        DetachSerialLinks(serial);
+        orphans = DetachSerialLinks(serial);
     }
     m_setLeavingInstances.erase(record.pInstance);
     record.pRelease(record.pInstance);
     record.pInstance = nullptr;
+    // Out of the registry now: a sub-port finds the box that stays, if any.
+    for (CSerialBase* orphan : orphans) {
+        orphan->AdoptFather();
+    }
 }
 
-void CPeripheralManage::DetachSerialLinks(const CSerialBase* leaving) {
+std::vector<CSerialBase*> CPeripheralManage::DetachSerialLinks(const CSerialBase* leaving) {
+    std::vector<CSerialBase*> orphans;
     for (const PeripheralProperty_t& record : m_listPeripheralPlugin) {
         auto* serial = dynamic_cast<CSerialBase*>(record.pInstance);
         if (serial == nullptr || serial == leaving) {
             continue;
         }
-        serial->DetachFather(leaving);
+        if (serial->DetachFather(leaving)) {
+            orphans.push_back(serial);
+        }
         if (auto* box = dynamic_cast<CSerialDevExtendBox*>(serial)) {
             box->DetachChild(leaving);
         }
     }
+    return orphans;
 }
 
 int CPeripheralManage::LoadPeripheralPlugin(ePeripheralType type, unsigned int oldMainId,
@@ -1944,11 +1953,14 @@ int CPeripheralManage::OnGetUDiskInfo(const char* data, int length) {
         PM_LOG(3, "", "Udisk total record size less than 10M!!!\n");
         return 0;
     }
-    // Not blocking: a FIFO in the file's place must not hold the manager thread. Never a
-    // controlling terminal: a disk's file may be a link to a tty, and a host that leads its
-    // session would be hung up with it.
-    const int fd = open(path, O_RDWR | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    // Only a plain file is opened: a disk's file may be a link to a device, and opening a tty
+    // read-write already moves its modem lines. Not blocking: a FIFO put in its place between
+    // the two looks must not hold the manager thread. Never a controlling terminal: a host
+    // that leads its session would be hung up with it.
     struct stat info;
+    const int fd = stat(path, &info) == 0 && S_ISREG(info.st_mode)
+                       ? open(path, O_RDWR | O_NONBLOCK | O_NOCTTY | O_CLOEXEC)
+                       : -1;
     if (fd < 0 || fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) {
         PM_LOG(0, "", " open parafd file failed !\n");
         if (fd >= 0) {

@@ -587,14 +587,24 @@ CSerialDevExtendBox* CSerialBase::FatherBox() const {
     return dynamic_cast<CSerialDevExtendBox*>(m_pFatherSerial);
 }
 
-void CSerialBase::DetachFather(const CSerialBase* father) {
+bool CSerialBase::DetachFather(const CSerialBase* father) {
     std::unique_lock<std::shared_mutex> links(FatherLinks());
     if (father == nullptr || m_pFatherSerial != father) {
-        return;
+        return false;
     }
     m_pFatherSerial = nullptr;
     PM_LOG(1, kLogTag, "Father box %d-%d gone, mainId = %d, subId = %d\n", father->GetMainId(),
            father->GetSubId(), m_nMainId, m_nSubId);
+    return true;
+}
+
+void CSerialBase::AdoptFather() {
+    std::unique_lock<std::shared_mutex> links(FatherLinks());
+    if (m_pFatherSerial != nullptr) {
+        return;
+    }
+    m_nExtendHubBoxNew = 0;
+    FindFatherSerial();
 }
 
 int CSerialBase::FatherSerialUnavailable() {

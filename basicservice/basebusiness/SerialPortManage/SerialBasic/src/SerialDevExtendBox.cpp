@@ -176,8 +176,13 @@ CSerialDevExtendBox::~CSerialDevExtendBox() {
         // Whoever asked for the upgrade waits for its last state.
         std::lock_guard<std::recursive_mutex> upgrade(m_UpgradeLock);
         if (IsUpgrading()) {
-            PM_LOG(0, m_variant.logTag, "Released while upgrading, upgrade failed\n");
-            BroadcastUpgradeState(PERIPHERAL_UPGRADE_FAILED, UpgradeSource(), true);
+            // Past a successful END the box has its image; only the pause before state 10
+            // is cut short.
+            const bool took = m_llUpgradeEndTime.load() != 0;
+            PM_LOG(0, m_variant.logTag, "Released while upgrading, upgrade %s\n",
+                   took ? "finished" : "failed");
+            BroadcastUpgradeState(took ? PERIPHERAL_UPGRADE_SUCCESS : PERIPHERAL_UPGRADE_FAILED,
+                                  UpgradeSource(), true);
         }
     }
     EndFileWait(this);
