@@ -6,8 +6,10 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <condition_variable>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -18,6 +20,7 @@
 #include "Pty.h"
 #include "SerialBase.h"
 #include "SerialDevOperate.h"
+#include "SerialPortWriter.h"
 #include "ServiceHarness.h"
 
 namespace {
@@ -157,9 +160,13 @@ public:
         unsigned length = 0;
         GetSerialBufferData(bytes, length);
         ClearSerialBufferValue();
+        if (onDelivery) {
+            onDelivery(std::string(bytes, length));  // on the reader thread
+        }
         m_journal.Record(GetMainId(), std::string(bytes, length));
         return 0;
     }
+    std::function<void(const std::string&)> onDelivery;
 
 private:
     Journal& m_journal;
@@ -361,23 +368,100 @@ TEST_F(SerialDevOperateTest, AHungUpPortNeitherSpinsNorStarvesTheOthers) {
     EXPECT_TRUE(layer->serial_is_open(deadFd)) << "the port stays until its link closes it";
 }
 
-// A peer that stops reading fills the output queue: a write then gives up after a short
-// wait instead of holding its caller (the manager thread) for good.
-TEST_F(SerialDevOperateTest, AWriteToAFullOutputQueueIsDroppedAndCounted) {
+// ---- writes ----
+
+// Numbered frames of `size` bytes: "<" and five digits, a filler, ">".
+std::string NumberedFrame(int n, size_t size) {
+    char head[8];
+    snprintf(head, sizeof head, "<%05d", n);
+    std::string frame(head);
+    frame.resize(size - 1, static_cast<char>('a' + n % 26));
+    return frame + ">";
+}
+
+// A peer that stops reading: every frame before the stall arrives whole, the one that meets
+// it loses exactly the bytes counted, and nothing of a later write arrives while it lasts. The
+// stall costs one budget: later writes are refused at once (counted, not waited for), until
+// the peer reads again.
+TEST_F(SerialDevOperateTest, AStoppedPeerGetsWholeFramesAndTheStallIsCountedOnce) {
     Pty pty;
     const int fd = OpenRaw(pty, 1);
-    const std::string chunk(1024, 'w');
-    int refused = 0;
-    for (int i = 0; i < 512 && refused < 3; ++i) {  // far more than a pty's queue holds
-        refused += layer->serial_write(fd, chunk.data(), chunk.size()) == -1 ? 1 : 0;
+    const size_t size = 1000;
+    int cutAt = -1;
+    for (int i = 0; i < 1000 && cutAt < 0; ++i) {  // far more than a pty's queue holds
+        const std::string frame = NumberedFrame(i, size);
+        if (layer->serial_write(fd, frame.data(), size) == -1) {
+            cutAt = i;
+        }
     }
-    EXPECT_EQ(refused, 3);
-    EXPECT_EQ(service.Logs().Count("SERIAL_OPERATE: [WRITE] fd = " + std::to_string(fd) +
-                                   ", output queue full for 100 ms, 1024 bytes dropped, writes "
-                                   "dropped so far = 1\n"),
+    ASSERT_GE(cutAt, 1);
+    SerialWriteStats stats{};
+    ASSERT_TRUE(layer->serial_write_stats(fd, stats));
+    EXPECT_TRUE(stats.stalled);
+    EXPECT_EQ(stats.cutWrites, 1u);
+    const unsigned long long lostInCut = stats.bytesLost;
+    ASSERT_GT(lostInCut, 0u);
+    for (int i = 0; i < 50; ++i) {
+        const std::string frame = NumberedFrame(cutAt + 1 + i, size);
+        EXPECT_EQ(layer->serial_write(fd, frame.data(), size), -1);
+    }
+    ASSERT_TRUE(layer->serial_write_stats(fd, stats));
+    EXPECT_EQ(stats.cutWrites, 1u) << "a stalled port is not waited for again";
+    EXPECT_EQ(stats.refusedWrites, 50u);
+    EXPECT_EQ(stats.bytesLost, lostInCut + 50 * size);
+    EXPECT_EQ(service.Logs().Count("SERIAL_OPERATE: [WRITE] name = " + pty.SlavePath() +
+                                   ", no room within "),
               1u);
-    EXPECT_EQ(fcntl(fd, F_GETFL) & O_NONBLOCK, 0) << "the port stays blocking for the others";
-    EXPECT_EQ(pty.Receive(1024), chunk) << "what went out before is intact";
+    EXPECT_TRUE(service.Logs().Contains(std::to_string(lostInCut) + " of 1000 bytes dropped"));
+
+    // The peer reads again: what it finds is the frames whole, then the head of the cut one.
+    std::string expected;
+    for (int i = 0; i < cutAt; ++i) {
+        expected += NumberedFrame(i, size);
+    }
+    expected += NumberedFrame(cutAt, size).substr(0, size - lostInCut);
+    EXPECT_EQ(pty.Receive(expected.size() + 1, std::chrono::milliseconds(500)), expected);
+    const std::string next = NumberedFrame(9999, size);
+    EXPECT_EQ(layer->serial_write(fd, next.data(), size), 1) << "drained: writes go again";
+    EXPECT_EQ(pty.Receive(size), next);
+    ASSERT_TRUE(layer->serial_write_stats(fd, stats));
+    EXPECT_FALSE(stats.stalled);
+    EXPECT_EQ(fcntl(fd, F_GETFL) & O_NONBLOCK, 0) << "the port stays blocking for the reader";
+}
+
+// The reader thread answers from inside a delivery, and must never wait there: with a budget
+// of a minute, a port whose peer stopped reading keeps its echo queued or refused while the
+// reader goes on serving the other port and the table can change.
+TEST_F(SerialDevOperateTest, TheReaderNeverWaitsOnAPortThatStalled) {
+    struct MinuteBudget {
+        MinuteBudget() { CSerialPortWriter::SetFixedBudgetForTest(60000); }
+        ~MinuteBudget() {
+            CSerialPortWriter::SetFixedBudgetForTest(CSerialPortWriter::kFixedBudgetMs);
+        }
+    } budget;
+    Pty stalled, other, later;
+    const int stalledFd = OpenRaw(stalled, 1);
+    OpenRaw(other, 2);
+    const std::string echo(4000, 'e');
+    std::atomic<int> echoes{0};
+    owners[0]->onDelivery = [&](const std::string&) {
+        layer->serial_write(stalledFd, echo.data(), echo.size());
+        ++echoes;
+    };
+    ASSERT_EQ(layer->serial_init(), 0);
+    for (int i = 0; i < 60; ++i) {  // 240 kB of echo that nobody reads
+        ASSERT_TRUE(stalled.Send("x"));
+        ASSERT_TRUE(WaitUntil([&] { return echoes == i + 1; })) << i;
+    }
+    for (int i = 0; i < 5; ++i) {
+        ASSERT_TRUE(other.Send("live" + std::to_string(i)));
+        ASSERT_TRUE(WaitUntil([&] { return journal.BytesOf(2).size() == 5u * (i + 1); })) << i;
+    }
+    EXPECT_GE(layer->serial_open(Owner(3), later.SlavePath(), kOpenFlags), 0);
+    SerialWriteStats stats{};
+    ASSERT_TRUE(layer->serial_write_stats(stalledFd, stats));
+    EXPECT_GT(stats.refusedWrites, 0u) << "what the queue cannot take is dropped whole";
+    EXPECT_EQ(stats.cutWrites, 0u) << "nothing is due within the minute";
 }
 
 // A tty must never sit on a standard stream's number: it would take every printf, and the

@@ -33,10 +33,8 @@ std::atomic<int> g_readerTimeoutMs{1000};
 // How long a port whose read failed (hang-up, unplugged adapter) stays out of select.
 constexpr int kFailedReadRetryMs = 200;
 constexpr size_t kReadChunk = 1024;
-// How long a write may wait for room in a tty's output queue before its bytes are dropped:
-// the callers are the manager thread and peripheral threads, which must keep turning.
-constexpr int kWriteWaitMs = 100;
-constexpr long long kWriteDropLogPeriodMs = 1000;
+// The reader thread delivers bytes to their owners, whose answers it must never wait for.
+thread_local bool t_bReaderThread = false;
 // Descriptors 0-2 are the standard streams' numbers: a tty that gets one (the host closed a
 // stream) would receive every printf, and the reader never serves descriptor 0.
 constexpr int kFirstPortFd = 3;
@@ -205,8 +203,6 @@ void serial_termios_set_line(struct termios& tio, unsigned char mask, SerialData
 CSerialDevOperate::CSerialDevOperate()
     : m_nMaxFd(-1),
       m_bSelectFailed(false),
-      m_nWriteDrops(0),
-      m_llWriteDropLogMs(0),
       m_bReaderStop(false),
       m_bTableChanged(false),
       m_nReaderCount(0) {
@@ -328,6 +324,7 @@ int CSerialDevOperate::serial_open(CSerialBase* owner, std::string path, int fla
         PM_LOG(0, kLogTag, "[OPEN] fcntl failed\n");
     }
     SerialDevInfo* info = NewDevInfo(fd, path, owner);
+    info->writer = std::make_shared<CSerialPortWriter>(fd, path);
     size_t openCount;
     {
         std::unique_lock<std::shared_mutex> view(m_TableView);
@@ -508,6 +505,11 @@ int CSerialDevOperate::serial_set_property(int fd, unsigned char mask, unsigned 
         PM_LOG(0, kLogTag, "[SET] tcsetattr failed, fd = %d: %s\n", fd, strerror(errno));
         return -1;
     }
+    if (mask & SERIAL_PROPERTY_SPEED) {
+        if (std::shared_ptr<CSerialPortWriter> writer = WriterOf(fd)) {
+            writer->SetSpeed(speed);
+        }
+    }
     if (serial_set_usb_extern_property(fd) < 0) {
         PM_LOG(1, kLogTag, "Set USB extend mainchip serial failed\n");
     }
@@ -591,8 +593,15 @@ int CSerialDevOperate::serial_set_exar_reg(int fd, int block, int reg, int value
     return 0;
 }
 
+std::shared_ptr<CSerialPortWriter> CSerialDevOperate::WriterOf(int fd) {
+    std::shared_lock<std::shared_mutex> view(m_TableView);
+    auto it = m_mapSerialDev.find(fd);
+    return it == m_mapSerialDev.end() ? nullptr : it->second->writer;
+}
+
 int CSerialDevOperate::serial_write(int fd, const char* data, unsigned int length) {
-    if (!serial_is_open(fd)) {
+    std::shared_ptr<CSerialPortWriter> writer = WriterOf(fd);
+    if (writer == nullptr) {
         PM_LOG(0, kLogTag, "[WRITE] failed, serial is not open, fd = %d\n", fd);
         return -1;
     }
@@ -600,51 +609,53 @@ int CSerialDevOperate::serial_write(int fd, const char* data, unsigned int lengt
         PM_LOG(0, kLogTag, "[WRITE] failed, length < 0\n");
         return -1;
     }
-    ssize_t written = BoundedWrite(fd, data, length);
-    int error = errno;
+    long written = 0;
+    if (t_bReaderThread) {
+        written = writer->WriteNoWait(data, length);
+        if (writer->HasQueued() && std::find(m_vecWaitingWriters.begin(), m_vecWaitingWriters.end(),
+                                             writer) == m_vecWaitingWriters.end()) {
+            m_vecWaitingWriters.push_back(writer);
+        }
+    } else {
+        written = writer->Write(data, length);
+    }
     PM_LOG(3, kLogTag, "wirte data len = %d, length = %d\n", static_cast<int>(written), length);
-    if (written >= 0) {
-        return written == static_cast<ssize_t>(length) ? 1 : -1;
-    }
-    if (error != EAGAIN) {
-        PM_LOG(1, kLogTag, "[WRITE] fd = %d: %s\n", fd, strerror(error));
-        return -1;
-    }
-    std::lock_guard<std::mutex> guard(m_WriteDropLock);
-    ++m_nWriteDrops;
-    const long long now = SteadyMs();
-    if (m_nWriteDrops == 1 || now - m_llWriteDropLogMs >= kWriteDropLogPeriodMs) {
-        m_llWriteDropLogMs = now;
-        PM_LOG(0, kLogTag,
-               "[WRITE] fd = %d, output queue full for %d ms, %u bytes "
-               "dropped, writes dropped so far = %llu\n",
-               fd, kWriteWaitMs, length, m_nWriteDrops);
-    }
-    return -1;
+    return written == static_cast<long>(length) ? 1 : -1;
 }
 
-// The port stays blocking for everybody else; only this one write may not wait, since a
-// peer that stopped reading would otherwise hold the calling thread for good. It tries at
-// once and waits for room only when there is none: the common case costs no poll.
-ssize_t CSerialDevOperate::BoundedWrite(int fd, const char* data, unsigned int length) {
-    const int flags = fcntl(fd, F_GETFL);
-    const bool toggled =
-        flags >= 0 && (flags & O_NONBLOCK) == 0 && fcntl(fd, F_SETFL, flags | O_NONBLOCK) == 0;
-    ssize_t written = write(fd, data, length);
-    if (written < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
-        struct pollfd ready = {fd, POLLOUT, 0};
-        if (poll(&ready, 1, kWriteWaitMs) > 0) {
-            written = write(fd, data, length);
-        } else {
-            errno = EAGAIN;
+bool CSerialDevOperate::serial_write_stats(int fd, SerialWriteStats& stats) {
+    std::shared_ptr<CSerialPortWriter> writer = WriterOf(fd);
+    if (writer == nullptr) {
+        return false;
+    }
+    stats = writer->Stats();
+    return true;
+}
+
+void CSerialDevOperate::AddWriteWaits(fd_set& writeSet, int& top, int& waitMs) {
+    const long long now = CSerialPortWriter::SteadyMs();
+    for (const auto& writer : m_vecWaitingWriters) {
+        const int wfd = writer->WriteFd();
+        if (wfd >= 0 && wfd < FD_SETSIZE) {
+            FD_SET(wfd, &writeSet);
+            top = std::max(top, wfd);
         }
+        const long long left = std::max(0LL, writer->QueueDeadline() - now);
+        waitMs = static_cast<int>(std::min<long long>(waitMs, left));
     }
-    const int error = errno;
-    if (toggled) {
-        fcntl(fd, F_SETFL, flags);
+}
+
+void CSerialDevOperate::FlushWaitingWrites(const fd_set& writeSet) {
+    const long long now = CSerialPortWriter::SteadyMs();
+    for (auto it = m_vecWaitingWriters.begin(); it != m_vecWaitingWriters.end();) {
+        CSerialPortWriter& writer = **it;
+        const int wfd = writer.WriteFd();
+        const bool room = wfd >= 0 && wfd < FD_SETSIZE && FD_ISSET(wfd, &writeSet);
+        if (room || now >= writer.QueueDeadline()) {
+            writer.Flush();
+        }
+        it = writer.HasQueued() ? it + 1 : m_vecWaitingWriters.erase(it);
     }
-    errno = error;
-    return written;
 }
 
 int CSerialDevOperate::serial_cache_data(int fd, const char* data, int length) {
@@ -720,6 +731,7 @@ void CSerialDevOperate::TakeReadSnapshot() {
 }
 
 void CSerialDevOperate::serial_read() {
+    t_bReaderThread = true;
     while (true) {
         {
             std::lock_guard<std::mutex> guard(m_ReaderLock);
@@ -734,7 +746,7 @@ void CSerialDevOperate::serial_read() {
         if (!m_bReadSnapshotValid) {
             TakeReadSnapshot();
         }
-        if (m_vecReadFds.empty()) {
+        if (m_vecReadFds.empty() && m_vecWaitingWriters.empty()) {
             if (!ReaderPause(m_nReadWaitMs)) {
                 break;
             }
@@ -755,10 +767,21 @@ void CSerialDevOperate::ReadOnePass() {
     if (wake >= 0 && wake < FD_SETSIZE) {
         top = std::max(top, wake);
     }
+    int waitMs = m_nReadWaitMs;
+    fd_set writeSet;
+    fd_set* writes = nullptr;
+    if (!m_vecWaitingWriters.empty()) {
+        FD_ZERO(&writeSet);
+        AddWriteWaits(writeSet, top, waitMs);
+        writes = &writeSet;
+    }
     struct timeval timeout;
-    timeout.tv_sec = m_nReadWaitMs / 1000;
-    timeout.tv_usec = (m_nReadWaitMs % 1000) * 1000;
-    int ready = select(top + 1, &readSet, nullptr, nullptr, &timeout);
+    timeout.tv_sec = waitMs / 1000;
+    timeout.tv_usec = (waitMs % 1000) * 1000;
+    int ready = select(top + 1, &readSet, writes, nullptr, &timeout);
+    if (writes != nullptr) {
+        FlushWaitingWrites(ready > 0 ? writeSet : fd_set{});
+    }
     if (ready < 0) {
         int error = errno;
         if (error != EINTR) {

@@ -8,6 +8,7 @@
 
 #include <condition_variable>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <set>
 #include <shared_mutex>
@@ -15,6 +16,7 @@
 #include <vector>
 
 #include "SerialDefine.h"
+#include "SerialPortWriter.h"
 
 class CSerialBase;
 struct termios;
@@ -43,6 +45,9 @@ struct SerialDevInfo {
     char name[64];
     CSerialBase* owner;  // not owned
     int portId;          // digit after "/dev/ttyAMA" or "/dev/ttyACM", else -1
+    // The port's write side; shared with a write under way, so that a port closed meanwhile
+    // keeps its write descriptor until that write has ended.
+    std::shared_ptr<CSerialPortWriter> writer;
 };
 
 class CSerialDevOperate {
@@ -66,7 +71,11 @@ public:
                             SerialParityMode parity, SerialFlowControlMode flow);
     int serial_set_usb_extern_property(int fd);
     int serial_set_exar_reg(int fd, int block, int reg, int value);
+    // 1 when all of `data` went out; on the reader thread, also when its rest waits for the
+    // port (it never waits there itself). -1 otherwise: see CSerialPortWriter.
     int serial_write(int fd, const char* data, unsigned int length);
+    // What the port's writes lost and whether it is stalled; false for a port not open.
+    bool serial_write_stats(int fd, SerialWriteStats& stats);
     int serial_cache_data(int fd, const char* data, int length);
     // Delivery to an owner that is being built or taken apart would reach a half-made object:
     // its ports stay out of the reader's select (bytes wait in the kernel) until it is let go.
@@ -98,8 +107,11 @@ private:
     // Makes the reader take a fresh snapshot of the table at once. m_TableLock held.
     void WakeReader();
     void WakeSelect();  // the pipe alone: callable with m_ReaderLock held
-    // One non-blocking write after at most kWriteWaitMs for room; -1 when the queue stays full.
-    ssize_t BoundedWrite(int fd, const char* data, unsigned int length);
+    std::shared_ptr<CSerialPortWriter> WriterOf(int fd);
+    // The reader thread's own writes that wait for room: their write descriptors join its
+    // select, their deadlines its time-out.
+    void AddWriteWaits(fd_set& writeSet, int& top, int& waitMs);
+    void FlushWaitingWrites(const fd_set& writeSet);
     // Sleeps up to `ms` unless the layer is being destroyed; false once it is.
     bool ReaderPause(int ms);
     void StopReader();
@@ -137,6 +149,7 @@ private:
     fd_set m_ReadSetBase;  // m_vecReadFds and the wake pipe, as select wants them
     int m_nReadWaitMs = 0;
     bool m_bReadSnapshotValid = false;
+    std::vector<std::shared_ptr<CSerialPortWriter>> m_vecWaitingWriters;  // reader thread
 };
 
 #endif
