@@ -430,8 +430,9 @@ TEST_F(SerialDevOperateTest, AStoppedPeerGetsWholeFramesAndTheStallIsCountedOnce
 }
 
 // The reader thread answers from inside a delivery, and must never wait there: with a budget
-// of a minute, a port whose peer stopped reading keeps its echo queued or refused while the
-// reader goes on serving the other port and the table can change.
+// of a minute, a port whose peer stopped reading keeps its answers queued or refuses them
+// whole, while the reader goes on serving the other port and the table can change. Once the
+// peer reads, the queued answers follow, whole and in order.
 TEST_F(SerialDevOperateTest, TheReaderNeverWaitsOnAPortThatStalled) {
     struct MinuteBudget {
         MinuteBudget() { CSerialPortWriter::SetFixedBudgetForTest(60000); }
@@ -442,14 +443,15 @@ TEST_F(SerialDevOperateTest, TheReaderNeverWaitsOnAPortThatStalled) {
     Pty stalled, other, later;
     const int stalledFd = OpenRaw(stalled, 1);
     OpenRaw(other, 2);
-    const std::string echo(4000, 'e');
+    const size_t size = 4000;
     std::atomic<int> echoes{0};
     owners[0]->onDelivery = [&](const std::string&) {
-        layer->serial_write(stalledFd, echo.data(), echo.size());
+        const std::string echo = NumberedFrame(echoes, size);
+        layer->serial_write(stalledFd, echo.data(), size);
         ++echoes;
     };
     ASSERT_EQ(layer->serial_init(), 0);
-    for (int i = 0; i < 60; ++i) {  // 240 kB of echo that nobody reads
+    for (int i = 0; i < 60; ++i) {  // 240 kB of answers that nobody reads
         ASSERT_TRUE(stalled.Send("x"));
         ASSERT_TRUE(WaitUntil([&] { return echoes == i + 1; })) << i;
     }
@@ -462,6 +464,18 @@ TEST_F(SerialDevOperateTest, TheReaderNeverWaitsOnAPortThatStalled) {
     ASSERT_TRUE(layer->serial_write_stats(stalledFd, stats));
     EXPECT_GT(stats.refusedWrites, 0u) << "what the queue cannot take is dropped whole";
     EXPECT_EQ(stats.cutWrites, 0u) << "nothing is due within the minute";
+    EXPECT_EQ(stats.bytesLost, stats.refusedWrites * size);
+
+    const size_t taken = 60 - stats.refusedWrites;
+    const std::string got = stalled.Receive(taken * size);
+    ASSERT_EQ(got.size(), taken * size);
+    int last = -1;
+    for (size_t at = 0; at < got.size(); at += size) {
+        const int number = std::stoi(got.substr(at + 1, 5));
+        EXPECT_GT(number, last);
+        EXPECT_EQ(got.substr(at, size), NumberedFrame(number, size)) << number;
+        last = number;
+    }
 }
 
 // A tty must never sit on a standard stream's number: it would take every printf, and the
