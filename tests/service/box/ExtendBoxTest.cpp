@@ -443,9 +443,16 @@ TEST(ExtendBoxVersion, TheCustomerRuleShapesWhatIsPublished) {
         request[9] = 4;  // a source of 4 is nobody's
         const std::vector<char> ignored = pmtest::Message(EVENT_GET_EXTEND_VERSION, request);
         box->OnGetExtendVersion(ignored.data(), static_cast<int>(ignored.size()));
+        // A message under another id is no version request, whatever it carries.
+        constexpr uint32_t kOtherId = EVENT_GET_EXTEND_VERSION + 1;
+        f.service->Watch(EventAnswerOf(kOtherId));
+        request[9] = 1;
+        const std::vector<char> other = pmtest::Message(kOtherId, request);
+        box->OnGetExtendVersion(other.data(), static_cast<int>(other.size()));
         ASSERT_TRUE(f.service->WaitCount(answerId, 1));
         f.service->Flush();
         ASSERT_EQ(f.service->Count(answerId), 1u);
+        EXPECT_EQ(f.service->Count(EventAnswerOf(kOtherId)), 0u);
         const std::vector<uint8_t> record = f.service->Received(answerId)[0].payload;
         ASSERT_EQ(record.size(), 245u);
         EXPECT_EQ(std::string(reinterpret_cast<const char*>(record.data()) + 37), c.published);

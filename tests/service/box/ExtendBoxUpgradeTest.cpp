@@ -514,6 +514,14 @@ TEST(HubBox, FiveUnansweredThenOfflineWithItsVersionAndIoStateCleared) {
     ASSERT_TRUE(hub.service->WaitCount(EVENT_EXTEND_IO_STATE, 2));
     EXPECT_EQ(hub.service->Logs().Count("S1_EXTEND_BOX_HUB: m_stuExtendIOstatus.lState = 0x5"), 1u);
     EXPECT_EQ(pmtest::Hex(hub.service->Received(EVENT_EXTEND_IO_STATE)[1].payload), "95 00 05 00");
+    // A report of 0 is a state like any other.
+    hub.firmware.With([&](boxsim::BoxModel& m) { report = m.IoReport(0); });
+    hub.firmware.Send(report);
+    ASSERT_TRUE(hub.service->WaitCount(EVENT_EXTEND_IO_STATE, 3));
+    EXPECT_EQ(pmtest::Hex(hub.service->Received(EVENT_EXTEND_IO_STATE)[2].payload), "95 00 00 00");
+    hub.firmware.With([&](boxsim::BoxModel& m) { report = m.IoReport(5); });
+    hub.firmware.Send(report);
+    ASSERT_TRUE(hub.service->WaitCount(EVENT_EXTEND_IO_STATE, 4));
     // Asked, it answers the state without its ids; 0x25 only ends a command.
     const uint32_t answerId = EventAnswerOf(EVENT_GET_EXTEND_IO_STATE);
     hub.service->Watch(answerId);
@@ -531,10 +539,15 @@ TEST(HubBox, FiveUnansweredThenOfflineWithItsVersionAndIoStateCleared) {
         hub.box->PeripheralThreadCycle(hub.now += 200);
     }
     EXPECT_FALSE(hub.box->GetCurPeripheralStatus());
-    // Its count starts again at once, so it reads as online in between; nothing answered.
+    // Its count starts again at once, so it reads as online in between; nothing answered, and
+    // it is not reported offline again before five more keep-alives went unanswered.
+    hub.box->PeripheralThreadCycle(hub.now += 200);
+    EXPECT_TRUE(hub.box->GetCurPeripheralStatus());
     for (int i = 0; i < 50; ++i) {
         hub.box->PeripheralThreadCycle(hub.now += 200);
     }
+    ASSERT_TRUE(hub.service->Flush());
+    EXPECT_EQ(hub.service->Count(EVENT_EXTEND_IO_STATE), 1u);
     EXPECT_FALSE(hub.service->Logs().Contains("Extend box online again"));
     EXPECT_TRUE(hub.service->Logs().Contains(
         "S1_EXTEND_BOX_HUB: Timeout is too long, and set can disconnect"));

@@ -298,6 +298,9 @@ TEST_F(ManagerThreadTest, RunningPassPollsEachStateUntilAnsweredAndTheDiskEveryF
 
 // Once the disk's details have arrived, nobody asks for them again.
 TEST_F(ManagerThreadTest, NoDiskNoPoll) {
+    // Later than any time the manager's cycle has seen in this process: its timers are the
+    // program's, and a poll due must not be hidden by an earlier test's clock.
+    g_fakeClock = std::max(g_fakeClock.load(), Common::Q7R_TMGetSystemMicroSecond()) + 1000000000;
     Common::SetClockSourceForTest(FakeClock);
     service.Watch(1051, std::vector<uint8_t>(4, 0));
     service.Watch(1121, std::vector<uint8_t>(16, 0));
