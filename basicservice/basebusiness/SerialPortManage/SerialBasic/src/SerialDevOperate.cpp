@@ -34,7 +34,10 @@ std::atomic<int> g_readerTimeoutMs{1000};
 constexpr int kFailedReadRetryMs = 200;
 constexpr size_t kReadChunk = 1024;
 // The reader thread delivers bytes to their owners, whose answers it must never wait for.
-thread_local bool t_bReaderThread = false;
+// While it delivers it holds the table lock, so its owners' writes find their port without
+// another lock. Set by the reader thread alone: a delivery that another thread makes through
+// serial_cache_data writes as that thread would anywhere else.
+thread_local const CSerialDevOperate* t_pDelivering = nullptr;
 // Descriptors 0-2 are the standard streams' numbers: a tty that gets one (the host closed a
 // stream) would receive every printf, and the reader never serves descriptor 0.
 constexpr int kFirstPortFd = 3;
@@ -600,7 +603,16 @@ std::shared_ptr<CSerialPortWriter> CSerialDevOperate::WriterOf(int fd) {
 }
 
 int CSerialDevOperate::serial_write(int fd, const char* data, unsigned int length) {
-    std::shared_ptr<CSerialPortWriter> writer = WriterOf(fd);
+    const bool delivering = t_pDelivering == this;
+    std::shared_ptr<CSerialPortWriter> held;  // keeps a port closed meanwhile writable
+    CSerialPortWriter* writer = nullptr;
+    if (delivering) {
+        auto it = m_mapSerialDev.find(fd);
+        writer = it == m_mapSerialDev.end() ? nullptr : it->second->writer.get();
+    } else {
+        held = WriterOf(fd);
+        writer = held.get();
+    }
     if (writer == nullptr) {
         PM_LOG(0, kLogTag, "[WRITE] failed, serial is not open, fd = %d\n", fd);
         return -1;
@@ -610,17 +622,23 @@ int CSerialDevOperate::serial_write(int fd, const char* data, unsigned int lengt
         return -1;
     }
     long written = 0;
-    if (t_bReaderThread) {
+    if (delivering) {
         written = writer->WriteNoWait(data, length);
-        if (writer->HasQueued() && std::find(m_vecWaitingWriters.begin(), m_vecWaitingWriters.end(),
-                                             writer) == m_vecWaitingWriters.end()) {
-            m_vecWaitingWriters.push_back(writer);
+        if (writer->HasQueued()) {
+            KeepWaitingWriter(m_mapSerialDev.find(fd)->second->writer);
         }
     } else {
         written = writer->Write(data, length);
     }
     PM_LOG(3, kLogTag, "wirte data len = %d, length = %d\n", static_cast<int>(written), length);
     return written == static_cast<long>(length) ? 1 : -1;
+}
+
+void CSerialDevOperate::KeepWaitingWriter(const std::shared_ptr<CSerialPortWriter>& writer) {
+    if (std::find(m_vecWaitingWriters.begin(), m_vecWaitingWriters.end(), writer) ==
+        m_vecWaitingWriters.end()) {
+        m_vecWaitingWriters.push_back(writer);
+    }
 }
 
 bool CSerialDevOperate::serial_write_stats(int fd, SerialWriteStats& stats) {
@@ -731,7 +749,6 @@ void CSerialDevOperate::TakeReadSnapshot() {
 }
 
 void CSerialDevOperate::serial_read() {
-    t_bReaderThread = true;
     while (true) {
         {
             std::lock_guard<std::mutex> guard(m_ReaderLock);
@@ -820,7 +837,9 @@ void CSerialDevOperate::ReadOnePass() {
     char buffer[kReadChunk];
     ssize_t got = read(fd, buffer, sizeof buffer);
     int error = errno;
+    t_pDelivering = this;
     CacheDataLocked(fd, buffer, static_cast<int>(got));
+    t_pDelivering = nullptr;
     NoteReadResultLocked(fd, static_cast<int>(got), error);
 }
 

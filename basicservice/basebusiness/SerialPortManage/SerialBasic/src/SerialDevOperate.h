@@ -71,8 +71,9 @@ public:
                             SerialParityMode parity, SerialFlowControlMode flow);
     int serial_set_usb_extern_property(int fd);
     int serial_set_exar_reg(int fd, int block, int reg, int value);
-    // 1 when all of `data` went out; on the reader thread, also when its rest waits for the
-    // port (it never waits there itself). -1 otherwise: see CSerialPortWriter.
+    // 1 when all of `data` went out; from inside a delivery (the reader thread, which never
+    // waits there), also when its rest waits for the port. -1 otherwise: see
+    // CSerialPortWriter.
     int serial_write(int fd, const char* data, unsigned int length);
     // What the port's writes lost and whether it is stalled; false for a port not open.
     bool serial_write_stats(int fd, SerialWriteStats& stats);
@@ -108,6 +109,7 @@ private:
     void WakeReader();
     void WakeSelect();  // the pipe alone: callable with m_ReaderLock held
     std::shared_ptr<CSerialPortWriter> WriterOf(int fd);
+    void KeepWaitingWriter(const std::shared_ptr<CSerialPortWriter>& writer);  // reader thread
     // The reader thread's own writes that wait for room: their write descriptors join its
     // select, their deadlines its time-out.
     void AddWriteWaits(fd_set& writeSet, int& top, int& waitMs);

@@ -25,11 +25,7 @@ constexpr long long kLogPeriodMs = 1000;
 }  // namespace
 
 CSerialPortWriter::CSerialPortWriter(int readFd, const std::string& path)
-    : m_nReadFd(readFd),
-      m_nWriteFd(-1),
-      m_bOwnFd(false),
-      m_strName(path),
-      m_nSpeed(kDefaultSpeed) {
+    : m_nReadFd(readFd), m_nWriteFd(-1), m_bOwnFd(false), m_strName(path), m_nSpeed(kDefaultSpeed) {
     m_nWriteFd = open(path.c_str(), O_WRONLY | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
     if (m_nWriteFd >= 0) {
         m_bOwnFd = true;
@@ -75,8 +71,7 @@ SerialWriteStats CSerialPortWriter::Stats() const {
 }
 
 bool CSerialPortWriter::HasQueued() const {
-    std::lock_guard<std::mutex> state(m_StateLock);
-    return !m_strQueue.empty();
+    return m_nQueued.load(std::memory_order_acquire) != 0;
 }
 
 long long CSerialPortWriter::QueueDeadline() const {
@@ -129,6 +124,7 @@ void CSerialPortWriter::Cut(unsigned int lost, unsigned int length) {
     m_stats.bytesLost += lost;
     const bool first = !m_stats.stalled;
     m_stats.stalled = true;
+    m_bStalled = true;
     // The moment a port stalls is always worth a line; repeats within a second are counted.
     if (first || ShouldLogLocked()) {
         m_llLastLogMs = SteadyMs();
@@ -153,16 +149,14 @@ void CSerialPortWriter::RefuseLocked(unsigned int length, const char* why) {
 }
 
 bool CSerialPortWriter::RefuseWhileStalled(unsigned int length) {
-    {
-        std::lock_guard<std::mutex> state(m_StateLock);
-        if (!m_stats.stalled) {
-            return false;
-        }
+    if (!m_bStalled.load(std::memory_order_acquire)) {
+        return false;
     }
     const bool drained = Drained();
     std::lock_guard<std::mutex> state(m_StateLock);
     if (drained) {
         m_stats.stalled = false;
+        m_bStalled = false;
         m_bErrorLogged = false;
         PM_LOG(1, kLogTag, "[WRITE] name = %s drained, writes go out again\n", m_strName.c_str());
         return false;
@@ -172,14 +166,17 @@ bool CSerialPortWriter::RefuseWhileStalled(unsigned int length) {
 }
 
 bool CSerialPortWriter::DrainQueue(bool wait) {
+    // Only the turn's holder drains, and only the reader thread adds: an empty queue seen
+    // here may grow behind this writer's frame, never in front of it.
+    if (m_nQueued.load(std::memory_order_acquire) == 0) {
+        return true;
+    }
     std::string queue;
     long long deadline = 0;
     {
         std::lock_guard<std::mutex> state(m_StateLock);
-        if (m_strQueue.empty()) {
-            return true;
-        }
         queue.swap(m_strQueue);
+        m_nQueued = 0;
         deadline = m_llDeadline;
     }
     size_t done = 0;
@@ -206,6 +203,7 @@ bool CSerialPortWriter::DrainQueue(bool wait) {
         // Not due yet: the rest goes back in front of whatever was queued meanwhile.
         std::lock_guard<std::mutex> state(m_StateLock);
         m_strQueue.insert(0, queue, done, std::string::npos);
+        m_nQueued = m_strQueue.size();
         return false;
     }
     Cut(static_cast<unsigned int>(queue.size() - done), static_cast<unsigned int>(queue.size()));
@@ -225,6 +223,7 @@ long CSerialPortWriter::Enqueue(const char* rest, unsigned int length, unsigned 
     }
     const bool wasEmpty = m_strQueue.empty();
     m_strQueue.append(rest, length);
+    m_nQueued = m_strQueue.size();
     const long long due =
         SteadyMs() + BudgetMs(static_cast<unsigned int>(m_strQueue.size()), m_nSpeed);
     m_llDeadline = wasEmpty ? due : std::max(m_llDeadline, due);

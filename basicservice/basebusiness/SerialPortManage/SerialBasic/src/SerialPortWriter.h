@@ -74,7 +74,7 @@ private:
     long Enqueue(const char* rest, unsigned int length, unsigned int sent);
     void Cut(unsigned int lost, unsigned int length);
     void RefuseLocked(unsigned int length, const char* why);  // m_StateLock held
-    bool ShouldLogLocked();  // one line a second at most
+    bool ShouldLogLocked();                                   // one line a second at most
 
     const int m_nReadFd;
     int m_nWriteFd;
@@ -87,6 +87,10 @@ private:
     // that waits.
     mutable std::mutex m_StateLock;
     std::string m_strQueue;  // bytes the reader thread accepted, in order
+    // Mirrors of the stall and of the queue's size, written under m_StateLock: a write on a
+    // port that is neither stalled nor queued for takes no lock but its turn.
+    std::atomic<bool> m_bStalled{false};
+    std::atomic<size_t> m_nQueued{0};
     long long m_llDeadline = 0;
     SerialWriteStats m_stats{};
     long long m_llLastLogMs = 0;
