@@ -36,6 +36,11 @@ namespace detail {
 extern std::atomic<int> g_logGate;
 }  // namespace detail
 
+// A tool's own message (pm-host's), as it is, on standard error whatever PM_LOG_FILE says: no
+// prefix, no level, but the log's promise: it never blocks, and a message the output cannot
+// take is lost and counted.
+void LogOutputPrintf(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
+
 int GetLogLevel();
 void SetLogLevel(int level);
 

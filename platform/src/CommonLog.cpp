@@ -3,6 +3,8 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <poll.h>
+#include <pthread.h>
+#include <signal.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -43,7 +45,11 @@ struct LogState {
     int fd = -1;  // where records go, chosen on first use; never blocks
     bool outputChosen = false;
     bool lookBeforeWrite = false;  // an output that could not be made non-blocking
-    uint64_t lost = 0;             // records not written since the last one that was
+    // Standard error for the tools' own messages (LogOutputPrintf), whatever PM_LOG_FILE says.
+    int errFd = -1;
+    bool errLookBeforeWrite = false;
+    uint64_t errLost = 0;
+    uint64_t lost = 0;  // records not written since the last one that was
 };
 
 // Never destroyed: threads may log at exit. Opens the inline gate once the level is known.
@@ -80,7 +86,7 @@ std::string Format(const char* fmt, va_list ap) {
 // Standard error as an output that never blocks. A regular file does not; a pipe, FIFO or
 // terminal gets a description of its own opened non-blocking, so that the shared one (and the
 // other programs writing to it) stay as they are; anything else is looked at before each write.
-int NonBlockingStderr(LogState& s) {
+int NonBlockingStderr(bool& lookBeforeWrite) {
     struct stat info;
     if (fstat(STDERR_FILENO, &info) != 0 || S_ISREG(info.st_mode)) {
         return STDERR_FILENO;
@@ -91,7 +97,7 @@ int NonBlockingStderr(LogState& s) {
             return fd;
         }
     }
-    s.lookBeforeWrite = true;
+    lookBeforeWrite = true;
     return STDERR_FILENO;
 }
 
@@ -108,7 +114,7 @@ int Output(LogState& s) {
             }
         }
         if (s.fd < 0) {
-            s.fd = NonBlockingStderr(s);
+            s.fd = NonBlockingStderr(s.lookBeforeWrite);
         }
     }
     return s.fd;
@@ -117,9 +123,32 @@ int Output(LogState& s) {
 // False when the output cannot take the whole record now (a full pipe nobody reads): the record
 // is lost rather than the caller held. Records up to PIPE_BUF bytes go into a pipe whole or not
 // at all.
-bool WriteAll(LogState& s, const std::string& bytes) {
-    int fd = Output(s);
-    if (s.lookBeforeWrite) {
+// A write to a pipe whose reader is gone raises SIGPIPE, which ends a program that did not
+// ignore it: the signal is held back for this thread during the write and the one the write
+// raised is taken out again, so that logging never depends on the host for that.
+ssize_t WriteWithoutSigpipe(int fd, const char* data, size_t size) {
+    sigset_t pipe;
+    sigset_t old;
+    sigemptyset(&pipe);
+    sigaddset(&pipe, SIGPIPE);
+    pthread_sigmask(SIG_BLOCK, &pipe, &old);
+    sigset_t pending;
+    sigpending(&pending);
+    const bool wasPending = sigismember(&pending, SIGPIPE) == 1;
+    const ssize_t n = write(fd, data, size);
+    const int error = errno;
+    if (n < 0 && error == EPIPE && !wasPending) {
+        const struct timespec zero = {0, 0};
+        while (sigtimedwait(&pipe, nullptr, &zero) < 0 && errno == EINTR) {
+        }
+    }
+    pthread_sigmask(SIG_SETMASK, &old, nullptr);
+    errno = error;
+    return n;
+}
+
+bool WriteTo(int fd, bool lookBeforeWrite, const std::string& bytes) {
+    if (lookBeforeWrite) {
         struct pollfd ready = {fd, POLLOUT, 0};
         if (poll(&ready, 1, 0) != 1 || (ready.revents & POLLOUT) == 0) {
             return false;
@@ -127,7 +156,7 @@ bool WriteAll(LogState& s, const std::string& bytes) {
     }
     size_t done = 0;
     while (done < bytes.size()) {
-        ssize_t n = write(fd, bytes.data() + done, bytes.size() - done);
+        ssize_t n = WriteWithoutSigpipe(fd, bytes.data() + done, bytes.size() - done);
         if (n < 0 && errno == EINTR) {
             continue;
         }
@@ -137,6 +166,11 @@ bool WriteAll(LogState& s, const std::string& bytes) {
         done += static_cast<size_t>(n);
     }
     return true;
+}
+
+bool WriteAll(LogState& s, const std::string& bytes) {
+    const int fd = Output(s);
+    return WriteTo(fd, s.lookBeforeWrite, bytes);
 }
 
 std::string Prefix(int level) {
@@ -194,6 +228,34 @@ void gclDebugPrintf(int level, const char* file, const char* func, int line, con
     }
     if (capture && s.sink) {
         s.sink(LogRecord{level, file, func, line, std::move(text)});
+    }
+}
+
+void LogOutputPrintf(const char* fmt, ...) {
+    if (fmt == nullptr) {
+        return;
+    }
+    LogState& s = State();
+    va_list ap;
+    va_start(ap, fmt);
+    std::string text = Format(fmt, ap);
+    va_end(ap);
+    std::lock_guard<std::mutex> guard(s.lock);
+    if (s.errFd < 0) {
+        s.errFd = NonBlockingStderr(s.errLookBeforeWrite);
+    }
+    if (s.errLost > 0) {
+        char note[96];
+        snprintf(note, sizeof note, "log: %llu lines lost, the output did not take them\n",
+                 static_cast<unsigned long long>(s.errLost));
+        if (!WriteTo(s.errFd, s.errLookBeforeWrite, note)) {
+            ++s.errLost;
+            return;
+        }
+        s.errLost = 0;
+    }
+    if (!WriteTo(s.errFd, s.errLookBeforeWrite, text)) {
+        ++s.errLost;
     }
 }
 

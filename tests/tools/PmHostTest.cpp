@@ -98,6 +98,31 @@ TEST_F(PmHostTest, OutlivesAClosedStandardOutput) {
     ExpectCleanStop(host);
 }
 
+// With its standard error a pipe that nobody reads and that is full, pm-host still starts
+// the service and honours SIGTERM: its own lines go out as the log's do, or are lost.
+TEST_F(PmHostTest, AStandardErrorNobodyReadsHoldsNothing) {
+    pmtest::PrivateBus bus;
+    int err[2];
+    ASSERT_EQ(pipe2(err, O_CLOEXEC), 0);
+    const int filler = fcntl(err[1], F_DUPFD_CLOEXEC, 3);
+    fcntl(filler, F_SETFL, O_NONBLOCK);
+    const std::string block(4096, 'f');
+    while (write(filler, block.data(), block.size()) > 0) {
+    }
+    close(filler);
+    ToolProcess host("pm-host", {"--service", TestService()}, -1, err[1]);
+    close(err[1]);
+    ASSERT_TRUE(pmtest::WaitUntil(
+        [&] {
+            return RunTool("pm-bus", {"call", "7001", "01 02", "--timeout", "1"}).status == 0;
+        },
+        std::chrono::seconds(10)));
+    host.Signal(SIGTERM);
+    EXPECT_EQ(host.WaitExit(std::chrono::seconds(10)), 0);
+    EXPECT_EQ(ReadFile(m_dir.File("marker")), "destroyed\n");
+    close(err[0]);
+}
+
 // A service that ends the process from Create (no configuration) leaves no broker files that
 // would look like a running bus to the next program.
 TEST_F(PmHostTest, AServiceThatExitsLeavesNoBrokerFilesBehind) {

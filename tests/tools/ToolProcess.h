@@ -33,6 +33,7 @@ public:
     // Exit status, or 128 + signal number when killed by a signal; nullopt on time-out.
     std::optional<int> WaitExit(std::chrono::milliseconds timeout = std::chrono::seconds(10));
     void Signal(int sig);
+    pid_t Pid() const { return m_pid; }
     std::string Out() const { return ReadFile(m_dir.File("out")); }
     std::string Err() const { return ReadFile(m_dir.File("err")); }
     bool WaitOut(const std::string& needle) const;

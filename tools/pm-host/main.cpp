@@ -14,6 +14,7 @@
 #include <string>
 #include <thread>
 
+#include "CommonLog.h"
 #include "EventNames.h"
 #include "MsgBroker.h"
 #include "MsgClientManage.h"
@@ -51,8 +52,9 @@ int ParseOptions(int argc, char** argv, Options& options) {
         }
         bool takesValue = arg == "--service" || arg == "--workdir";
         if (!takesValue || i + 1 >= argc || argv[i + 1][0] == '\0') {
-            fprintf(stderr, "pm-host: %s %s\n%s",
-                    takesValue ? "missing value for" : "unknown argument", arg.c_str(), kUsage);
+            Common::LogOutputPrintf("pm-host: %s %s\n%s",
+                                    takesValue ? "missing value for" : "unknown argument",
+                                    arg.c_str(), kUsage);
             return 2;
         }
         (arg == "--service" ? options.service : options.workdir) = argv[++i];
@@ -88,7 +90,8 @@ long long WatchdogPeriodMs() {
         return kDefaultWatchdogMs;
     }
     if (!pmtools::ParseNumber(text, 24ULL * 3600 * 1000, value) || value == 0) {
-        fprintf(stderr, "pm-host: ignoring PM_HOST_WATCHDOG_MS=%s (want milliseconds > 0)\n", text);
+        Common::LogOutputPrintf(
+            "pm-host: ignoring PM_HOST_WATCHDOG_MS=%s (want milliseconds > 0)\n", text);
         return kDefaultWatchdogMs;
     }
     return static_cast<long long>(value);
@@ -104,17 +107,17 @@ bool EnsureBroker(Common::CMsgBroker& broker) {
     int rc = broker.Start();
     const Common::BusEndpoints& ends = broker.Endpoints();
     if (rc == 0) {
-        fprintf(stderr, "pm-host: started a broker at %s and %s\n", ends.in.c_str(),
-                ends.out.c_str());
+        Common::LogOutputPrintf("pm-host: started a broker at %s and %s\n", ends.in.c_str(),
+                                ends.out.c_str());
         return true;
     }
     if (rc == 1) {
-        fprintf(stderr, "pm-host: using the broker already running at %s and %s\n", ends.in.c_str(),
-                ends.out.c_str());
+        Common::LogOutputPrintf("pm-host: using the broker already running at %s and %s\n",
+                                ends.in.c_str(), ends.out.c_str());
         return true;
     }
-    fprintf(stderr, "pm-host: cannot start a broker at %s and %s\n", ends.in.c_str(),
-            ends.out.c_str());
+    Common::LogOutputPrintf("pm-host: cannot start a broker at %s and %s\n", ends.in.c_str(),
+                            ends.out.c_str());
     return false;
 }
 
@@ -123,20 +126,20 @@ bool EnsureBroker(Common::CMsgBroker& broker) {
 CServiceBase* LoadService(const std::string& path) {
     void* library = dlopen(path.c_str(), RTLD_NOW | RTLD_GLOBAL);
     if (library == nullptr) {
-        fprintf(stderr, "pm-host: cannot load service %s: %s\n", path.c_str(), dlerror());
+        Common::LogOutputPrintf("pm-host: cannot load service %s: %s\n", path.c_str(), dlerror());
         return nullptr;
     }
     dlerror();
     auto create = reinterpret_cast<ServiceCreateFn>(dlsym(library, "Create"));
     if (create == nullptr) {
         const char* why = dlerror();
-        fprintf(stderr, "pm-host: service %s has no entry Create: %s\n", path.c_str(),
-                why != nullptr ? why : "null symbol");
+        Common::LogOutputPrintf("pm-host: service %s has no entry Create: %s\n", path.c_str(),
+                                why != nullptr ? why : "null symbol");
         return nullptr;
     }
     CServiceBase* service = create();
     if (service == nullptr) {
-        fprintf(stderr, "pm-host: Create of %s returned no service\n", path.c_str());
+        Common::LogOutputPrintf("pm-host: Create of %s returned no service\n", path.c_str());
     }
     return service;
 }
@@ -163,7 +166,7 @@ public:
             while (!m_stop.load()) {
                 m_client.MSGWaitForEvent(pumpMs);
                 for (const std::string& warning : m_tracker.Check(NowMs())) {
-                    fprintf(stderr, "%s\n", warning.c_str());
+                    Common::LogOutputPrintf("%s\n", warning.c_str());
                 }
             }
         });
@@ -187,12 +190,12 @@ private:
         long long clock = 0;
         if (!pmtools::CWatchdogTracker::ParseFeed(reinterpret_cast<const uint8_t*>(data) + 16,
                                                   static_cast<size_t>(len) - 16, name, clock)) {
-            fprintf(stderr, "pm-host: watchdog: ignoring a feed of %d bytes\n", len);
+            Common::LogOutputPrintf("pm-host: watchdog: ignoring a feed of %d bytes\n", len);
             return 0;
         }
         std::string notice = m_tracker.Feed(name, NowMs());
         if (!notice.empty()) {
-            fprintf(stderr, "%s\n", notice.c_str());
+            Common::LogOutputPrintf("%s\n", notice.c_str());
         }
         return 0;
     }
@@ -210,7 +213,8 @@ int Run(const Options& options) {
         options.service.empty() ? folder + "/../lib/libBasicService.so" : Absolute(options.service);
     std::string workdir = options.workdir.empty() ? folder : options.workdir;
     if (chdir(workdir.c_str()) != 0) {
-        fprintf(stderr, "pm-host: cannot change to %s: %s\n", workdir.c_str(), strerror(errno));
+        Common::LogOutputPrintf("pm-host: cannot change to %s: %s\n", workdir.c_str(),
+                                strerror(errno));
         return 1;
     }
     Common::CMsgBroker broker;
@@ -223,14 +227,15 @@ int Run(const Options& options) {
         return 1;
     }
     watch.Restart();
-    fprintf(stderr, "pm-host: service %s running in %s\n", service.c_str(), workdir.c_str());
+    Common::LogOutputPrintf("pm-host: service %s running in %s\n", service.c_str(),
+                            workdir.c_str());
     watch.Run();
     const int sig = pmtools::WaitStopSignal();
-    fprintf(stderr, "pm-host: %s received, stopping the service\n",
-            sig == SIGINT ? "SIGINT" : "SIGTERM");
+    Common::LogOutputPrintf("pm-host: %s received, stopping the service\n",
+                            sig == SIGINT ? "SIGINT" : "SIGTERM");
     running.reset();
     watch.Stop();
-    fprintf(stderr, "pm-host: service stopped\n");
+    Common::LogOutputPrintf("pm-host: service stopped\n");
     return 0;
 }
 

@@ -1,5 +1,6 @@
 // The serial device layer: its pure conversions, then the layer on real pseudo-terminals.
 #include <fcntl.h>
+#include <signal.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/ioctl.h>
@@ -19,6 +20,7 @@
 
 #include "Pty.h"
 #include "SerialBase.h"
+#include "ConsoleOutput.h"
 #include "SerialDevOperate.h"
 #include "SerialPortWriter.h"
 #include "ServiceHarness.h"
@@ -476,6 +478,74 @@ TEST_F(SerialDevOperateTest, TheReaderNeverWaitsOnAPortThatStalled) {
         EXPECT_EQ(got.substr(at, size), NumberedFrame(number, size)) << number;
         last = number;
     }
+}
+
+// ---- what the service prints ----
+
+// Standard output pointed at `fd` for the object's life, then back.
+class StdoutTo {
+public:
+    explicit StdoutTo(int fd) : m_saved(dup(STDOUT_FILENO)) {
+        fflush(stdout);
+        dup2(fd, STDOUT_FILENO);
+    }
+    ~StdoutTo() {
+        fflush(stdout);
+        dup2(m_saved, STDOUT_FILENO);
+        close(m_saved);
+    }
+
+private:
+    int m_saved;
+};
+
+// At the traffic levels the reader thread prints a hex dump of every delivery, under the
+// port table's lock: an output nobody reads must cost lines, never the reader.
+TEST_F(SerialDevOperateTest, AStalledStandardOutputNeverHoldsTheReader) {
+    int out[2];
+    ASSERT_EQ(pipe2(out, O_CLOEXEC), 0);
+    const int filler = fcntl(out[1], F_DUPFD_CLOEXEC, 3);
+    fcntl(filler, F_SETFL, O_NONBLOCK);
+    const std::string block(4096, 'f');
+    while (write(filler, block.data(), block.size()) > 0) {
+    }
+    close(filler);
+    StdoutTo stalled(out[1]);
+    service.Manager().m_nDebugLevel = 3;
+    Pty dumped, other;
+    OpenRaw(dumped, 1);
+    OpenRaw(other, 2);
+    ASSERT_EQ(layer->serial_init(), 0);
+    const uint64_t lostBefore = ConsoleLostLines();
+    for (int i = 0; i < 20; ++i) {
+        ASSERT_TRUE(dumped.Send("dump me " + std::to_string(i)));
+        ASSERT_TRUE(other.Send("x"));
+        ASSERT_TRUE(WaitUntil([&] { return journal.BytesOf(2).size() == size_t(i) + 1; })) << i;
+    }
+    EXPECT_GE(ConsoleLostLines(), lostBefore + 20) << "every dump counted as lost";
+    service.Manager().m_nDebugLevel = 1;
+    close(out[0]);
+    close(out[1]);
+}
+
+// A closed output raises SIGPIPE on every write: the service's own prints must not end a host
+// that left the signal at its default.
+TEST(ConsoleOutput, AClosedOutputDoesNotEndTheProcess) {
+    EXPECT_EXIT(
+        {
+            signal(SIGPIPE, SIG_DFL);
+            int out[2];
+            if (pipe(out) != 0) {
+                _exit(2);
+            }
+            close(out[0]);
+            dup2(out[1], STDOUT_FILENO);
+            const uint64_t before = ConsoleLostLines();
+            ConsolePrintf("printed into a closed pipe %d\n", 1);
+            ConsoleWrite("and again\n");
+            _exit(ConsoleLostLines() == before + 2 ? 0 : 3);
+        },
+        ::testing::ExitedWithCode(0), "");
 }
 
 // A tty must never sit on a standard stream's number: it would take every printf, and the

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include "CommonLog.h"
+#include "ConsoleOutput.h"
 #include "CommonThread.h"
 #include "PeripheralManage.h"
 #include "SerialBase.h"
@@ -132,7 +133,7 @@ void* CMainChipSerialOpt::SerialOpenThreadEntry(void* arg) {
     }
     CMainChipSerialOpt* link = static_cast<CMainChipSerialOpt*>(arg);
     link->m_bOpenThreadActive.store(true);
-    printf("MainChip_Opt: SerialOpenThreadEntry pid = %d\n", static_cast<int>(getpid()));
+    ConsolePrintf("MainChip_Opt: SerialOpenThreadEntry pid = %d\n", static_cast<int>(getpid()));
     link->SerialOpenThreadBody();
     // Last touch of the link: its destructor may free it from here on.
     link->m_bOpenThreadActive.store(false);

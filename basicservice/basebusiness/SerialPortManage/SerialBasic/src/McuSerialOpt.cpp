@@ -8,6 +8,7 @@
 
 #include "BusMessage.h"
 #include "CommonLog.h"
+#include "ConsoleOutput.h"
 #include "PeripheralManage.h"
 #include "SerialBase.h"
 #include "PeripheralEvents.h"
@@ -50,7 +51,7 @@ int CMcuSerialOpt::SerialMessageRegister() {
         return -1;
     }
     int msgId = static_cast<int>(m_pSerialBase->GetMsgId());
-    printf("SerialMessageRegister, msgId = %d\n", msgId);
+    ConsolePrintf("SerialMessageRegister, msgId = %d\n", msgId);
     return m_pSerialBase->GetMsgClient()->MSGEventRegister(msgId, EVENT_MCU_SERIAL_RECV, this,
                                                            &CMcuSerialOpt::OnReceiveDataFromSerial);
 }

@@ -17,6 +17,7 @@
 #include "BusMessage.h"
 #include "MutexGuard.h"
 #include "CommonLog.h"
+#include "ConsoleOutput.h"
 #include "CommonTime.h"
 #include "GuiToolkit.h"
 #include "PeripheralBase.h"
@@ -311,10 +312,11 @@ const PortFamily kEthernetFamily = {PERIPHERAL_TYPE_ETHERNET,
 // Entry and lifecycle
 
 extern "C" CServiceBase* Create() {
-    printf("\n========================================================\n");
-    printf("  PeripheralManage Built time:%s %s\n", __DATE__, __TIME__);
-    printf("========================================================\n");
-    fflush(stdout);
+    ConsolePrintf(
+        "\n========================================================\n"
+        "  PeripheralManage Built time:%s %s\n"
+        "========================================================\n",
+        __DATE__, __TIME__);
     CPeripheralManage* manage = new CPeripheralManage();
     manage->Initialize();
     return manage;
@@ -1286,48 +1288,55 @@ int CPeripheralManage::PrintPeripheralParam(ePeripheralType type, void* record) 
     if (record == nullptr) {
         return -1;
     }
+    // One write for the whole record: it goes out whole or is counted as lost.
+    std::string out;
+    auto line = [&out](const char* fmt, auto... args) {
+        char text[160];
+        snprintf(text, sizeof text, fmt, args...);
+        out += text;
+    };
     switch (type) {
         case PERIPHERAL_TYPE_SERIAL: {
             const auto* setting = static_cast<const paramSerialSetting_t*>(record);
-            puts("######### SERIAL PARAM#############");
+            out += "######### SERIAL PARAM#############\n";
             for (unsigned int i = 0; i < SERIAL_PORT_COUNT; ++i) {
                 const SerialPortEntry_t& port = setting->port[i];
-                printf("index = %d, mainFun = %d, subFun = %d, baudrate = %d\n", i, port.mainFun,
-                       port.subFun, port.baudrate);
+                line("index = %d, mainFun = %d, subFun = %d, baudrate = %d\n", i, port.mainFun,
+                     port.subFun, port.baudrate);
                 if (!IsExtendBoxMainId(port.mainFun)) {
                     continue;
                 }
                 for (unsigned int k = 0; k < SERIAL_EXTEND_PORT_COUNT; ++k) {
-                    printf("    extend: %d, mainFun = %d, subFun = %d, baudrate = %d\n", k,
-                           port.extend[k].mainFun, port.extend[k].subFun, port.extend[k].baudrate);
+                    line("    extend: %d, mainFun = %d, subFun = %d, baudrate = %d\n", k,
+                         port.extend[k].mainFun, port.extend[k].subFun, port.extend[k].baudrate);
                 }
             }
             break;
         }
         case PERIPHERAL_TYPE_CANPORT: {
             const auto* setting = static_cast<const paramCanSetting_t*>(record);
-            puts("######### CAN_PORT PARAM#############");
+            out += "######### CAN_PORT PARAM#############\n";
             for (unsigned int i = 0; i < CAN_PORT_COUNT; ++i) {
-                printf("index = %d, mainFun = %d, subFun = %d, baudrate = %d\n", i,
-                       setting->port[i].mainFun, setting->port[i].subFun,
-                       setting->port[i].baudrate);
+                line("index = %d, mainFun = %d, subFun = %d, baudrate = %d\n", i,
+                     setting->port[i].mainFun, setting->port[i].subFun, setting->port[i].baudrate);
             }
             break;
         }
         case PERIPHERAL_TYPE_ETHERNET: {
             const auto* bytes = static_cast<const uint8_t*>(record);
-            puts("######### ETHERNET_PORT PARAM#############");
+            out += "######### ETHERNET_PORT PARAM#############\n";
             for (unsigned int i = 0; i < ETHERNET_ENTRY_COUNT; ++i) {
                 const uint8_t* entry = bytes + i * sizeof(EthernetEntry_t);
                 const unsigned int port = entry[20] | (entry[21] << 8);
                 // The address need not be terminated within its 16 bytes.
-                printf("index = %d, mainFun = %d, subFun = %d, ip = %.16s, port = %d\n", i,
-                       entry[0], entry[1], reinterpret_cast<const char*>(entry + 4), port);
+                line("index = %d, mainFun = %d, subFun = %d, ip = %.16s, port = %d\n", i, entry[0],
+                     entry[1], reinterpret_cast<const char*>(entry + 4), port);
             }
             break;
         }
     }
-    puts("############ END ######################");
+    out += "############ END ######################\n";
+    ConsoleWrite(out);
     return 0;
 }
 
@@ -1673,12 +1682,19 @@ void CPeripheralManage::hex_dump(std::string title, const char* data, unsigned i
     if (data == nullptr) {
         length = 0;
     }
-    printf("%s", title.c_str());
+    static const char kHex[] = "0123456789ABCDEF";
+    std::string out = title;
+    out.reserve(title.size() + length * 6 + 8);
     for (unsigned int i = 0; i < length; ++i) {
         if (i % 16 == 0) {
-            printf("\n%02X: ", i);
+            char head[16];
+            snprintf(head, sizeof head, "\n%02X: ", i);
+            out += head;
         }
-        printf("%02X ", static_cast<uint8_t>(data[i]));
+        const auto byte = static_cast<uint8_t>(data[i]);
+        out += kHex[byte >> 4];
+        out += kHex[byte & 0x0F];
+        out += ' ';
         if (i % 16 != 15) {
             continue;
         }
@@ -1686,14 +1702,13 @@ void CPeripheralManage::hex_dump(std::string title, const char* data, unsigned i
         const unsigned int row = i & 0xF0;
         for (unsigned int j = 0; j < 16; ++j) {
             const unsigned char c = static_cast<unsigned char>(data[row + j]);
-            if (isprint(c)) {
-                printf("%c ", c);
-            } else {
-                printf(". ");
-            }
+            out += isprint(c) ? static_cast<char>(c) : '.';
+            out += ' ';
         }
     }
-    puts("\n");
+    out += "\n\n";
+    // One write, never waited for: this runs on the reader thread under the port table's lock.
+    ConsoleWrite(out);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -1970,6 +1985,8 @@ int CPeripheralManage::OnGetUDiskInfo(const char* data, int length) {
     }
     lseek(fd, 1, SEEK_SET);  // the file's first byte is not part of the text
     const ssize_t got = read(fd, file, kTestFileReadSize);
+    PM_LOG(1, kLogTag, "Auto test file opened, path = %s, read = %d\n", path,
+           static_cast<int>(got));
     if (got == 0) {
         PM_LOG(0, "", "****mbeko,test, Read buf file fail,length = %d\n", static_cast<int>(got));
     }

@@ -18,6 +18,7 @@
 #include <json/json.h>
 
 #include "CommonLog.h"
+#include "ConsoleOutput.h"
 #include "CommonThread.h"
 #include "BusMessage.h"
 #include "MutexGuard.h"
@@ -560,10 +561,10 @@ int CSerialDevOperate::serial_set_usb_extern_property(int fd) {
         chipType = it->second->owner->GetMainChipType();
         portId = it->second->portId;
     }
-    printf("----------- %d \n", chipType);
+    ConsolePrintf("----------- %d \n", chipType);
     const bool usbSerial = (chipType == 2);
     if (ProductGroup(specInfo) == "QOR") {
-        printf("######## %d  \n", chipType);
+        ConsolePrintf("######## %d  \n", chipType);
         if (usbSerial && portId == 0) {
             serial_set_exar_reg(fd, portId, 3, 0);
             WriteExarSequence(*this, fd, portId, 0);
