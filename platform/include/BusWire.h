@@ -14,6 +14,9 @@ namespace Common {
 constexpr size_t kMsgHeadSize = 16;
 constexpr uint32_t kMsgLengthMask = 0x7FFFFF;
 constexpr uint32_t kMsgMaxPayload = kMsgLengthMask;  // what the 23-bit length can carry
+// The largest message the bus carries: every socket refuses a larger one before it allocates
+// it (ZMQ_MAXMSGSIZE), so that a broken or hostile sender cannot make a receiver allocate more.
+constexpr int64_t kMsgMaxSize = static_cast<int64_t>(kMsgHeadSize + kMsgMaxPayload);
 constexpr uint32_t kMsgNeedAnswerFlag = 1u << 23;
 constexpr uint32_t kMsgIsAnswerFlag = 1u << 24;
 constexpr uint32_t kMsgAnswerBit = 0x8000;  // answer id = request id | this

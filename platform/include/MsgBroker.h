@@ -18,7 +18,9 @@ struct BusEndpoints {
 BusEndpoints BusEndpointsFromEnv();
 bool ParseBusAddress(const std::string& value, BusEndpoints& out);
 
-// Runs a broker on a thread of its own (XSUB at "in", XPUB at "out", joined by zmq_proxy).
+// Runs a broker on a thread of its own (XSUB at "in", XPUB at "out", joined by its proxy
+// loop). A subscriber whose queue at the broker is full misses messages: each such message is
+// counted and logged ("a subscriber's queue is full"); the other subscribers still get it.
 class CMsgBroker {
 public:
     explicit CMsgBroker(BusEndpoints endpoints = BusEndpointsFromEnv());
@@ -28,6 +30,11 @@ public:
     // endpoints (nothing started); -1 on failure (logged).
     int Start();
     void Stop();
+    // Messages the broker keeps for one subscriber that does not read (default 131,072);
+    // takes effect at the next Start().
+    void SetSubscriberQueueLimit(int messages);
+    // Messages that at least one subscriber missed for a full queue, since Start().
+    unsigned long long UndeliveredCount() const;
     bool IsRunning() const;
     const BusEndpoints& Endpoints() const;
 

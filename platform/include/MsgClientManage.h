@@ -80,9 +80,11 @@ public:
     int MSGWaitForEvent(unsigned int ms);
 
     // Test hook (fuzzers): runs the handlers of `eventId` on a message of `len` bytes as if it
-    // had been received, zero padding included, on the calling thread, without the bus. Not
-    // while another thread waits in MSGWaitForEvent. Returns the number of handlers run.
-    int MSGDispatchForTest(int eventId, const char* data, int len);
+    // had been received, zero padding included, on the calling thread, without the bus. With
+    // `exact`, the handlers get `data` itself, without the padding, so that a read past the
+    // message shows. Not while another thread waits in MSGWaitForEvent. Returns the number of
+    // handlers run.
+    int MSGDispatchForTest(int eventId, const char* data, int len, bool exact = false);
 
     // Remembers `now`; at most once a second publishes kMsgWatchdogEvent with the client's name
     // (32 bytes, NUL-padded) and `now` (int64, little-endian).

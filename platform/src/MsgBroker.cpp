@@ -14,10 +14,12 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <mutex>
 #include <set>
 #include <thread>
 
+#include "BusWire.h"
 #include "CommonLog.h"
 
 namespace Common {
@@ -175,6 +177,13 @@ struct CMsgBroker::Impl {
     int BindIpc(void* socket, const std::string& endpoint);
     void Cleanup();
     void Run();
+    // Moves what the publishers sent to the subscribers, at most a batch; false when the
+    // context ends.
+    bool ForwardMessages(zmq_msg_t& msg);
+    bool ForwardSubscriptions(zmq_msg_t& msg);
+    // One message that some subscriber's full queue cannot take: the others get it, and the
+    // loss is counted and logged.
+    int SendPastAFullQueue(zmq_msg_t& msg, int flags);
 
     BusEndpoints endpoints;
     std::mutex life;  // serialises Start and Stop
@@ -186,6 +195,11 @@ struct CMsgBroker::Impl {
     int lockFd = -1;
     bool boundIn = false;
     bool boundOut = false;
+    int subscriberLimit = kSubscriberHighWaterMark;
+    // Messages that at least one subscriber did not get because its queue was full.
+    std::atomic<uint64_t> undelivered{0};
+    uint64_t undeliveredLogged = 0;
+    std::chrono::steady_clock::time_point lastUndeliveredLog{};
 };
 
 // An exclusive flock held for the broker's life marks the endpoints as served: a ZeroMQ ipc
@@ -301,6 +315,8 @@ void CMsgBroker::Impl::Cleanup() {
 }
 
 int CMsgBroker::Impl::StartLocked() {
+    undelivered = 0;
+    undeliveredLogged = 0;
     if (endpoints.in.empty() || endpoints.out.empty()) {
         PM_LOG(0, kLogTag, "no bus address to serve\n");
         return -1;
@@ -332,10 +348,12 @@ int CMsgBroker::Impl::StartLocked() {
     xsub = zmq_socket(ctx, ZMQ_XSUB);
     xpub = zmq_socket(ctx, ZMQ_XPUB);
     int input = kInputHighWaterMark;
-    int perSubscriber = kSubscriberHighWaterMark;
+    int perSubscriber = subscriberLimit;
     int linger = 0;
     if (xsub == nullptr || xpub == nullptr ||
         zmq_setsockopt(xsub, ZMQ_RCVHWM, &input, sizeof input) != 0 ||
+        zmq_setsockopt(xsub, ZMQ_MAXMSGSIZE, &kMsgMaxSize, sizeof kMsgMaxSize) != 0 ||
+        zmq_setsockopt(xpub, ZMQ_MAXMSGSIZE, &kMsgMaxSize, sizeof kMsgMaxSize) != 0 ||
         zmq_setsockopt(xpub, ZMQ_SNDHWM, &perSubscriber, sizeof perSubscriber) != 0 ||
         zmq_setsockopt(xsub, ZMQ_LINGER, &linger, sizeof linger) != 0 ||
         zmq_setsockopt(xpub, ZMQ_LINGER, &linger, sizeof linger) != 0) {
@@ -376,13 +394,84 @@ int CMsgBroker::Impl::StartLocked() {
     return 0;
 }
 
+// The proxy's loop, ended when Stop() shuts the context down. The subscribers' side refuses
+// (ZMQ_XPUB_NODROP) instead of dropping in silence when a subscriber's queue is full: the
+// broker then counts the message and sends it on for the others.
 void CMsgBroker::Impl::Run() {
-    // Returns when Stop() shuts the context down.
-    if (zmq_proxy(xsub, xpub, nullptr) != 0 && zmq_errno() != ETERM) {
-        PM_LOG(0, kLogTag, "proxy ended: %s\n", zmq_strerror(zmq_errno()));
+    const int noDrop = 1;
+    zmq_setsockopt(xpub, ZMQ_XPUB_NODROP, &noDrop, sizeof noDrop);
+    zmq_msg_t msg;
+    zmq_msg_init(&msg);
+    zmq_pollitem_t items[] = {{xsub, 0, ZMQ_POLLIN, 0}, {xpub, 0, ZMQ_POLLIN, 0}};
+    for (;;) {
+        if (zmq_poll(items, 2, -1) < 0) {
+            if (zmq_errno() == EINTR) {
+                continue;
+            }
+            if (zmq_errno() != ETERM) {
+                PM_LOG(0, kLogTag, "proxy ended: %s\n", zmq_strerror(zmq_errno()));
+            }
+            break;
+        }
+        if (((items[0].revents & ZMQ_POLLIN) != 0 && !ForwardMessages(msg)) ||
+            ((items[1].revents & ZMQ_POLLIN) != 0 && !ForwardSubscriptions(msg))) {
+            break;
+        }
     }
+    zmq_msg_close(&msg);
     CloseSocket(xsub);
     CloseSocket(xpub);
+}
+
+bool CMsgBroker::Impl::ForwardMessages(zmq_msg_t& msg) {
+    constexpr int kBatch = 1024;  // then the subscriptions get their turn
+    for (int n = 0; n < kBatch; ++n) {
+        if (zmq_msg_recv(&msg, xsub, ZMQ_DONTWAIT) < 0) {
+            return zmq_errno() != ETERM;
+        }
+        const int flags = zmq_msg_more(&msg) ? ZMQ_SNDMORE : 0;
+        int rc = zmq_msg_send(&msg, xpub, ZMQ_DONTWAIT | flags);
+        if (rc < 0 && zmq_errno() == EAGAIN) {
+            rc = SendPastAFullQueue(msg, flags);
+        }
+        if (rc < 0 && zmq_errno() == ETERM) {
+            return false;
+        }
+    }
+    return true;
+}
+
+int CMsgBroker::Impl::SendPastAFullQueue(zmq_msg_t& msg, int flags) {
+    const uint32_t eventId = zmq_msg_size(&msg) >= 4 ? GetLe32(zmq_msg_data(&msg)) : 0;
+    ++undelivered;
+    const auto now = std::chrono::steady_clock::now();
+    if (undeliveredLogged == 0 || now - lastUndeliveredLog >= std::chrono::seconds(1)) {
+        PM_LOG(0, kLogTag,
+               "a subscriber's queue is full (%d messages): event %u not delivered to it, %llu "
+               "messages missed by a slow subscriber so far\n",
+               subscriberLimit, eventId, static_cast<unsigned long long>(undelivered.load()));
+        undeliveredLogged = undelivered;
+        lastUndeliveredLog = now;
+    }
+    int lossy = 0;
+    zmq_setsockopt(xpub, ZMQ_XPUB_NODROP, &lossy, sizeof lossy);
+    const int rc = zmq_msg_send(&msg, xpub, ZMQ_DONTWAIT | flags);
+    const int noDrop = 1;
+    zmq_setsockopt(xpub, ZMQ_XPUB_NODROP, &noDrop, sizeof noDrop);
+    return rc;
+}
+
+// Subscriptions and their cancellations travel upstream, as ZeroMQ's proxy would send them.
+bool CMsgBroker::Impl::ForwardSubscriptions(zmq_msg_t& msg) {
+    for (;;) {
+        if (zmq_msg_recv(&msg, xpub, ZMQ_DONTWAIT) < 0) {
+            return zmq_errno() != ETERM;
+        }
+        const int flags = zmq_msg_more(&msg) ? ZMQ_SNDMORE : 0;
+        if (zmq_msg_send(&msg, xsub, flags) < 0 && zmq_errno() == ETERM) {
+            return false;
+        }
+    }
 }
 
 void CMsgBroker::Impl::StopLocked() {
@@ -419,6 +508,15 @@ int CMsgBroker::Start() {
 void CMsgBroker::Stop() {
     std::lock_guard<std::mutex> guard(m_pImpl->life);
     m_pImpl->StopLocked();
+}
+
+void CMsgBroker::SetSubscriberQueueLimit(int messages) {
+    std::lock_guard<std::mutex> guard(m_pImpl->life);
+    m_pImpl->subscriberLimit = messages;
+}
+
+unsigned long long CMsgBroker::UndeliveredCount() const {
+    return m_pImpl->undelivered.load();
 }
 
 bool CMsgBroker::IsRunning() const {

@@ -13,7 +13,10 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <deque>
+#include <list>
 #include <mutex>
+#include <string>
 #include <thread>
 #include <unordered_map>
 #include <vector>
@@ -46,9 +49,9 @@ constexpr std::chrono::seconds kRefusalLogInterval(1);
 // Buffers above this are released after dispatch, so that one burst does not pin memory.
 constexpr size_t kKeepBufferBytes = 4u << 20;
 // Received messages waiting for dispatch (a burst of 100,000 small messages fits). Past either
-// limit the oldest are dropped: every message the recorder sends is either a whole state or
-// setting, which a newer one of the same kind replaces, or a request that its sender repeats;
-// the newest are the ones worth keeping.
+// limit the oldest message of the event that has the most queued is dropped: a flood of one
+// kind (CAN frames) must not push out a one-off setting of another, and an event's newest
+// message, which supersedes what came before, is never the one dropped.
 constexpr size_t kMaxQueuedMessages = 131072;
 constexpr size_t kMaxQueuedBytes = 64u << 20;
 // ZeroMQ's own queue in front of ours, which every wait drains; it fills only when a sender
@@ -124,6 +127,19 @@ struct Frame {
     size_t size;
 };
 
+struct Queued {
+    uint32_t eventId;
+    std::string bytes;  // the whole message, head first
+};
+
+// One event's messages in the receive queue, oldest first, and what was dropped of it.
+struct QueuedEvent {
+    std::deque<std::list<Queued>::iterator> items;
+    uint64_t dropped = 0;
+    uint64_t droppedLogged = 0;
+    Clock::time_point lastLog{};
+};
+
 struct Registration {
     int ownId;
     uint64_t serial;
@@ -167,9 +183,11 @@ struct CMsgClientManage::Impl {
     void PollSocket(Clock::time_point deadline);
     void DrainLocked();
     void Classify(const char* data, size_t size, bool more);
-    size_t QueuedLocked() const { return inFrames.size() - inHead; }
+    size_t QueuedLocked() const { return inQueue.size(); }
     void QueueLocked(const char* data, size_t size);
-    void CompactLocked();
+    // Drops the oldest message of the event with the most queued; false when every event
+    // queued has only its newest.
+    bool DropOneLocked();
     void TakeBatchLocked();
 
     int Register(int ownId, uint32_t eventId, HandlerFn fn);
@@ -216,12 +234,10 @@ struct CMsgClientManage::Impl {
     bool settled = false;
     zmq_msg_t rxMsg;
     bool skipMore = false;
-    std::vector<char> inBytes;
-    std::vector<Frame> inFrames;  // from inHead on: not yet taken for dispatch, oldest first
-    size_t inHead = 0;
-    uint64_t dropped = 0;  // oldest messages dropped for room, ever
-    uint64_t droppedLogged = 0;
-    Clock::time_point lastDropLog{};
+    std::list<Queued> inQueue;  // not yet taken for dispatch, oldest first
+    std::unordered_map<uint32_t, QueuedEvent> inByEvent;
+    size_t inQueuedBytes = 0;
+    bool overLimitLogged = false;
     uint64_t nextRound = 1;
     uint64_t appliedUpTo = 0;
     std::vector<uint64_t> openRounds;
@@ -300,6 +316,7 @@ void CMsgClientManage::Impl::Open() {
              zmq_setsockopt(pub, ZMQ_XPUB_NODROP, &noDrop, sizeof noDrop) == 0 &&
              zmq_setsockopt(pub, ZMQ_LINGER, &pubLinger, sizeof pubLinger) == 0 &&
              zmq_setsockopt(sub, ZMQ_RCVHWM, &subHwm, sizeof subHwm) == 0 &&
+             zmq_setsockopt(sub, ZMQ_MAXMSGSIZE, &kMsgMaxSize, sizeof kMsgMaxSize) == 0 &&
              zmq_setsockopt(sub, ZMQ_LINGER, &subLinger, sizeof subLinger) == 0 &&
              zmq_getsockopt(sub, ZMQ_FD, &subFd, &fdSize) == 0;
     }
@@ -600,67 +617,73 @@ void CMsgClientManage::Impl::Classify(const char* data, size_t size, bool more) 
 }
 
 void CMsgClientManage::Impl::QueueLocked(const char* data, size_t size) {
-    while (QueuedLocked() > 0 &&
-           (QueuedLocked() >= kMaxQueuedMessages ||
-            inBytes.size() - inFrames[inHead].offset + size > kMaxQueuedBytes)) {
-        ++inHead;
-        ++dropped;
-    }
-    if (dropped > droppedLogged) {
-        Clock::time_point now = Clock::now();
-        if (droppedLogged == 0 || now - lastDropLog >= kDropLogInterval) {
-            PM_LOG(0, kLogTag,
-                   "%s: receive queue full (%zu messages or %zu bytes): dropped the "
-                   "oldest, %llu dropped so far\n",
-                   tag, kMaxQueuedMessages, kMaxQueuedBytes,
-                   static_cast<unsigned long long>(dropped));
-            droppedLogged = dropped;
-            lastDropLog = now;
+    while (!inQueue.empty() &&
+           (inQueue.size() >= kMaxQueuedMessages || inQueuedBytes + size > kMaxQueuedBytes)) {
+        if (!DropOneLocked()) {
+            // Only newest messages left: they stay, and the queue holds one more per event
+            // until the dispatch takes some.
+            if (!overLimitLogged) {
+                overLimitLogged = true;
+                PM_LOG(0, kLogTag,
+                       "%s: receive queue full (%zu messages or %zu bytes) of events that each "
+                       "have only their newest queued: none dropped\n",
+                       tag, kMaxQueuedMessages, kMaxQueuedBytes);
+            }
+            break;
         }
     }
-    CompactLocked();
-    inFrames.push_back(Frame{inBytes.size(), size});
-    inBytes.insert(inBytes.end(), data, data + size);
+    const uint32_t eventId = GetLe32(data);
+    inQueue.push_back(Queued{eventId, std::string(data, size)});
+    inByEvent[eventId].items.push_back(std::prev(inQueue.end()));
+    inQueuedBytes += size;
 }
 
-// Forgets the frames before inHead once they are at least half of the queue: amortised, a
-// message is moved a bounded number of times.
-void CMsgClientManage::Impl::CompactLocked() {
-    if (inHead == inFrames.size()) {
-        inFrames.clear();
-        inBytes.clear();
-        inHead = 0;
-        return;
+bool CMsgClientManage::Impl::DropOneLocked() {
+    auto most = inByEvent.end();
+    for (auto it = inByEvent.begin(); it != inByEvent.end(); ++it) {
+        if (most == inByEvent.end() || it->second.items.size() > most->second.items.size()) {
+            most = it;
+        }
     }
-    if (inHead < 64 || inHead * 2 < inFrames.size()) {
-        return;
+    if (most == inByEvent.end() || most->second.items.size() < 2) {
+        return false;
     }
-    const size_t base = inFrames[inHead].offset;
-    inBytes.erase(inBytes.begin(), inBytes.begin() + static_cast<std::ptrdiff_t>(base));
-    inFrames.erase(inFrames.begin(), inFrames.begin() + static_cast<std::ptrdiff_t>(inHead));
-    for (Frame& f : inFrames) {
-        f.offset -= base;
+    QueuedEvent& event = most->second;
+    const std::list<Queued>::iterator oldest = event.items.front();
+    event.items.pop_front();
+    inQueuedBytes -= oldest->bytes.size();
+    inQueue.erase(oldest);
+    ++event.dropped;
+    const Clock::time_point now = Clock::now();
+    if (event.droppedLogged == 0 || now - event.lastLog >= kDropLogInterval) {
+        PM_LOG(0, kLogTag,
+               "%s: receive queue full (%zu messages or %zu bytes): dropped the oldest of "
+               "event %u (%zu of it queued), %llu of it dropped so far\n",
+               tag, kMaxQueuedMessages, kMaxQueuedBytes, most->first, event.items.size(),
+               static_cast<unsigned long long>(event.dropped));
+        event.droppedLogged = event.dropped;
+        event.lastLog = now;
     }
-    inHead = 0;
+    return true;
 }
 
 // Moves the oldest queued messages, at most kDispatchBatch, to the dispatch buffers.
 void CMsgClientManage::Impl::TakeBatchLocked() {
-    const size_t count = std::min(QueuedLocked(), kDispatchBatch);
-    if (count == 0) {
-        return;
+    for (size_t taken = 0; taken < kDispatchBatch && !inQueue.empty(); ++taken) {
+        Queued& q = inQueue.front();
+        dispFrames.push_back(Frame{dispBytes.size(), q.bytes.size()});
+        dispBytes.insert(dispBytes.end(), q.bytes.begin(), q.bytes.end());
+        auto event = inByEvent.find(q.eventId);
+        event->second.items.pop_front();
+        if (event->second.items.empty() && event->second.dropped == 0) {
+            inByEvent.erase(event);
+        }
+        inQueuedBytes -= q.bytes.size();
+        inQueue.pop_front();
     }
-    const size_t first = inFrames[inHead].offset;
-    const Frame& last = inFrames[inHead + count - 1];
-    const size_t end = last.offset + last.size;
-    dispBytes.assign(inBytes.begin() + static_cast<std::ptrdiff_t>(first),
-                     inBytes.begin() + static_cast<std::ptrdiff_t>(end));
-    for (size_t i = 0; i < count; ++i) {
-        const Frame& f = inFrames[inHead + i];
-        dispFrames.push_back(Frame{f.offset - first, f.size});
+    if (inQueue.empty()) {
+        overLimitLogged = false;
     }
-    inHead += count;
-    CompactLocked();
 }
 
 // ---- registrations -------------------------------------------------------------------------
@@ -892,11 +915,14 @@ int CMsgClientManage::MSGWaitForEvent(unsigned int ms) {
     return m_pImpl->Wait(ms);
 }
 
-int CMsgClientManage::MSGDispatchForTest(int eventId, const char* data, int len) {
+int CMsgClientManage::MSGDispatchForTest(int eventId, const char* data, int len, bool exact) {
     Impl& d = *m_pImpl;
     std::unique_lock<std::mutex> waiting(d.waitLock, std::try_to_lock);
     if (!waiting.owns_lock() || len < 0 || (len > 0 && data == nullptr)) {
         return 0;
+    }
+    if (exact) {
+        return d.CallHandlers(static_cast<uint32_t>(eventId), data, len);
     }
     char* buf = d.PrepareHandlerBuffer(len > 0 ? data : "", static_cast<size_t>(len));
     return d.CallHandlers(static_cast<uint32_t>(eventId), buf, len);

@@ -1,5 +1,6 @@
 // The message bus: addresses, the broker, the client, and requests between processes.
 #include <gtest/gtest.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -15,6 +16,7 @@
 #include <set>
 #include <thread>
 
+#include "BusWire.h"
 #include "MsgBroker.h"
 #include "MsgClientManage.h"
 #include "TestSupport.h"
@@ -516,8 +518,10 @@ TEST_F(BusClient, AFloodNeitherTrapsTheWaitingLoopNorGrowsMemoryWithoutBound) {
     EXPECT_LT(peak - before, 600L * 1024) << "KiB";
 }
 
-// What does not fit the receive queue goes oldest first, counted: the newest arrive.
-TEST_F(BusClient, AFullReceiveQueueDropsTheOldest) {
+// What does not fit the receive queue goes oldest first, from the event that has the most
+// queued, counted: the newest arrive, and a one-off of another event in the middle of the
+// flood (a setting the recorder does not repeat) is kept.
+TEST_F(BusClient, AFullReceiveQueueDropsTheOldestOfTheFlood) {
     CMsgClientManage sender("burst", 300000);
     CMsgClientManage receiver("behind", 300000);
     pmtest::LogCapture log;
@@ -531,23 +535,123 @@ TEST_F(BusClient, AFullReceiveQueueDropsTheOldest) {
         }
         return 0;
     });
+    Msgs oneOff;
+    receiver.RegisterHandler(1, kMarker, Into(oneOff));
     // 100,000 messages of 1000 bytes: more than the queue's 64 MiB, fewer than ZeroMQ holds.
     constexpr uint32_t kCount = 100000;
     std::string payload(1000, 'b');
     for (uint32_t i = 0; i < kCount; ++i) {
         memcpy(&payload[0], &i, sizeof i);
         ASSERT_EQ(Send(sender, kEvent, payload), 0);
+        if (i == 5000) {
+            ASSERT_EQ(Send(sender, kMarker, "once"), 0);
+        }
     }
     ASSERT_TRUE(PumpUntil(
         receiver, [&] { return !seen.empty() && seen.back() == kCount - 1; },
         std::chrono::seconds(60)));
     EXPECT_TRUE(
         log.Contains("MSG_CLIENT: behind: receive queue full (131072 messages or "
-                     "67108864 bytes): dropped the oldest, "));
+                     "67108864 bytes): dropped the oldest of event 3001 ("));
+    EXPECT_FALSE(log.Contains("of event 3002"));
+    ASSERT_EQ(oneOff.size(), 1u) << "the one-off setting survives the flood";
+    EXPECT_EQ(oneOff[0].substr(16), "once");
     EXPECT_EQ(seen.front(), 0u);
     EXPECT_LT(seen.size(), kCount);
     EXPECT_TRUE(std::is_sorted(seen.begin(), seen.end()));
     EXPECT_EQ(std::adjacent_find(seen.begin(), seen.end()), seen.end()) << "none twice";
+}
+
+// A message larger than the bus's largest is refused by the broker from its size alone: it
+// is never taken in (the broker drops the connection that sent it), and the bus goes on.
+TEST_F(BusClient, AnOversizedMessageIsRefusedBeforeItIsTakenIn) {
+    CMsgClientManage receiver("receiver", 300000);
+    Msgs inbox;
+    receiver.RegisterHandler(1, kEvent, Into(inbox));
+    void* ctx = zmq_ctx_new();
+    void* raw = zmq_socket(ctx, ZMQ_PUB);
+    ASSERT_EQ(zmq_socket_monitor(raw, "inproc://raw-monitor", ZMQ_EVENT_DISCONNECTED), 0);
+    void* monitor = zmq_socket(ctx, ZMQ_PAIR);
+    ASSERT_EQ(zmq_connect(monitor, "inproc://raw-monitor"), 0);
+    ASSERT_EQ(zmq_connect(raw, Common::BusEndpointsFromEnv().in.c_str()), 0);
+    // 256 MiB of never-written pages: sending them costs the sender no memory, taking them in
+    // would cost the broker all of it.
+    const size_t kHuge = 256u << 20;
+    void* zeros = mmap(nullptr, kHuge, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    ASSERT_NE(zeros, MAP_FAILED);
+    ASSERT_TRUE(PumpUntil(receiver, [&] {  // the connection is up once a message goes through
+        zmq_send(raw, "\xB9\x0B\x00\x00", 4, ZMQ_DONTWAIT);
+        return Send(receiver, kEvent, "small") == 0 && !inbox.empty();
+    }));
+    const long before = RssKiB();
+    zmq_msg_t msg;
+    ASSERT_EQ(zmq_msg_init_data(&msg, zeros, kHuge, nullptr, nullptr), 0);
+    ASSERT_GE(zmq_msg_send(&msg, raw, 0), 0);
+    long peak = before;
+    bool refused = false;
+    ASSERT_TRUE(pmtest::WaitUntil(
+        [&] {
+            peak = std::max(peak, RssKiB());
+            zmq_pollitem_t item = {monitor, 0, ZMQ_POLLIN, 0};
+            refused = zmq_poll(&item, 1, 10) == 1;
+            return refused || peak - before > 128L * 1024;
+        },
+        std::chrono::seconds(30)));
+    EXPECT_TRUE(refused) << "the broker took " << (peak - before) << " KiB in";
+    EXPECT_LT(peak - before, 64L * 1024) << "KiB";
+    inbox.clear();
+    ASSERT_TRUE(PumpUntil(receiver,
+                          [&] { return Send(receiver, kEvent, "after") == 0 && !inbox.empty(); }));
+    munmap(zeros, kHuge);
+    zmq_close(monitor);
+    zmq_close(raw);
+    zmq_ctx_term(ctx);
+}
+
+// A subscriber that stops reading fills its queue at the broker: the messages it misses are
+// counted and logged there, and a subscriber that reads gets every one.
+TEST(Broker, ASlowSubscriberMissesMessagesCountedTheOthersGetThemAll) {
+    pmtest::TempDir dir;
+    pmtest::ScopedEnv env("RECORDER_BUS", dir.File("bus"));
+    pmtest::LogCapture log;
+    CMsgBroker broker;
+    broker.SetSubscriberQueueLimit(100);
+    ASSERT_EQ(broker.Start(), 0);
+    void* ctx = zmq_ctx_new();
+    void* stalled = zmq_socket(ctx, ZMQ_SUB);
+    int small = 10;
+    zmq_setsockopt(stalled, ZMQ_RCVHWM, &small, sizeof small);
+    zmq_setsockopt(stalled, ZMQ_SUBSCRIBE, "", 0);
+    ASSERT_EQ(zmq_connect(stalled, broker.Endpoints().out.c_str()), 0);
+    CMsgClientManage sender("sender", 300000);
+    CMsgClientManage reader("reader", 300000);
+    std::atomic<uint32_t> got{0};
+    reader.RegisterHandler(1, kEvent, [&](const char*, int) {
+        ++got;
+        return 0;
+    });
+    constexpr uint32_t kCount = 3000;
+    const std::string payload(4000, 'x');  // more than the kernel's buffers hold
+    std::atomic<bool> stop{false};
+    std::thread pump([&] {
+        while (!stop) {
+            reader.MSGWaitForEvent(10);
+        }
+    });
+    // In steps the reader keeps up with: only the stalled subscriber falls behind.
+    for (uint32_t i = 0; i < kCount; ++i) {
+        ASSERT_EQ(Send(sender, kEvent, payload), 0);
+        if (i % 20 == 19) {
+            ASSERT_TRUE(pmtest::WaitUntil([&] { return got == i + 1; })) << got;
+        }
+    }
+    stop = true;
+    pump.join();
+    EXPECT_GT(broker.UndeliveredCount(), 0u);
+    EXPECT_TRUE(
+        log.Contains("MSG_BROKER: a subscriber's queue is full (100 messages): event 3001"));
+    zmq_close(stalled);
+    zmq_ctx_term(ctx);
 }
 
 TEST_F(BusClient, WatchdogIsPublishedAtMostOncePerSecond) {
