@@ -1,8 +1,11 @@
 #include "UpgradeFile.h"
 
+#include <errno.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cstring>
-#include <fstream>
-#include <iterator>
 
 #include "BusWire.h"
 
@@ -56,7 +59,7 @@ bool InspectUpgradeFile(const std::vector<uint8_t>& file, UpgradeFileInfo& info,
         info.version.assign(text, strnlen(text, 60));
     }
     const uint64_t imageAt = kUpgradeHeadSize + uint64_t(kUpgradeEntrySize) * info.entries;
-    if (info.entries == 0 || imageAt + info.imageLength > file.size()) {
+    if (imageAt + info.imageLength > file.size()) {
         error = "the head claims " + std::to_string(info.entries) + " entries and an image of " +
                 std::to_string(info.imageLength) + " bytes, the file has " +
                 std::to_string(file.size());
@@ -81,12 +84,68 @@ std::vector<uint8_t> UpgradeFileRecord(const std::string& name, const std::vecto
     return record;
 }
 
-bool ReadWholeFile(const std::string& path, std::vector<uint8_t>& out) {
-    std::ifstream in(path, std::ios::binary);
-    if (!in) {
+bool ReadWholeFile(const std::string& path, std::vector<uint8_t>& out, size_t limit,
+                   std::string& error) {
+    // Not blocking: a FIFO without a writer must not hold the tool in open().
+    const int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    if (fd < 0) {
+        error = strerror(errno);
         return false;
     }
-    out.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    struct stat info;
+    if (fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) {
+        error = S_ISDIR(info.st_mode) ? "it is a folder" : "it is not a regular file";
+        close(fd);
+        return false;
+    }
+    if (static_cast<uint64_t>(info.st_size) > limit) {
+        error = "it has " + std::to_string(info.st_size) + " bytes, more than the " +
+                std::to_string(limit) + " that one bus message can carry";
+        close(fd);
+        return false;
+    }
+    out.resize(static_cast<size_t>(info.st_size));
+    size_t done = 0;
+    while (done < out.size()) {
+        const ssize_t n = read(fd, out.data() + done, out.size() - done);
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n <= 0) {
+            error = n < 0 ? strerror(errno) : "it became shorter while it was read";
+            close(fd);
+            return false;
+        }
+        done += static_cast<size_t>(n);
+    }
+    close(fd);
+    return true;
+}
+
+bool WriteWholeFile(const std::string& path, const std::vector<uint8_t>& bytes,
+                    std::string& error) {
+    const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOCTTY | O_CLOEXEC, 0644);
+    if (fd < 0) {
+        error = strerror(errno);
+        return false;
+    }
+    size_t done = 0;
+    while (done < bytes.size()) {
+        const ssize_t n = write(fd, bytes.data() + done, bytes.size() - done);
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n <= 0) {
+            error = n < 0 ? strerror(errno) : "nothing was written";
+            close(fd);
+            return false;
+        }
+        done += static_cast<size_t>(n);
+    }
+    if (close(fd) != 0) {
+        error = strerror(errno);
+        return false;
+    }
     return true;
 }
 

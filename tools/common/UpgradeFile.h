@@ -39,7 +39,17 @@ bool InspectUpgradeFile(const std::vector<uint8_t>& file, UpgradeFileInfo& info,
 // record of a file that was not found (state 0, length 0).
 std::vector<uint8_t> UpgradeFileRecord(const std::string& name, const std::vector<uint8_t>& file);
 
-bool ReadWholeFile(const std::string& path, std::vector<uint8_t>& out);
+// The largest upgrade file: the record that carries it (the head above, then the file) must
+// fit one bus message.
+constexpr size_t kMaxUpgradeFileSize = 0x7FFFFF - kUpgradeRecordHeadSize;
+
+// Reads a regular file of at most `limit` bytes; false with the reason (a folder, a FIFO or
+// device, which are refused without waiting on them, a file above the limit, a read error).
+bool ReadWholeFile(const std::string& path, std::vector<uint8_t>& out, size_t limit,
+                   std::string& error);
+// Writes `bytes` to `path` (replaced if it exists); false with the reason when not all of it
+// could be written and closed.
+bool WriteWholeFile(const std::string& path, const std::vector<uint8_t>& bytes, std::string& error);
 
 }  // namespace pmtools
 

@@ -62,10 +62,6 @@ Frame Answer(uint8_t device, uint8_t cmd, const std::vector<uint8_t>& payload) {
 
 void Decoder::Feed(const uint8_t* data, size_t length) {
     m_pending.insert(m_pending.end(), data, data + length);
-    if (m_pending.size() > 4 * kMaxFrame) {  // a start mark that never ends
-        m_pending.clear();
-        ++m_dropped;
-    }
 }
 
 bool Decoder::Next(Frame& out) {
@@ -81,13 +77,19 @@ bool Decoder::Next(Frame& out) {
             }
         }
         if (end == m_pending.size()) {
-            if (start == m_pending.size()) {
+            // No complete frame: what lies before the last start mark can never become one,
+            // nor can a start mark followed by more than a frame's worth without an end.
+            if (start == m_pending.size() || m_pending.size() - start > 2 * kMaxFrame) {
+                m_droppedBytes += m_pending.size();
+                m_dropped += start == m_pending.size() ? 0 : 1;
                 m_pending.clear();
             } else {
+                m_droppedBytes += start;
                 m_pending.erase(m_pending.begin(), m_pending.begin() + static_cast<long>(start));
             }
             return false;
         }
+        m_droppedBytes += start;  // bytes before the frame's start mark
         std::vector<uint8_t> plain(end - start + 1);
         int state = SERIAL_UNSTUFF_START;
         const int n = serial_retransfrom_7e7f(m_pending.data() + start, plain.data(),
@@ -223,7 +225,11 @@ void BoxModel::Upgrade(const Frame& in, Output& out) {
         }
         std::vector<uint8_t> answer;
         PutBe32(answer, line);
-        const bool good = line == m_nextLine && line != static_cast<uint32_t>(faults.failLine);
+        // A line past the length START announced is refused, as the firmware's flash
+        // would have no room for it.
+        const bool fits = m_image.size() + (payload.size() - 4) <= m_imageLength;
+        const bool good =
+            line == m_nextLine && fits && line != static_cast<uint32_t>(faults.failLine);
         if (good) {
             m_image.insert(m_image.end(), payload.begin() + 4, payload.end());
             m_lineSizes.push_back(payload.size() - 4);
@@ -237,6 +243,7 @@ void BoxModel::Upgrade(const Frame& in, Output& out) {
                       Be32(payload.data() + 3) == ImageCrc(m_image);
     if (good) {
         m_done = m_image;
+        ++m_upgrades;
         if (!m_options.newVersion.empty()) {
             m_options.version = m_options.newVersion;
         }

@@ -37,11 +37,15 @@ public:
     void Feed(const uint8_t* data, size_t length);
     // The next frame that unstuffs and checks; false when none is complete.
     bool Next(Frame& out);
+    // Frames (and runs of bytes that never became one) thrown away, and every byte of them
+    // and of the garbage between frames.
     size_t Dropped() const { return m_dropped; }
+    size_t DroppedBytes() const { return m_droppedBytes; }
 
 private:
     std::vector<uint8_t> m_pending;
     size_t m_dropped = 0;
+    size_t m_droppedBytes = 0;
 };
 
 // What a box answers and does; faults are switched by the tool's commands or by a test.
@@ -89,6 +93,8 @@ public:
     const std::map<int, std::vector<uint8_t>>& Settings() const { return m_settings; }
     // The image of the last upgrade that ended with a matching check value.
     const std::vector<uint8_t>& UpgradedImage() const { return m_done; }
+    // Upgrades that ended with a matching check value, since the model was made.
+    int Upgrades() const { return m_upgrades; }
     int Commands(uint8_t cmd) const;
     // Image bytes of each upgrade line taken, in order, since the last START.
     const std::vector<size_t>& LineSizes() const { return m_lineSizes; }
@@ -106,6 +112,7 @@ private:
     std::vector<size_t> m_lineSizes;
     uint32_t m_imageLength = 0;
     uint32_t m_nextLine = 1;
+    int m_upgrades = 0;
 };
 
 // The firmware's image check: reflected CRC-32 register, start 0, no inversion.

@@ -10,8 +10,10 @@
 #include <stdlib.h>
 #include <string.h>
 #include <termios.h>
+#include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <fstream>
 #include <sstream>
 #include <string>
@@ -144,11 +146,12 @@ int OpenPty(std::string& path) {
     }
     close(slave);  // the master keeps the pair; the other side opens the path
     path = name;
+    fcntl(master, F_SETFL, fcntl(master, F_GETFL) | O_NONBLOCK);  // see WriteAll
     return master;
 }
 
 int OpenTty(const std::string& path) {
-    int fd = open(path.c_str(), O_RDWR | O_NOCTTY);
+    int fd = open(path.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK);
     struct termios raw;
     if (fd >= 0 && tcgetattr(fd, &raw) == 0) {
         cfmakeraw(&raw);
@@ -157,17 +160,36 @@ int OpenTty(const std::string& path) {
     return fd;
 }
 
-void WriteAll(int fd, const std::vector<uint8_t>& bytes) {
+constexpr long long kHangUpRestMs = 200;
+constexpr int kLineWriteWaitMs = 1000;
+
+long long NowMs() {
+    struct timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<long long>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+}
+
+// Writes what the other side takes within `waitMs`; the rest is lost, as on a wire whose
+// receiver stopped. Never holds the box for longer: its control commands must get through.
+void WriteAll(int fd, const std::vector<uint8_t>& bytes, int waitMs) {
+    const long long until = NowMs() + waitMs;
     size_t done = 0;
     while (done < bytes.size()) {
         const ssize_t n = write(fd, bytes.data() + done, bytes.size() - done);
+        if (n > 0) {
+            done += static_cast<size_t>(n);
+            continue;
+        }
         if (n < 0 && errno == EINTR) {
             continue;
         }
-        if (n <= 0) {
-            return;  // nobody reads the other side: the bytes are lost, as on a wire
+        const long long left = until - NowMs();
+        if (n < 0 && errno == EAGAIN && left > 0) {
+            struct pollfd room = {fd, POLLOUT, 0};
+            poll(&room, 1, static_cast<int>(left));
+            continue;
         }
-        done += static_cast<size_t>(n);
+        return;
     }
 }
 
@@ -203,28 +225,44 @@ public:
         return true;
     }
 
+    // A pseudo-terminal whose other side nobody holds open reports a hang-up at once, every
+    // time it is polled: such a one is left out of the poll and looked at again a little
+    // later, so that a box nobody talks to sleeps.
     int Run() {
+        std::vector<int> lines = {m_line};
+        lines.insert(lines.end(), m_sub.begin(), m_sub.end());
+        std::vector<long long> restUntil(lines.size(), 0);
         while (!m_quit) {
-            std::vector<pollfd> fds = {{m_line, POLLIN, 0},
-                                       {m_stdinOpen ? STDIN_FILENO : -1, POLLIN, 0}};
-            for (int fd : m_sub) {
-                fds.push_back({fd, POLLIN, 0});
+            const long long now = NowMs();
+            std::vector<pollfd> fds = {{m_stdinOpen ? STDIN_FILENO : -1, POLLIN, 0}};
+            int timeout = -1;
+            for (size_t i = 0; i < lines.size(); ++i) {
+                const bool resting = restUntil[i] > now;
+                fds.push_back({resting ? -1 : lines[i], POLLIN, 0});
+                if (resting) {
+                    const int left = static_cast<int>(restUntil[i] - now);
+                    timeout = timeout < 0 ? left : std::min(timeout, left);
+                }
             }
-            if (poll(fds.data(), fds.size(), -1) < 0) {
+            if (poll(fds.data(), fds.size(), timeout) < 0) {
                 if (errno == EINTR) {
                     continue;
                 }
                 return 1;
             }
-            if (fds[0].revents & POLLIN) {
-                FromLine();
-            }
-            if (fds[1].revents & (POLLIN | POLLHUP)) {
+            if (fds[0].revents & (POLLIN | POLLHUP)) {
                 FromControl();
             }
-            for (size_t i = 0; i < m_sub.size(); ++i) {
-                if (fds[i + 2].revents & POLLIN) {
-                    FromSubPort(static_cast<int>(i) + 1, m_sub[i]);
+            for (size_t i = 0; i < lines.size(); ++i) {
+                const short events = fds[i + 1].revents;
+                if (events & POLLIN) {
+                    if (i == 0) {
+                        FromLine();
+                    } else {
+                        FromSubPort(static_cast<int>(i), lines[i]);
+                    }
+                } else if (events & (POLLHUP | POLLERR)) {
+                    restUntil[i] = NowMs() + kHangUpRestMs;
                 }
             }
         }
@@ -236,8 +274,7 @@ private:
         uint8_t buffer[4096];
         const ssize_t n = read(m_line, buffer, sizeof(buffer));
         if (n <= 0) {
-            usleep(20000);  // the recorder's side is not open yet
-            return;
+            return;  // the recorder's side closed the line meanwhile: polled again later
         }
         m_decoder.Feed(buffer, static_cast<size_t>(n));
         boxsim::Frame frame;
@@ -252,7 +289,7 @@ private:
             }
             for (const auto& [id, bytes] : out.toSub) {
                 if (id >= 1 && id <= static_cast<int>(m_sub.size())) {
-                    WriteAll(m_sub[static_cast<size_t>(id - 1)], bytes);
+                    WriteAll(m_sub[static_cast<size_t>(id - 1)], bytes, 0);
                 }
             }
         }
@@ -269,7 +306,7 @@ private:
 
     void Send(const boxsim::Frame& frame) {
         Trace("->", frame);
-        WriteAll(m_line, boxsim::Encode(frame));
+        WriteAll(m_line, boxsim::Encode(frame), kLineWriteWaitMs);
     }
 
     void Trace(const char* way, const boxsim::Frame& frame) {
@@ -281,10 +318,10 @@ private:
 
     void SaveImage() {
         const std::vector<uint8_t>& image = m_model.UpgradedImage();
-        if (image.empty() || image.size() == m_saved || m_args.imageOut.empty()) {
+        if (m_model.Upgrades() == m_saved || m_args.imageOut.empty()) {
             return;
         }
-        m_saved = image.size();
+        m_saved = m_model.Upgrades();
         std::ofstream(m_args.imageOut, std::ios::binary)
             .write(reinterpret_cast<const char*>(image.data()),
                    static_cast<std::streamsize>(image.size()));
@@ -355,7 +392,7 @@ private:
     std::vector<int> m_sub;
     std::string m_control;
     int m_lateMs = 0;
-    size_t m_saved = 0;
+    int m_saved = 0;  // upgrades whose image was written
     bool m_quit = false;
     bool m_stdinOpen = true;
 };

@@ -1,6 +1,9 @@
 // pm-upgrade: asks the service to upgrade an extension box (6704) and follows its states
-// (6707): a progress bar on a terminal, plain lines otherwise.
-//   exit 0: state 10 (finished); 4-9: the state that ended it; 3: no state in time; 2: usage
+// (6707): a progress bar on a terminal, plain lines otherwise. First it asks the box's version
+// (6711): no answer means no box of these ids; an answer without a version means the service
+// is still reading it (after an upgrade it always does), and pm-upgrade waits for it.
+//   exit 0: state 10 (finished); 4-9: the state that ended it; 1: a state it does not know;
+//   2: usage or an unusable --file; 3: no box answered, or no state in time
 #include <unistd.h>
 
 #include <chrono>
@@ -30,15 +33,18 @@ struct Args {
 };
 
 int Usage() {
-    fprintf(stderr,
-            "usage: pm-upgrade [--hub] [--box MAIN:SUB] [--source N] [--file FILE] "
-            "[--timeout S]\n"
-            "  --hub          the hub box (149:0, device 0x19) instead of the box (1:0)\n"
-            "  --box M:S      another box's ids\n"
-            "  --source N     the upgrade source, 0-2 (default 0)\n"
-            "  --file FILE    the upgrade file the recorder will hand over: shows bytes too\n"
-            "  --timeout S    give up after S seconds without a state (default 30)\n"
-            "exit status: 0 finished, 4-9 the state that ended it, 3 no answer in time\n");
+    fprintf(
+        stderr,
+        "usage: pm-upgrade [--hub] [--box MAIN:SUB] [--source N] [--file FILE] "
+        "[--timeout S]\n"
+        "  --hub          the hub box (149:0, device 0x19) instead of the box (1:0)\n"
+        "  --box M:S      another box's ids\n"
+        "  --source N     the upgrade source, 0-2 (default 0; the service refuses 3 and above)\n"
+        "  --file FILE    the upgrade file the recorder will hand over: checked first, and\n"
+        "                 the bytes sent are estimated from the percentage\n"
+        "  --timeout S    give up after S seconds without a state (default 30)\n"
+        "exit status: 0 finished, 4-9 the state that ended it, 1 a state it does not know,\n"
+        "2 usage or an unusable --file, 3 no box answered for the ids or no state in time\n");
     return 2;
 }
 
@@ -79,7 +85,13 @@ bool ParseArgs(int argc, char** argv, Args& a) {
             }
             ++i;
         } else if (arg == "--source" && value != nullptr) {
-            a.source = static_cast<unsigned>(atoi(value));
+            char* end = nullptr;
+            const unsigned long source = strtoul(value, &end, 10);
+            if (*value == '\0' || *end != '\0' || source > 255) {
+                fprintf(stderr, "pm-upgrade: --source takes a number, 0-2: %s\n", value);
+                return false;
+            }
+            a.source = static_cast<unsigned>(source);
             ++i;
         } else if (arg == "--file" && value != nullptr) {
             a.file = value;
@@ -99,6 +111,64 @@ struct State {
     int percent;
 };
 
+// The box's version through the service (6711): 0 once it is known; 3 when no box answered
+// for the ids, or its version stayed unknown until the time-out.
+int WaitForVersion(CMsgClientManage& client, const Args& args) {
+    std::mutex lock;
+    int answers = 0;
+    bool known = false;
+    client.RegisterHandler(
+        2, EventAnswerOf(EVENT_GET_EXTEND_VERSION), [&](const char* msg, int len) {
+            const auto* p = reinterpret_cast<const uint8_t*>(msg) + Common::kMsgHeadSize;
+            if (len < static_cast<int>(Common::kMsgHeadSize) + 11 || p[1] != args.mainId ||
+                p[2] != args.subId) {
+                return 0;
+            }
+            std::lock_guard<std::mutex> guard(lock);
+            ++answers;
+            known = known || p[10] != 0;  // the count of versions
+            return 0;
+        });
+    uint8_t request[16] = {};
+    request[0] = PERIPHERAL_TYPE_SERIAL;
+    request[1] = static_cast<uint8_t>(args.mainId);
+    request[2] = static_cast<uint8_t>(args.subId);
+    request[9] = static_cast<uint8_t>(args.source < 4 ? args.source : 0);
+    const Clock::time_point start = Clock::now();
+    bool told = false;
+    for (Clock::time_point asked{};
+         Clock::now() - start < std::chrono::duration<double>(args.timeoutS);) {
+        if (Clock::now() - asked >= std::chrono::seconds(1)) {
+            asked = Clock::now();
+            if (client.MSGSendMessage(0, EVENT_GET_EXTEND_VERSION, 1,
+                                      reinterpret_cast<const char*>(request), sizeof request,
+                                      2) < 0) {
+                fprintf(stderr, "pm-upgrade: cannot reach the bus (RECORDER_BUS?)\n");
+                return 3;
+            }
+        }
+        client.MSGWaitForEvent(100);
+        std::lock_guard<std::mutex> guard(lock);
+        if (known) {
+            return 0;
+        }
+        if (answers > 0 && !told) {
+            told = true;
+            printf("box %u:%u answers, its version is being read; waiting for it\n", args.mainId,
+                   args.subId);
+            fflush(stdout);
+        }
+        if (answers == 0 && Clock::now() - start > std::chrono::seconds(3)) {
+            printf("no box answered for %u:%u (is it in the serial setting?)\n", args.mainId,
+                   args.subId);
+            return 3;
+        }
+    }
+    printf("box %u:%u: its version was not read within %.0f s\n", args.mainId, args.subId,
+           args.timeoutS);
+    return 3;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -111,9 +181,12 @@ int main(int argc, char** argv) {
         std::vector<uint8_t> file;
         pmtools::UpgradeFileInfo info;
         std::string error;
-        if (!pmtools::ReadWholeFile(args.file, file) ||
-            !pmtools::InspectUpgradeFile(file, info, error)) {
-            fprintf(stderr, "pm-upgrade: %s is not an upgrade file %s\n", args.file.c_str(),
+        if (!pmtools::ReadWholeFile(args.file, file, pmtools::kMaxUpgradeFileSize, error)) {
+            fprintf(stderr, "pm-upgrade: cannot read %s: %s\n", args.file.c_str(), error.c_str());
+            return 2;
+        }
+        if (!pmtools::InspectUpgradeFile(file, info, error)) {
+            fprintf(stderr, "pm-upgrade: %s is not an upgrade file: %s\n", args.file.c_str(),
                     error.c_str());
             return 2;
         }
@@ -133,6 +206,10 @@ int main(int argc, char** argv) {
         states.push_back({p[1], static_cast<int8_t>(p[2])});
         return 0;
     });
+    const int known = WaitForVersion(client, args);
+    if (known != 0) {
+        return known;
+    }
     uint8_t trigger[16] = {};
     trigger[0] = PERIPHERAL_TYPE_SERIAL;
     trigger[1] = static_cast<uint8_t>(args.mainId);
@@ -176,10 +253,10 @@ int main(int argc, char** argv) {
             const int filled = percent * width / 100;
             char bytes[64] = "";
             if (imageLength > 0) {
-                snprintf(bytes, sizeof bytes, "  %u/%u bytes",
+                snprintf(bytes, sizeof bytes, "  ~%u/%u bytes",
                          static_cast<unsigned>(uint64_t(imageLength) * percent / 100), imageLength);
             }
-            printf("\r  [%.*s%*s] %3d%%%s  last answer %.1f s ago   ", filled,
+            printf("\r  [%.*s%*s] %3d%%%s  last state %.1f s ago   ", filled,
                    "##############################", width - filled, "", percent, bytes,
                    got.empty() ? quiet : 0.0);
             fflush(stdout);
@@ -189,7 +266,7 @@ int main(int argc, char** argv) {
             fflush(stdout);
         }
         if (quiet > args.timeoutS) {
-            printf("%sno state for %.0f s: the service or the box does not answer\n",
+            printf("%sno state for %.0f s: the box (or the service) stopped answering\n",
                    terminal ? "\n" : "", args.timeoutS);
             return 3;
         }

@@ -176,7 +176,9 @@ TEST(BoxSimEndToEnd, AnUpgradeOf64KiBArrivesWholeAndPmUpgradeSucceeds) {
     EXPECT_EQ(upgrade.WaitExit(std::chrono::seconds(60)), 0) << upgrade.Out() << upgrade.Err();
     EXPECT_NE(upgrade.Out().find("state 10: finished"), std::string::npos) << upgrade.Out();
     std::vector<uint8_t> got;
-    ASSERT_TRUE(pmtools::ReadWholeFile(received, got));
+    std::string error;
+    ASSERT_TRUE(pmtools::ReadWholeFile(received, got, pmtools::kMaxUpgradeFileSize, error))
+        << error;
     EXPECT_TRUE(got == image) << got.size() << " bytes received";
     service.reset();
     boxsim.Signal(SIGTERM);
