@@ -45,14 +45,20 @@ wait_for "$DEMO/service.log" 30 "S1_EXTEND_BOX: Add extend instance, id = 0, mai
 echo "  the box on ttyAMA2 is in service with the GPS receiver behind sub-port 1"
 
 say "USB disk with AutoTest/AUTO_TEST_CFG plugged in (pm-recorder ctl usb plug)"
-mkdir -p "$DEMO/usb/AutoTest"
+# The disk record carries its mount directory in 39 characters: a short folder of its own,
+# whatever TMPDIR is (demo.sh removes it at the end).
+USB=$(mktemp -d /tmp/pmusb.XXXXXX)
+mkdir -p "$USB/AutoTest"
 # The service reads the file from its second byte on.
-printf '#TEST_ENABLE=true\n' >"$DEMO/usb/AutoTest/AUTO_TEST_CFG"
-"$BIN/pm-recorder" ctl usb plug "$DEMO/usb" | sed 's/^/  /'
+printf '#TEST_ENABLE=true\n' >"$USB/AutoTest/AUTO_TEST_CFG"
+"$BIN/pm-recorder" ctl usb plug "$USB" | sed 's/^/  /'
+echo "  the service asks for the disk's details on its disk poll, every fourth second once a"
+echo "  disk is in: expect the test to start about 5 s after the plug"
+wait_for "$DEMO/service.log" 15 "Auto test file opened" || true
+grep -m1 "Auto test file opened" "$DEMO/service.log" | sed 's/^.*S_MANAGE: /  /'
 wait_for "$DEMO/service.log" 15 "LOOPBACK: summary, mainId = 34, subId = 0, .*ok = [1-9]" || true
 wait_for "$DEMO/service.log" 15 "LOOPBACK: summary, mainId = 36, subId = 0, .*ok = [1-9]" || true
-grep -m1 "TEST_ENABLE" "$DEMO/service.log" | sed 's/^/  /'
-grep -E "LOOPBACK: summary, mainId = 3[46]" "$DEMO/service.log" | tail -n 2 | sed 's/^/  /'
+grep -E "LOOPBACK: summary, mainId = 3[46]" "$DEMO/service.log" | tail -n 2 | sed 's/^.*LOOPBACK: /  running: /'
 
 say "USB disk unplugged (pm-recorder ctl usb unplug): the recorder's setting comes back"
 before_unplug=$(wc -l <"$DEMO/service.log")
@@ -62,6 +68,9 @@ sleep 1
 tail -n +"$((before_unplug + 1))" "$DEMO/service.log" >"$DEMO/service-unplug.log"
 grep -E "Usb plug out|Release Peripheral Instance success|Begin create serial|Add extend instance" \
   "$DEMO/service-unplug.log" | head -n 8 | sed 's/^/  /'
+say "Verdict: each tester's counts when it was released"
+grep -E "LOOPBACK: summary, mainId = 3[46]" "$DEMO/service-unplug.log" | tail -n 2 |
+  sed 's/^.*LOOPBACK: summary, /  /'
 
 say "Stopping the service (SIGTERM)"
 kill -TERM "$host"
@@ -74,12 +83,13 @@ check() {
 }
 say "Checks"
 check "box in service before the test" "S1_EXTEND_BOX: Add extend instance, id = 0, mainId = 3, subId = 3" "$DEMO/service.log"
-check "disk details read" "U disk dir = $DEMO/usb/AutoTest/AUTO_TEST_CFG|TEST_ENABLE=true" "$DEMO/service.log"
+check "test file read from the disk" "Auto test file opened, path = $USB/AutoTest/AUTO_TEST_CFG" "$DEMO/service.log"
 check "test layout sent as a serial change" "serial-param-changed from=10 " "$DEMO/monitor.log"
 check "tester 34 behind the box reports" "LOOPBACK: summary, mainId = 34, subId = 0, .*ok = [1-9]" "$DEMO/service.log"
 check "tester 36 behind the box reports" "LOOPBACK: summary, mainId = 36, subId = 0, .*ok = [1-9]" "$DEMO/service.log"
 check "unplug asks for the real setting" " Usb plug out" "$DEMO/service-unplug.log"
 check "testers removed" "Release Peripheral Instance success, type = 0, mainID = 34" "$DEMO/service-unplug.log"
+check "tester 34's verdict at release" "LOOPBACK: summary, mainId = 34, subId = 0, .*ok = [1-9]" "$DEMO/service-unplug.log"
 check "GPS receiver back behind the box" "Begin create serial instance, mainId = 3, subId = 3" "$DEMO/service-unplug.log"
 if [ "$host_status" = 0 ]; then echo "  ok    pm-host stopped cleanly"; else echo "  FAIL  pm-host exit $host_status"; failed=1; fi
 return $failed 2>/dev/null || exit $failed

@@ -35,6 +35,7 @@ cleanup() {
   for pid in "${pids[@]}"; do kill "$pid" 2>/dev/null; done
   wait 2>/dev/null
   if [ "${KEEP_DEMO:-0}" = 1 ]; then echo "demo files kept in $DEMO"; else rm -rf "$DEMO"; fi
+  if [ -n "${USB:-}" ]; then rm -rf "$USB"; fi
 }
 trap cleanup EXIT
 trap 'exit 130' INT TERM

@@ -140,6 +140,39 @@ TEST_F(SimulatorTest, PlaysAUsbDiskAndALanguageSwitch) {
     EXPECT_NE(config.find("\"PRODUCT_TYPE\" : 6"), std::string::npos) << "the rest stays";
 }
 
+// The disk record carries its mount directory in 39 characters: a longer one is refused,
+// never sent cut.
+TEST_F(SimulatorTest, AMountDirectoryTheDiskRecordCannotCarryIsRefused) {
+    Start(R"({})");
+    const std::string longest(39, 'm');
+    auto refused = m_sim->Execute("usb plug /" + longest);
+    EXPECT_FALSE(refused.ok);
+    EXPECT_NE(refused.text.find("carries 39 at most"), std::string::npos) << refused.text;
+    EXPECT_TRUE(m_sim->Execute("usb plug /" + longest.substr(1)).ok);
+}
+
+// The box and the hub box ask for their files by flag; each gets its own.
+TEST_F(SimulatorTest, UpgradeFilesGoByTheRequestsFlag) {
+    m_root.Write("box.CRC", "box file");
+    m_root.Write("hub.CRC", "hub file");
+    Start(R"({"upgradeFile": "box.CRC", "hubUpgradeFile": "hub.CRC"})");
+    const uint32_t answer = EVENT_GET_EXTEND_UPGRADE_FILE | 0x8000;
+    m_service.Record(answer);
+    auto request = [&](const std::string& flag) {
+        Bytes payload(52, 0);
+        payload[1] = 3;
+        memcpy(payload.data() + 4, flag.data(), flag.size());
+        const size_t before = m_service.Seen(answer).size();
+        m_service.Send(EVENT_GET_EXTEND_UPGRADE_FILE, payload, true);
+        EXPECT_TRUE(m_service.WaitFor(answer, before + 1));
+        const Bytes record = m_service.Seen(answer).back().payload;
+        return std::string(record.begin() + std::min<size_t>(104, record.size()), record.end());
+    };
+    EXPECT_EQ(request("VKEL"), "box file");
+    EXPECT_EQ(request("ZORVIK"), "hub file");
+    EXPECT_EQ(request("OTHER"), "") << "no file for a flag nobody named";
+}
+
 TEST_F(SimulatorTest, NotReadyUntilToldThenReadyAndTheCpxTtyReleased) {
     const uint32_t answer = EVENT_GET_DEVICE_MODULE_STATE | 0x8000;
     for (uint32_t id : {answer, uint32_t{EVENT_DEVICE_MODULE_STATE},

@@ -160,7 +160,7 @@ Bytes EncodeUDiskInfo(const UDisk& disk, const std::string& mount) {
     Bytes b(kUDiskInfoSize, 0);
     if (disk.present) {
         // Entry 0 at payload offset 48: mount directory (NUL-terminated, 40 bytes), size at 40.
-        memcpy(b.data() + 48, mount.data(), std::min<size_t>(mount.size(), 39));
+        memcpy(b.data() + 48, mount.data(), std::min<size_t>(mount.size(), kMaxMountLength));
         Common::PutLe32(b.data() + 48 + 40, static_cast<uint32_t>(disk.recordSize));
         Common::PutLe32(b.data() + 48 + 44, static_cast<uint32_t>(disk.recordSize >> 32));
     }

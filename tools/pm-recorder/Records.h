@@ -25,6 +25,8 @@ constexpr size_t kLedPayloadSize = 16;  // the service wants a 16-byte head leng
 constexpr size_t kVideoLossSize = 4;
 constexpr size_t kDigitalVideoLossSize = 6;
 constexpr size_t kUsbStateSize = 72;
+// The disk details (33887) carry a mount directory in 40 bytes, NUL included.
+constexpr size_t kMaxMountLength = 39;
 constexpr size_t kUDiskInfoSize = 368;  // 48 bytes, then 4 disk entries of 80
 constexpr size_t kDeviceModuleStateSize = 4;
 

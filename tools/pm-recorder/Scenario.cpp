@@ -1,5 +1,7 @@
 #include "Scenario.h"
 
+#include "Records.h"
+
 #include <cctype>
 #include <cerrno>
 #include <cstdlib>
@@ -488,8 +490,9 @@ bool ReadCpxAndDisk(const Reader& top, Scenario& s, std::string& error) {
             !r.Int("recordSize", 0, INT64_MAX, s.udisk.recordSize)) {
             return false;
         }
-        if (s.udisk.mount.empty() || s.udisk.mount.size() > 39) {
-            return r.Fail("mount", "needs a directory of 1 to 39 characters");
+        if (s.udisk.mount.empty() || s.udisk.mount.size() > kMaxMountLength) {
+            return r.Fail("mount", "needs a directory of 1 to " + std::to_string(kMaxMountLength) +
+                                       " characters");
         }
     }
     return true;
@@ -637,8 +640,9 @@ bool ParseScenario(const Json::Value& doc, Scenario& out, std::string& error) {
     }
     bool ok = top.OnlyKeys({"productType", "ready", "serial", "can", "ethernet", "ipc", "videoLoss",
                             "digitalVideoLoss", "led", "storage", "vehicle", "ftp", "cpxRelease",
-                            "udisk", "mcuPorts", "canFrames", "upgradeFile"});
-    ok = ok && top.String("upgradeFile", s.upgradeFile);
+                            "udisk", "mcuPorts", "canFrames", "upgradeFile", "hubUpgradeFile"});
+    ok = ok && top.String("upgradeFile", s.upgradeFile) &&
+         top.String("hubUpgradeFile", s.hubUpgradeFile);
     if (ok && top.Has("productType")) {
         int type = 0;
         ok = top.Int("productType", INT32_MIN, INT32_MAX, type);

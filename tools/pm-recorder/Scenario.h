@@ -126,9 +126,11 @@ struct Scenario {
     std::vector<Patch> ftpPatch;
     CpxRelease cpx;
     UDisk udisk;
-    // The extension boxes' upgrade file handed over on request (6705); empty: "not found".
-    // Absolute, or relative to the recorder root.
+    // The upgrade files handed over on request (6705) by the request's file flag: the
+    // extension box's ("VKEL") and the hub box's ("ZORVIK"); empty: "not found". Absolute, or
+    // relative to the recorder root.
     std::string upgradeFile;
+    std::string hubUpgradeFile;
     std::vector<McuLink> mcu;
     CanScript canScript;
 };

@@ -121,6 +121,19 @@ const char kHelp[] =
     "  status              ports, filters, readiness\n"
     "  quit";
 
+constexpr const char kBoxFileFlag[] = "VKEL";
+constexpr const char kHubFileFlag[] = "ZORVIK";
+
+// The file flag of a file request: its payload from offset 4, up to a NUL (48 bytes at most).
+std::string RequestedFileFlag(const char* msg, int len) {
+    const size_t at = Common::kMsgHeadSize + 4;
+    if (len <= static_cast<int>(at)) {
+        return std::string();
+    }
+    const size_t room = std::min<size_t>(static_cast<size_t>(len) - at, 48);
+    return std::string(msg + at, strnlen(msg + at, room));
+}
+
 CommandReply Fail(const std::string& text) {
     return {false, false, text};
 }
@@ -203,11 +216,14 @@ CommandReply RunSend(Simulator& sim, const std::vector<std::string>& w) {
 }
 
 CommandReply RunUsb(Simulator& sim, const std::vector<std::string>& w) {
+    std::string what;
     if (w[1] == "plug") {
-        return Done(sim.PlugUsb(true, w.size() > 2 ? w[2] : std::string()));
+        const bool ok = sim.PlugUsb(true, w.size() > 2 ? w[2] : std::string(), what);
+        return ok ? Done(what) : Fail(what);
     }
     if (w[1] == "unplug" && w.size() == 2) {
-        return Done(sim.PlugUsb(false, std::string()));
+        sim.PlugUsb(false, std::string(), what);
+        return Done(what);
     }
     return Fail("usb plug [MOUNT] | usb unplug");
 }
@@ -416,8 +432,6 @@ Bytes Simulator::AnswerLocked(uint32_t requestId, std::string& what) const {
         case EVENT_GET_UDISK_INFO:
             what = s.udisk.present ? "U-disk at " + s.udisk.mount : "no U-disk";
             return EncodeUDiskInfo(s.udisk, ResolveInRoot(m_opt.root, s.udisk.mount));
-        case EVENT_GET_EXTEND_UPGRADE_FILE:
-            return UpgradeFileAnswer(what);
         default:
             what = "?";
             return Bytes();
@@ -425,20 +439,27 @@ Bytes Simulator::AnswerLocked(uint32_t requestId, std::string& what) const {
 }
 
 // Read anew on every request, as the recorder reads the disk: the file may have changed.
-Bytes Simulator::UpgradeFileAnswer(std::string& what) const {
-    const std::string named =
-        m_opt.upgradeFile.empty() ? m_scenario.upgradeFile : m_opt.upgradeFile;
+Bytes Simulator::UpgradeFileAnswer(const std::string& flag, std::string& what) const {
+    const bool hub = flag == kHubFileFlag;
+    if (!hub && flag != kBoxFileFlag) {
+        what = "upgrade file not found (no file for the flag \"" + flag + "\")";
+        return pmtools::UpgradeFileRecord("", {});
+    }
+    const std::string& option = hub ? m_opt.hubUpgradeFile : m_opt.upgradeFile;
+    const std::string& scenario = hub ? m_scenario.hubUpgradeFile : m_scenario.upgradeFile;
+    const std::string named = option.empty() ? scenario : option;
     std::vector<uint8_t> file;
     if (named.empty()) {
-        what = "upgrade file not found (none named)";
+        what = "upgrade file not found (none named for \"" + flag + "\")";
         return pmtools::UpgradeFileRecord("", file);
     }
     const std::string path = named[0] == '/' ? named : ResolveInRoot(m_opt.root, named);
-    if (!pmtools::ReadWholeFile(path, file) || file.empty()) {
-        what = "upgrade file not found: " + path;
+    std::string error;
+    if (!pmtools::ReadWholeFile(path, file, pmtools::kMaxUpgradeFileSize, error) || file.empty()) {
+        what = "upgrade file not found: " + path + (error.empty() ? "" : ": " + error);
         return pmtools::UpgradeFileRecord("", file);
     }
-    what = "upgrade file " + path;
+    what = "upgrade file " + path + " for \"" + flag + "\"";
     return pmtools::UpgradeFileRecord(path, file);
 }
 
@@ -452,7 +473,11 @@ int Simulator::OnRequest(const char* msg, int len) {
     std::vector<Notice> follow;
     {
         std::lock_guard<std::mutex> guard(m_lock);
-        answer = AnswerLocked(head.nEventId, what);
+        if (head.nEventId == EVENT_GET_EXTEND_UPGRADE_FILE) {
+            answer = UpgradeFileAnswer(RequestedFileFlag(msg, len), what);
+        } else {
+            answer = AnswerLocked(head.nEventId, what);
+        }
         if (head.nEventId == EVENT_GET_LED_STATE) {
             // The service asks for the LED state once it runs: the moment to tell it the states
             // that have no request of their own.
@@ -513,8 +538,19 @@ bool Simulator::Ready() const {
     return m_ready;
 }
 
-std::string Simulator::PlugUsb(bool plugged, const std::string& mount) {
+bool Simulator::PlugUsb(bool plugged, const std::string& mount, std::string& what) {
     std::lock_guard<std::mutex> guard(m_lock);
+    if (plugged && !mount.empty()) {
+        // The disk record carries the mount directory in 40 bytes, its NUL included: a longer
+        // one would reach the service cut, and the disk would not be found.
+        const std::string resolved = ResolveInRoot(m_opt.root, mount);
+        if (resolved.size() > kMaxMountLength) {
+            what = "usb plug: the mount directory " + resolved + " has " +
+                   std::to_string(resolved.size()) + " characters; the disk record carries " +
+                   std::to_string(kMaxMountLength) + " at most";
+            return false;
+        }
+    }
     if (plugged) {
         m_scenario.udisk.present = true;
         if (!mount.empty()) {
@@ -526,10 +562,10 @@ std::string Simulator::PlugUsb(bool plugged, const std::string& mount) {
     Bytes state(kUsbStateSize, 0);
     state[0] = plugged ? 1 : 0;
     Publish(EVENT_USB_STATE, state);
-    const std::string what = plugged ? "USB disk plugged in, mount " + m_scenario.udisk.mount
-                                     : std::string("USB disk unplugged");
+    what = plugged ? "USB disk plugged in, mount " + m_scenario.udisk.mount
+                   : std::string("USB disk unplugged");
     Log(1, what + " (1060)");
-    return what;
+    return true;
 }
 
 bool Simulator::SwitchLanguage(const std::string& language, std::string& error) {

@@ -37,7 +37,9 @@ struct SimulatorOptions {
     bool mainChipBridges = false;  // stand in for the main-chip ttys below `root`
     int verbosity = 1;             // 0 problems, 1 answers and changes, 2 traffic
     size_t canItemsPerEvent = 16;  // frames per 1089 event
-    std::string upgradeFile;       // answers the file request (6705); wins over the scenario
+    std::string upgradeFile;       // answers the box's file request (6705, "VKEL"); wins over
+                                   // the scenario
+    std::string hubUpgradeFile;    // the same for the hub box ("ZORVIK")
     // Human lines (default: stderr) and candump lines of the frames the service sends
     // (default: stdout). Called from the simulator's thread and from Execute's caller.
     std::function<void(const std::string&)> log;
@@ -72,7 +74,8 @@ public:
     void SetReady(bool ready);
     void SendCpxRelease(const std::string& path);
     // Plug (with the mount of the next disk details; empty: keep it) or unplug a USB disk.
-    std::string PlugUsb(bool plugged, const std::string& mount);
+    // False with the reason for a mount directory the disk record cannot carry.
+    bool PlugUsb(bool plugged, const std::string& mount, std::string& what);
     // Writes LANGUAGE into the root's SYSTEM_CONFIG, then tells the service (6739).
     bool SwitchLanguage(const std::string& language, std::string& error);
     // Publishes any notification; `what` is for the log.
@@ -120,7 +123,8 @@ private:
 
     // With m_lock held.
     Bytes AnswerLocked(uint32_t requestId, std::string& what) const;
-    Bytes UpgradeFileAnswer(std::string& what) const;
+    // The file the request's flag asks for (offset 4 of its payload).
+    Bytes UpgradeFileAnswer(const std::string& flag, std::string& what) const;
     void SetReadyLocked(bool ready);
     void ScheduleReadinessLocked(const Readiness& ready, int64_t now);
     bool MakeMcuLinksLocked(const std::vector<McuLink>& links, std::string& error);

@@ -47,7 +47,8 @@ const char kUsage[] =
     ")\n"
     "  --replay FILE    play a candump -l log to the CAN ports, from the first filter on\n"
     "  --replay-now     start the replay at once\n"
-    "  --upgrade-file F answer the extension boxes' file request (6705) with F\n"
+    "  --upgrade-file F answer the extension box's file request (6705, \"VKEL\") with F\n"
+    "  --hub-upgrade-file F  and the hub box's (\"ZORVIK\")\n"
     "  --speed X        replay X times as fast (default 1)\n"
     "  --items N        CAN frames per 1089 event (default 16)\n"
     "  -q, --quiet      only problems;  -v, --verbose  also the traffic\n"
@@ -83,6 +84,7 @@ struct Arguments {
     std::string templateDir = DefaultTemplate();
     std::string replay;
     std::string upgradeFile;
+    std::string hubUpgradeFile;
     bool replayNow = false;
     double speed = 1;
     size_t items = 16;
@@ -121,15 +123,16 @@ int ParseArguments(int argc, char** argv, Arguments& a) {
         } else if (arg == "--no-broker") {
             a.broker = false;
         } else if (arg == "--root" || arg == "--make-root" || arg == "--template" ||
-                   arg == "--replay" || arg == "--upgrade-file") {
+                   arg == "--replay" || arg == "--upgrade-file" || arg == "--hub-upgrade-file") {
             if (!value(v)) {
                 return Usage("missing value for " + arg);
             }
-            (arg == "--upgrade-file" ? a.upgradeFile
-             : arg == "--root"       ? a.root
-             : arg == "--make-root"  ? a.makeRoot
-             : arg == "--template"   ? a.templateDir
-                                     : a.replay) = v;
+            (arg == "--upgrade-file"       ? a.upgradeFile
+             : arg == "--hub-upgrade-file" ? a.hubUpgradeFile
+             : arg == "--root"             ? a.root
+             : arg == "--make-root"        ? a.makeRoot
+             : arg == "--template"         ? a.templateDir
+                                           : a.replay) = v;
         } else if (arg == "--speed" || arg == "--timeout") {
             if (!value(v) || !ParseDouble(v, arg == "--speed" ? a.speed : a.timeoutS)) {
                 return Usage("bad value for " + arg);
@@ -294,6 +297,7 @@ int RunSimulator(const Arguments& a) {
     SimulatorOptions options;
     options.root = a.makeRoot.empty() ? a.root : a.makeRoot;
     options.upgradeFile = a.upgradeFile;
+    options.hubUpgradeFile = a.hubUpgradeFile;
     if (options.root.empty() && getenv("RECORDER_ROOT") != nullptr) {
         options.root = getenv("RECORDER_ROOT");
     }
