@@ -1,14 +1,20 @@
 // Every bus handler of the service, fed messages of any length and content through the bus
 // client's real dispatch: the manager's whole table, the CAN base (frames and filter reports)
-// and the serial base's MCU link. Byte 0 of the input picks the event; the rest is the message,
-// head included, so heads may lie about their length.
+// and the serial base's MCU link. Bytes 0-3 of the input (little-endian) name the event: one
+// the service hears by the event table, or else the one at that number modulo the table's
+// count. The rest is the message, head included, so heads may lie about their length; the
+// handlers get exactly those bytes, without the bus's padding, so that a read past the message
+// shows.
 #include <stddef.h>
 #include <stdint.h>
 
+#include <algorithm>
 #include <vector>
 
+#include "BusWire.h"
 #include "CanPortBase.h"
 #include "FuzzService.h"
+#include "PeripheralEvents.h"
 #include "SerialBase.h"
 
 namespace {
@@ -37,13 +43,16 @@ public:
     }
 };
 
-// The manager's events (both lists, so that the unregistered ones are tried too), then the
-// peripherals' own.
-const int kEvents[] = {10, 33917, 1150, 1151, 33083, 316, 33127, 360, 33129, 362, 33087, 320, 1284,
-                       34053, 1052, 33819, 33889, 1122, 2053, 1081, 33051, 284, 9, 8, 1035, 6739,
-                       33827, 1060, 33887, 1089, 1136, 1090,
-                       // the extension box's and the hub's
-                       6704, 39473, 6708, 6711, 6904};
+// What the service hears, by the event table: every event sent to it, and the answer to every
+// request it makes. A handler added to the table is fuzzed without a change here.
+std::vector<uint32_t> HeardEvents() {
+    std::vector<uint32_t> ids;
+    for (const PeripheralEventInfo& e : kPeripheralEvents) {
+        ids.push_back(e.flow == EVENT_TO_SERVICE ? e.id : EventAnswerOf(e.id));
+    }
+    std::sort(ids.begin(), ids.end());
+    return ids;
+}
 
 struct Peripherals {
     Peripherals() {
@@ -64,10 +73,17 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size == 0) {
         return 0;
     }
-    const int eventId = kEvents[data[0] % (sizeof(kEvents) / sizeof(kEvents[0]))];
+    static const std::vector<uint32_t> events = HeardEvents();
+    if (size < 4) {
+        return 0;
+    }
+    uint32_t eventId = Common::GetLe32(data);
+    if (!std::binary_search(events.begin(), events.end(), eventId)) {
+        eventId = events[eventId % events.size()];
+    }
     // An exact copy, so that a read past the message shows.
-    std::vector<char> message(data + 1, data + size);
-    fuzzsupport::Manager().GetMsgClient()->MSGDispatchForTest(eventId, message.data(),
-                                                              static_cast<int>(message.size()));
+    std::vector<char> message(data + 4, data + size);
+    fuzzsupport::Manager().GetMsgClient()->MSGDispatchForTest(
+        static_cast<int>(eventId), message.data(), static_cast<int>(message.size()), true);
     return 0;
 }

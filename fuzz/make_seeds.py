@@ -9,15 +9,10 @@ import struct
 HERE = os.path.dirname(os.path.abspath(__file__))
 ROOT = os.path.dirname(HERE)
 
-# Must match kEvents in fuzz_bus_handlers.cpp: byte 0 of an input picks the event.
-EVENTS = [10, 33917, 1150, 1151, 33083, 316, 33127, 360, 33129, 362, 33087, 320, 1284, 34053,
-          1052, 33819, 33889, 1122, 2053, 1081, 33051, 284, 9, 8, 1035, 6739, 33827, 1060, 33887,
-          1089, 1136, 1090, 6704, 39473, 6708, 6711, 6904]
-
-
 def message(event, payload, length=None):
+    """An input of fuzz_bus_handlers: the event id (4 bytes, little-endian), then the message."""
     head = struct.pack("<IIII", event, 50, 1, len(payload) if length is None else length)
-    return bytes([EVENTS.index(event)]) + head + payload
+    return struct.pack("<I", event) + head + payload
 
 
 def serial_setting(ports):
@@ -186,6 +181,39 @@ def stuffing():
     write(t, "plain", b"hello, box")
 
 
+def upgrade_file():
+    t = "fuzz_upgrade_file"
+    image = bytes(range(200))
+    head = bytearray(100)
+    head[0:4] = b"PMFW"
+    head[4:14] = b"BOX-MCU-V2"
+    head[96:100] = struct.pack("<I", 1)
+    entry = bytearray(80)
+    entry[64:68] = struct.pack("<I", crc32_register(image))
+    entry[76:80] = struct.pack("<I", len(image))
+    write(t, "good", bytes(head) + bytes(entry) + image)
+    lies = bytearray(head)
+    lies[96:100] = struct.pack("<I", 0xFFFFFFFF)
+    write(t, "entries-lie", bytes(lies) + bytes(entry) + image)
+    write(t, "no-entries", bytes(head[:96]) + struct.pack("<I", 0) + bytes(entry) + image)
+
+
+def scenario():
+    t = "fuzz_scenario"
+    for name in ("scenario.json", "scenario-changed.json", "scenario-selftest.json"):
+        with open(os.path.join(ROOT, "examples", name), "rb") as f:
+            write(t, name, f.read())
+    write(t, "udisk-long-mount", json.dumps({"udisk": {"mount": "/" + "m" * 60}}).encode())
+
+
+def nmea():
+    t = "fuzz_nmea"
+    for name in ("bt-q818.log", "GPSmap-76S.log"):
+        with open(os.path.join(ROOT, "tests/data/nmea", name), "rb") as f:
+            write(t, name, b"\x10" + f.read(3000))
+    write(t, "bad-checksums", b"\x05$GPRMC,1,A,x*00\r\n$GPGGA,,,,,,,,,*ZZ\r\n" + b"$" * 300)
+
+
 if __name__ == "__main__":
     bus_handlers()
     config()
@@ -193,3 +221,6 @@ if __name__ == "__main__":
     extend_box()
     alarm_speech()
     stuffing()
+    upgrade_file()
+    scenario()
+    nmea()

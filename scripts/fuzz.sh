@@ -16,7 +16,8 @@ cmake --build "$build" -j "$jobs" --target fuzzers
 
 mkdir -p "$build/crashes"
 status=0
-for target in fuzz_bus_handlers fuzz_config fuzz_frame_cutter fuzz_extend_box fuzz_alarm_speech fuzz_stuffing; do
+for target in fuzz_bus_handlers fuzz_config fuzz_frame_cutter fuzz_extend_box fuzz_alarm_speech \
+    fuzz_stuffing fuzz_upgrade_file fuzz_scenario fuzz_nmea; do
   corpus="$build/corpus/$target"
   mkdir -p "$corpus"
   echo "fuzz: $target for ${seconds}s"

@@ -1,6 +1,7 @@
 // The serial reconciliation's decision for one port, old entry against new, as a table: what
 // goes, what is queued for creation, what is reported as changed, and in which order.
 #include <array>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -65,6 +66,12 @@ struct PlanCase {
     Entry from, to;
     std::string plan;
 };
+
+// Its description, so that a case is named by what it is (ctest names a case by its printed
+// parameter; the bytes of the record would hold addresses).
+void PrintTo(const PlanCase& c, std::ostream* out) {
+    *out << c.what;
+}
 
 class SerialPlan : public ::testing::TestWithParam<PlanCase> {};
 
