@@ -57,7 +57,7 @@ cross-install: cross-build
 # N, --no-callgrind, --update-baseline.
 BENCH_FLAGS ?=
 bench:
-	@bash scripts/deps.sh valgrind
+	@bash scripts/deps.sh valgrind strace
 	@cmake -S . -B build-release -G Ninja -DCMAKE_BUILD_TYPE=Release $(CMAKE_FLAGS) >/dev/null
 	@cmake --build build-release -j $(JOBS)
 	@/usr/bin/python3 bench/run_bench.py build-release $(BENCH_FLAGS)
