@@ -34,11 +34,6 @@ std::atomic<int> g_readerTimeoutMs{1000};
 // How long a port whose read failed (hang-up, unplugged adapter) stays out of select.
 constexpr int kFailedReadRetryMs = 200;
 constexpr size_t kReadChunk = 1024;
-// The reader thread delivers bytes to their owners, whose answers it must never wait for.
-// While it delivers it holds the table lock, so its owners' writes find their port without
-// another lock. Set by the reader thread alone: a delivery that another thread makes through
-// serial_cache_data writes as that thread would anywhere else.
-thread_local const CSerialDevOperate* t_pDelivering = nullptr;
 // Descriptors 0-2 are the standard streams' numbers: a tty that gets one (the host closed a
 // stream) would receive every printf, and the reader never serves descriptor 0.
 constexpr int kFirstPortFd = 3;
@@ -604,7 +599,12 @@ std::shared_ptr<CSerialPortWriter> CSerialDevOperate::WriterOf(int fd) {
 }
 
 int CSerialDevOperate::serial_write(int fd, const char* data, unsigned int length) {
-    const bool delivering = t_pDelivering == this;
+    // The reader thread delivers bytes to their owners, whose answers it must never wait for;
+    // while it delivers it holds the table lock, so their writes find their port without
+    // another lock. A delivery another thread makes through serial_cache_data writes as that
+    // thread would anywhere else.
+    const bool delivering = m_bDelivering.load(std::memory_order_acquire) &&
+                            pthread_equal(pthread_self(), m_ReaderThread);
     std::shared_ptr<CSerialPortWriter> held;  // keeps a port closed meanwhile writable
     CSerialPortWriter* writer = nullptr;
     if (delivering) {
@@ -750,6 +750,7 @@ void CSerialDevOperate::TakeReadSnapshot() {
 }
 
 void CSerialDevOperate::serial_read() {
+    m_ReaderThread = pthread_self();
     while (true) {
         {
             std::lock_guard<std::mutex> guard(m_ReaderLock);
@@ -838,13 +839,16 @@ void CSerialDevOperate::ReadOnePass() {
     char buffer[kReadChunk];
     ssize_t got = read(fd, buffer, sizeof buffer);
     int error = errno;
-    t_pDelivering = this;
+    m_bDelivering.store(true, std::memory_order_release);
     CacheDataLocked(fd, buffer, static_cast<int>(got));
-    t_pDelivering = nullptr;
+    m_bDelivering.store(false, std::memory_order_relaxed);
     NoteReadResultLocked(fd, static_cast<int>(got), error);
 }
 
 void CSerialDevOperate::NoteReadResultLocked(int fd, int result, int error) {
+    if (result > 0 && m_mapFailedRead.empty()) {
+        return;  // the common case: nothing to note
+    }
     auto info = m_mapSerialDev.find(fd);
     auto failed = m_mapFailedRead.find(fd);
     if (result > 0) {

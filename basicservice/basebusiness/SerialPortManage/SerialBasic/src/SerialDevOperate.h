@@ -6,6 +6,7 @@
 #include <pthread.h>
 #include <sys/select.h>
 
+#include <atomic>
 #include <condition_variable>
 #include <map>
 #include <memory>
@@ -152,6 +153,10 @@ private:
     int m_nReadWaitMs = 0;
     bool m_bReadSnapshotValid = false;
     std::vector<std::shared_ptr<CSerialPortWriter>> m_vecWaitingWriters;  // reader thread
+    // Set by the reader thread while it delivers (the table lock held); with its thread id,
+    // what serial_write asks to know whether it writes from inside a delivery.
+    std::atomic<bool> m_bDelivering{false};
+    pthread_t m_ReaderThread{};
 };
 
 #endif

@@ -148,10 +148,7 @@ void CSerialPortWriter::RefuseLocked(unsigned int length, const char* why) {
     }
 }
 
-bool CSerialPortWriter::RefuseWhileStalled(unsigned int length) {
-    if (!m_bStalled.load(std::memory_order_acquire)) {
-        return false;
-    }
+bool CSerialPortWriter::RefuseOrResume(unsigned int length) {
     const bool drained = Drained();
     std::lock_guard<std::mutex> state(m_StateLock);
     if (drained) {
@@ -165,12 +162,7 @@ bool CSerialPortWriter::RefuseWhileStalled(unsigned int length) {
     return true;
 }
 
-bool CSerialPortWriter::DrainQueue(bool wait) {
-    // Only the turn's holder drains, and only the reader thread adds: an empty queue seen
-    // here may grow behind this writer's frame, never in front of it.
-    if (m_nQueued.load(std::memory_order_acquire) == 0) {
-        return true;
-    }
+bool CSerialPortWriter::DrainQueued(bool wait) {
     std::string queue;
     long long deadline = 0;
     {

@@ -66,9 +66,17 @@ private:
     // The port reports room (or an error that the next write will meet): the stall is over.
     bool Drained() const;
     // A stalled port refuses at once, unless it has drained meanwhile. m_Turn held.
-    bool RefuseWhileStalled(unsigned int length);
-    // Writes the queue within its deadline, waiting when `wait`. m_Turn held.
-    bool DrainQueue(bool wait);
+    bool RefuseWhileStalled(unsigned int length) {
+        return m_bStalled.load(std::memory_order_acquire) && RefuseOrResume(length);
+    }
+    bool RefuseOrResume(unsigned int length);
+    // Writes the queue within its deadline, waiting when `wait`; true when it is empty. Only
+    // the turn's holder drains, and only the reader thread adds: an empty queue seen here may
+    // grow behind this writer's frame, never in front of it. m_Turn held.
+    bool DrainQueue(bool wait) {
+        return m_nQueued.load(std::memory_order_acquire) == 0 || DrainQueued(wait);
+    }
+    bool DrainQueued(bool wait);
     // Takes the rest of a frame (the reader thread's, or one another writer kept from the
     // port) into the queue; refused whole unless its head went out already.
     long Enqueue(const char* rest, unsigned int length, unsigned int sent);
