@@ -1,5 +1,6 @@
 #include "TestSupport.h"
 
+#include <fcntl.h>
 #include <stdlib.h>
 #include <unistd.h>
 
@@ -75,6 +76,23 @@ std::string EmulatorCommand() {
 
 const char* DeathTestStyle() {
     return EmulatorArgs().empty() ? "threadsafe" : "fast";
+}
+
+bool FullPipe(int (&out)[2]) {
+    if (pipe2(out, O_CLOEXEC) != 0) {
+        return false;
+    }
+    // Filled through a description of its own: the pipe's ends stay blocking for their users.
+    const int filler = open(("/proc/self/fd/" + std::to_string(out[1])).c_str(),
+                            O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+    if (filler < 0) {
+        return false;
+    }
+    const std::string block(4096, 'f');
+    while (write(filler, block.data(), block.size()) > 0) {
+    }
+    close(filler);
+    return true;
 }
 
 bool WaitUntil(const std::function<bool()>& pred, std::chrono::milliseconds timeout) {

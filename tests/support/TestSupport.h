@@ -56,6 +56,10 @@ const char* DeathTestStyle();
 
 // Polls `pred` every few milliseconds until it holds or `timeout` passes; returns its last
 // value. Tests wait for events with this, never with bare sleeps.
+// A pipe whose buffer is already full, as one that nobody reads becomes: out[0] reads, out[1]
+// writes (both close-on-exec). False when the system gives no pipe.
+bool FullPipe(int (&out)[2]);
+
 bool WaitUntil(const std::function<bool()>& pred,
                std::chrono::milliseconds timeout = std::chrono::seconds(5));
 

@@ -31,9 +31,8 @@ long CpuTicks(pid_t pid) {
     const char* after = read ? strrchr(line, ')') : nullptr;  // the name may hold blanks
     unsigned long user = 0;
     unsigned long system = 0;
-    if (after == nullptr ||
-        sscanf(after + 2, "%*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %lu %lu", &user,
-               &system) != 2) {
+    if (after == nullptr || sscanf(after + 2, "%*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %lu %lu",
+                                   &user, &system) != 2) {
         return -1;
     }
     return static_cast<long>(user + system);

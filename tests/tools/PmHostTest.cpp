@@ -103,13 +103,7 @@ TEST_F(PmHostTest, OutlivesAClosedStandardOutput) {
 TEST_F(PmHostTest, AStandardErrorNobodyReadsHoldsNothing) {
     pmtest::PrivateBus bus;
     int err[2];
-    ASSERT_EQ(pipe2(err, O_CLOEXEC), 0);
-    const int filler = fcntl(err[1], F_DUPFD_CLOEXEC, 3);
-    fcntl(filler, F_SETFL, O_NONBLOCK);
-    const std::string block(4096, 'f');
-    while (write(filler, block.data(), block.size()) > 0) {
-    }
-    close(filler);
+    ASSERT_TRUE(pmtest::FullPipe(err));
     ToolProcess host("pm-host", {"--service", TestService()}, -1, err[1]);
     close(err[1]);
     ASSERT_TRUE(pmtest::WaitUntil(

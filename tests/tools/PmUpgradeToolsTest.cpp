@@ -57,8 +57,8 @@ TEST(UpgradeTools, InputsThatAreNoFileAreRefusedWithTheirReason) {
 TEST(UpgradeTools, AnOutputThatCannotBeWrittenFailsTheRun) {
     pmtest::TempDir dir;
     const std::string image = dir.Write("image.bin", std::string(100, 'i'));
-    for (const std::string& out : {dir.File("missing/V1.CRC"), std::string("/dev/full"),
-                                   dir.Path()}) {
+    for (const std::string& out :
+         {dir.File("missing/V1.CRC"), std::string("/dev/full"), dir.Path()}) {
         SCOPED_TRACE(out);
         const pmtest::ToolResult r = RunTool("pm-fwpack", {image, "V1", "-o", out});
         EXPECT_EQ(r.status, 1) << r.err;

@@ -503,13 +503,7 @@ private:
 // port table's lock: an output nobody reads must cost lines, never the reader.
 TEST_F(SerialDevOperateTest, AStalledStandardOutputNeverHoldsTheReader) {
     int out[2];
-    ASSERT_EQ(pipe2(out, O_CLOEXEC), 0);
-    const int filler = fcntl(out[1], F_DUPFD_CLOEXEC, 3);
-    fcntl(filler, F_SETFL, O_NONBLOCK);
-    const std::string block(4096, 'f');
-    while (write(filler, block.data(), block.size()) > 0) {
-    }
-    close(filler);
+    ASSERT_TRUE(pmtest::FullPipe(out));
     StdoutTo stalled(out[1]);
     service.Manager().m_nDebugLevel = 3;
     Pty dumped, other;

@@ -120,9 +120,9 @@ void ConsoleWrite(const std::string& text) {
     std::lock_guard<std::mutex> guard(c.lock);
     if (c.lost > 0) {
         char note[96];
-        const int n = snprintf(note, sizeof note,
-                               "console: %llu lines lost, the output did not take them\n",
-                               static_cast<unsigned long long>(c.lost));
+        const int n =
+            snprintf(note, sizeof note, "console: %llu lines lost, the output did not take them\n",
+                     static_cast<unsigned long long>(c.lost));
         if (!WriteAll(c, note, static_cast<size_t>(n))) {
             ++c.lost;
             ++c.lostEver;
