@@ -549,6 +549,10 @@ TEST_F(SerialDevOperateTest, APortIsNeverGivenDescriptorZero) {
     const int savedStdin = dup(STDIN_FILENO);  // -1: there was no stdin to begin with
     close(STDIN_FILENO);
     const int fd = OpenRaw(first, 1);
+    char target[256] = {};
+    EXPECT_TRUE(readlink("/proc/self/fd/0", target, sizeof target - 1) <= 0 ||
+                first.SlavePath() != target)
+        << "nor is its write descriptor";
     if (savedStdin >= 0) {
         dup2(savedStdin, STDIN_FILENO);
         close(savedStdin);

@@ -323,7 +323,7 @@ int CSerialDevOperate::serial_open(CSerialBase* owner, std::string path, int fla
         PM_LOG(0, kLogTag, "[OPEN] fcntl failed\n");
     }
     SerialDevInfo* info = NewDevInfo(fd, path, owner);
-    info->writer = std::make_shared<CSerialPortWriter>(fd, path);
+    info->writer = WriterForPath(fd, path);
     size_t openCount;
     {
         std::unique_lock<std::shared_mutex> view(m_TableView);
@@ -592,6 +592,21 @@ int CSerialDevOperate::serial_set_exar_reg(int fd, int block, int reg, int value
     return 0;
 }
 
+std::shared_ptr<CSerialPortWriter> CSerialDevOperate::WriterForPath(int fd,
+                                                                    const std::string& path) {
+    for (auto it = m_mapWriters.begin(); it != m_mapWriters.end();) {
+        it = it->second.expired() ? m_mapWriters.erase(it) : std::next(it);
+    }
+    if (std::shared_ptr<CSerialPortWriter> kept = m_mapWriters[path].lock()) {
+        if (kept->HasOwnFd()) {
+            return kept;
+        }
+    }
+    auto writer = std::make_shared<CSerialPortWriter>(fd, path);
+    m_mapWriters[path] = writer;
+    return writer;
+}
+
 std::shared_ptr<CSerialPortWriter> CSerialDevOperate::WriterOf(int fd) {
     std::shared_lock<std::shared_mutex> view(m_TableView);
     auto it = m_mapSerialDev.find(fd);
@@ -636,10 +651,12 @@ int CSerialDevOperate::serial_write(int fd, const char* data, unsigned int lengt
 }
 
 void CSerialDevOperate::KeepWaitingWriter(const std::shared_ptr<CSerialPortWriter>& writer) {
-    if (std::find(m_vecWaitingWriters.begin(), m_vecWaitingWriters.end(), writer) ==
-        m_vecWaitingWriters.end()) {
-        m_vecWaitingWriters.push_back(writer);
+    for (const WaitingWriter& w : m_vecWaitingWriters) {
+        if (w.writer == writer) {
+            return;
+        }
     }
+    m_vecWaitingWriters.push_back({writer, false});
 }
 
 bool CSerialDevOperate::serial_write_stats(int fd, SerialWriteStats& stats) {
@@ -652,14 +669,16 @@ bool CSerialDevOperate::serial_write_stats(int fd, SerialWriteStats& stats) {
 }
 
 void CSerialDevOperate::AddWriteWaits(fd_set& writeSet, int& top, int& waitMs) {
+    constexpr long long kBusyRetryMs = 5;
     const long long now = CSerialPortWriter::SteadyMs();
-    for (const auto& writer : m_vecWaitingWriters) {
-        const int wfd = writer->WriteFd();
-        if (wfd >= 0 && wfd < FD_SETSIZE) {
+    for (const WaitingWriter& w : m_vecWaitingWriters) {
+        const int wfd = w.writer->WriteFd();
+        if (!w.busy && wfd >= 0 && wfd < FD_SETSIZE) {
             FD_SET(wfd, &writeSet);
             top = std::max(top, wfd);
         }
-        const long long left = std::max(0LL, writer->QueueDeadline() - now);
+        const long long left =
+            std::max(w.busy ? kBusyRetryMs : 0LL, w.writer->QueueDeadline() - now);
         waitMs = static_cast<int>(std::min<long long>(waitMs, left));
     }
 }
@@ -667,11 +686,11 @@ void CSerialDevOperate::AddWriteWaits(fd_set& writeSet, int& top, int& waitMs) {
 void CSerialDevOperate::FlushWaitingWrites(const fd_set& writeSet) {
     const long long now = CSerialPortWriter::SteadyMs();
     for (auto it = m_vecWaitingWriters.begin(); it != m_vecWaitingWriters.end();) {
-        CSerialPortWriter& writer = **it;
+        CSerialPortWriter& writer = *it->writer;
         const int wfd = writer.WriteFd();
         const bool room = wfd >= 0 && wfd < FD_SETSIZE && FD_ISSET(wfd, &writeSet);
-        if (room || now >= writer.QueueDeadline()) {
-            writer.Flush();
+        if (room || it->busy || now >= writer.QueueDeadline()) {
+            it->busy = !writer.Flush();
         }
         it = writer.HasQueued() ? it + 1 : m_vecWaitingWriters.erase(it);
     }

@@ -110,6 +110,10 @@ private:
     void WakeReader();
     void WakeSelect();  // the pipe alone: callable with m_ReaderLock held
     std::shared_ptr<CSerialPortWriter> WriterOf(int fd);
+    // The write side for a port opened on `path`: the one of a port closed on the same path
+    // whose last write is still under way, so that its frames and the new port's take turns;
+    // else a new one. m_TableLock held.
+    std::shared_ptr<CSerialPortWriter> WriterForPath(int fd, const std::string& path);
     void KeepWaitingWriter(const std::shared_ptr<CSerialPortWriter>& writer);  // reader thread
     // The reader thread's own writes that wait for room: their write descriptors join its
     // select, their deadlines its time-out.
@@ -136,9 +140,6 @@ private:
     // reader reads only while the table is as its snapshot saw it.
     unsigned long m_nTableGeneration = 0;
     unsigned long m_nSnapshotGeneration = 0;  // reader thread
-    std::mutex m_WriteDropLock;               // guards the two fields below
-    unsigned long long m_nWriteDrops;         // writes refused for a full output queue
-    long long m_llWriteDropLogMs;             // steady ms of the last log of drops
 
     std::mutex m_ReaderLock;
     std::condition_variable m_ReaderCond;
@@ -152,7 +153,14 @@ private:
     fd_set m_ReadSetBase;  // m_vecReadFds and the wake pipe, as select wants them
     int m_nReadWaitMs = 0;
     bool m_bReadSnapshotValid = false;
-    std::vector<std::shared_ptr<CSerialPortWriter>> m_vecWaitingWriters;  // reader thread
+    // A port whose queue another writer's turn keeps from the reader: that writer drains it
+    // before it lets go, so the reader only looks again a little later instead of at once.
+    struct WaitingWriter {
+        std::shared_ptr<CSerialPortWriter> writer;
+        bool busy;
+    };
+    std::vector<WaitingWriter> m_vecWaitingWriters;                        // reader thread
+    std::map<std::string, std::weak_ptr<CSerialPortWriter>> m_mapWriters;  // m_TableLock
     // Set by the reader thread while it delivers (the table lock held); with its thread id,
     // what serial_write asks to know whether it writes from inside a delivery.
     std::atomic<bool> m_bDelivering{false};

@@ -25,8 +25,14 @@ constexpr long long kLogPeriodMs = 1000;
 }  // namespace
 
 CSerialPortWriter::CSerialPortWriter(int readFd, const std::string& path)
-    : m_nReadFd(readFd), m_nWriteFd(-1), m_bOwnFd(false), m_strName(path), m_nSpeed(kDefaultSpeed) {
+    : m_nWriteFd(-1), m_bOwnFd(false), m_strName(path), m_nSpeed(kDefaultSpeed) {
     m_nWriteFd = open(path.c_str(), O_WRONLY | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
+    if (m_nWriteFd >= 0 && m_nWriteFd <= STDERR_FILENO) {
+        // A standard stream's number (the host closed one) would take every printf.
+        const int moved = fcntl(m_nWriteFd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+        close(m_nWriteFd);
+        m_nWriteFd = moved;
+    }
     if (m_nWriteFd >= 0) {
         m_bOwnFd = true;
         return;
@@ -71,7 +77,8 @@ SerialWriteStats CSerialPortWriter::Stats() const {
 }
 
 bool CSerialPortWriter::HasQueued() const {
-    return m_nQueued.load(std::memory_order_acquire) != 0;
+    return m_nQueued.load(std::memory_order_acquire) != 0 ||
+           m_nInFlight.load(std::memory_order_acquire) != 0;
 }
 
 long long CSerialPortWriter::QueueDeadline() const {
@@ -168,6 +175,7 @@ bool CSerialPortWriter::DrainQueued(bool wait) {
     {
         std::lock_guard<std::mutex> state(m_StateLock);
         queue.swap(m_strQueue);
+        m_nInFlight = queue.size();
         m_nQueued = 0;
         deadline = m_llDeadline;
     }
@@ -189,6 +197,7 @@ bool CSerialPortWriter::DrainQueued(bool wait) {
         poll(&room, 1, static_cast<int>(left));
     }
     if (done == queue.size()) {
+        m_nInFlight = 0;
         return true;
     }
     if (!failed && !wait && SteadyMs() < deadline) {
@@ -196,8 +205,10 @@ bool CSerialPortWriter::DrainQueued(bool wait) {
         std::lock_guard<std::mutex> state(m_StateLock);
         m_strQueue.insert(0, queue, done, std::string::npos);
         m_nQueued = m_strQueue.size();
+        m_nInFlight = 0;
         return false;
     }
+    m_nInFlight = 0;
     Cut(static_cast<unsigned int>(queue.size() - done), static_cast<unsigned int>(queue.size()));
     return false;
 }
@@ -209,7 +220,7 @@ long CSerialPortWriter::Enqueue(const char* rest, unsigned int length, unsigned 
         RefuseLocked(length, "is stalled");
         return 0;
     }
-    if (sent == 0 && m_strQueue.size() + length > kQueueLimit) {
+    if (sent == 0 && m_strQueue.size() + m_nInFlight + length > kQueueLimit) {
         RefuseLocked(length, "has a full queue");
         return 0;
     }
@@ -275,10 +286,11 @@ long CSerialPortWriter::WriteNoWait(const char* data, unsigned int length) {
     return Enqueue(data + n, length - static_cast<unsigned int>(n), static_cast<unsigned int>(n));
 }
 
-void CSerialPortWriter::Flush() {
+bool CSerialPortWriter::Flush() {
     std::unique_lock<std::mutex> turn(m_Turn, std::try_to_lock);
-    if (turn.owns_lock()) {
-        DrainQueue(false);
+    if (!turn.owns_lock()) {
+        return false;
     }
-    // Else the writer that holds the port drains the queue before it lets go.
+    DrainQueue(false);
+    return true;
 }

@@ -38,11 +38,15 @@ public:
     long WriteNoWait(const char* data, unsigned int length);
     // The reader thread, for a port with queued bytes: writes what the port takes now; past
     // the deadline drops the rest (counted, logged) and marks the port stalled. Never waits.
-    void Flush();
-    // Queued bytes wait, and by when they must be out (steady-clock ms).
+    // False when another writer holds the port: it drains the queue before it lets go.
+    bool Flush();
+    // Queued bytes wait, in the queue or being written by a drain, and by when they must be
+    // out (steady-clock ms).
     bool HasQueued() const;
     long long QueueDeadline() const;
     int WriteFd() const { return m_nWriteFd; }
+    // Writes through a descriptor of its own (not the port's, which a close ends).
+    bool HasOwnFd() const { return m_bOwnFd; }
 
     // The line speed the budget allows for (bit/s); 0 leaves the default.
     void SetSpeed(unsigned int bitsPerSecond);
@@ -84,7 +88,6 @@ private:
     void RefuseLocked(unsigned int length, const char* why);  // m_StateLock held
     bool ShouldLogLocked();                                   // one line a second at most
 
-    const int m_nReadFd;
     int m_nWriteFd;
     bool m_bOwnFd;
     std::string m_strName;
@@ -99,6 +102,9 @@ private:
     // port that is neither stalled nor queued for takes no lock but its turn.
     std::atomic<bool> m_bStalled{false};
     std::atomic<size_t> m_nQueued{0};
+    // Bytes a drain took out of the queue and is writing: still queued for HasQueued and the
+    // queue's limit, so that the reader keeps watching a port until they are out.
+    std::atomic<size_t> m_nInFlight{0};
     long long m_llDeadline = 0;
     SerialWriteStats m_stats{};
     long long m_llLastLogMs = 0;
