@@ -6,11 +6,14 @@
 #include <pthread.h>
 #include <signal.h>
 #include <stdarg.h>
+#include <limits.h>
 #include <stdio.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <mutex>
 #include <vector>
 
@@ -22,6 +25,8 @@ struct Console {
     dev_t device = 0;  // what standard output was when `fd` was chosen
     ino_t inode = 0;
     bool lookBeforeWrite = false;  // an output that could not be made non-blocking
+    bool socket = false;           // sent to with MSG_DONTWAIT, which needs no flag of its own
+    bool cut = false;              // the last record went out in part: the next starts a line
     uint64_t lost = 0;             // since the last line that went out
     uint64_t lostEver = 0;
 };
@@ -33,8 +38,9 @@ Console& State() {
 
 // Standard output as an output that never blocks: a regular file does not; a pipe, FIFO or
 // terminal gets a description of its own opened non-blocking, so that the host's (and its
-// stdio's) stays as it was; anything else is looked at before each write. Chosen again when
-// the host points standard output elsewhere.
+// stdio's) stays as it was; a socket (a system log) is sent to without waiting; anything else
+// is looked at before each write of at most a pipe's atomic size. Chosen again when the host
+// points standard output elsewhere.
 int Output(Console& c) {
     struct stat info;
     if (fstat(STDOUT_FILENO, &info) != 0) {
@@ -50,7 +56,8 @@ int Output(Console& c) {
     c.device = info.st_dev;
     c.inode = info.st_ino;
     c.lookBeforeWrite = false;
-    if (S_ISREG(info.st_mode)) {
+    c.socket = S_ISSOCK(info.st_mode);
+    if (S_ISREG(info.st_mode) || c.socket) {
         return c.fd;
     }
     if (S_ISFIFO(info.st_mode) || S_ISCHR(info.st_mode)) {
@@ -101,16 +108,29 @@ bool WriteAll(Console& c, const char* data, size_t size) {
     }
     size_t done = 0;
     while (done < size) {
-        const ssize_t n = WriteWithoutSigpipe(fd, data + done, size - done);
+        size_t chunk = size - done;
+        if (c.lookBeforeWrite) {
+            // Room for one write of PIPE_BUF is what a reported POLLOUT promises at least.
+            chunk = std::min<size_t>(chunk, PIPE_BUF);
+            struct pollfd ready = {fd, POLLOUT, 0};
+            if (done > 0 && (poll(&ready, 1, 0) != 1 || (ready.revents & POLLOUT) == 0)) {
+                break;
+            }
+        }
+        const ssize_t n = c.socket ? send(fd, data + done, chunk, MSG_DONTWAIT | MSG_NOSIGNAL)
+                                   : WriteWithoutSigpipe(fd, data + done, chunk);
         if (n < 0 && errno == EINTR) {
             continue;
         }
         if (n <= 0) {
-            return false;
+            break;
         }
         done += static_cast<size_t>(n);
     }
-    return true;
+    // A record that went out in part (larger than the output's room) counts as lost; the next
+    // begins on a line of its own.
+    c.cut = done > 0 && done < size;
+    return done == size;
 }
 
 }  // namespace
@@ -118,6 +138,11 @@ bool WriteAll(Console& c, const char* data, size_t size) {
 void ConsoleWrite(const std::string& text) {
     Console& c = State();
     std::lock_guard<std::mutex> guard(c.lock);
+    if (c.cut && !WriteAll(c, "\n", 1)) {
+        ++c.lost;
+        ++c.lostEver;
+        return;
+    }
     if (c.lost > 0) {
         char note[96];
         const int n =

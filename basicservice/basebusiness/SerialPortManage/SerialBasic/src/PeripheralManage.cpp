@@ -1288,7 +1288,8 @@ int CPeripheralManage::PrintPeripheralParam(ePeripheralType type, void* record) 
     if (record == nullptr) {
         return -1;
     }
-    // One write for the whole record: it goes out whole or is counted as lost.
+    // One write for the whole record: it goes out whole, or is counted as lost (cut off where
+    // the output had no more room; the next record starts a line of its own).
     std::string out;
     auto line = [&out](const char* fmt, auto... args) {
         char text[160];
