@@ -143,7 +143,15 @@ TEST_F(SimulatorTest, PlaysAUsbDiskAndALanguageSwitch) {
 // The disk record carries its mount directory in 39 characters: a longer one is refused,
 // never sent cut.
 TEST_F(SimulatorTest, AMountDirectoryTheDiskRecordCannotCarryIsRefused) {
-    Start(R"({})");
+    // A scenario's mount below a root that makes it too long: never sent cut.
+    const std::string relative(m_root.Path().size() < 39 ? 40 - m_root.Path().size() : 1, 'r');
+    Start(R"({"udisk": {"mount": ")" + relative + R"("}})");
+    const uint32_t answer = EVENT_GET_UDISK_INFO | 0x8000;
+    m_service.Record(answer);
+    m_service.Send(EVENT_GET_UDISK_INFO, {}, true);
+    ASSERT_TRUE(m_service.WaitFor(answer));
+    EXPECT_EQ(m_service.Seen(answer)[0].payload.at(48), 0) << "answered as no disk";
+    EXPECT_FALSE(m_sim->Execute("usb plug").ok) << "nor plugged in as it is";
     const std::string longest(39, 'm');
     auto refused = m_sim->Execute("usb plug /" + longest);
     EXPECT_FALSE(refused.ok);

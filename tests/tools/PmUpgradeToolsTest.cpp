@@ -5,6 +5,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <filesystem>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -65,6 +67,10 @@ TEST(UpgradeTools, AnOutputThatCannotBeWrittenFailsTheRun) {
         EXPECT_TRUE(Has(r.err, "pm-fwpack: cannot write " + out)) << r.err;
         EXPECT_EQ(r.out, "") << "no success line";
     }
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir.Path()),
+                            std::filesystem::directory_iterator()),
+              1)
+        << "nothing left behind";
     const pmtest::ToolResult good = RunTool("pm-fwpack", {image, "V1", "-o", dir.File("V1.CRC")});
     EXPECT_EQ(good.status, 0) << good.err;
     EXPECT_EQ(pmtest::ReadFile(dir.File("V1.CRC")).size(), 100u + 100u + 80u);
@@ -104,7 +110,8 @@ TEST(UpgradeTools, InspectShowsWhichVersionTheBoxGets) {
 TEST(UpgradeTools, PmUpgradeSaysWhatItsExitStatusesAndRefusalsMean) {
     pmtest::ToolResult r = RunTool("pm-upgrade", {"--source", "x"});
     EXPECT_EQ(r.status, 2);
-    EXPECT_TRUE(Has(r.err, "--source takes a number, 0-2: x")) << r.err;
+    EXPECT_TRUE(Has(r.err, "--source takes a number (0-2; the service refuses the others): x"))
+        << r.err;
     EXPECT_TRUE(Has(r.err, "1 a state it does not know")) << r.err;
     EXPECT_TRUE(Has(r.err, "2 usage or an unusable --file")) << r.err;
     // Nobody answers for these ids.

@@ -5,6 +5,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 #include "BusWire.h"
@@ -93,7 +95,12 @@ bool ReadWholeFile(const std::string& path, std::vector<uint8_t>& out, size_t li
         return false;
     }
     struct stat info;
-    if (fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) {
+    if (fstat(fd, &info) != 0) {
+        error = strerror(errno);
+        close(fd);
+        return false;
+    }
+    if (!S_ISREG(info.st_mode)) {
         error = S_ISDIR(info.st_mode) ? "it is a folder" : "it is not a regular file";
         close(fd);
         return false;
@@ -124,7 +131,15 @@ bool ReadWholeFile(const std::string& path, std::vector<uint8_t>& out, size_t li
 
 bool WriteWholeFile(const std::string& path, const std::vector<uint8_t>& bytes,
                     std::string& error) {
-    const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOCTTY | O_CLOEXEC, 0644);
+    struct stat info;
+    if (stat(path.c_str(), &info) == 0 && !S_ISREG(info.st_mode)) {
+        error = S_ISDIR(info.st_mode) ? "it is a folder" : "it is not a regular file";
+        return false;
+    }
+    // Written beside it under a name of its own, then renamed: a file that could not be
+    // written whole never appears under the name the box's version is taken from.
+    std::string temporary = path + ".XXXXXX";
+    const int fd = mkostemp(&temporary[0], O_CLOEXEC);
     if (fd < 0) {
         error = strerror(errno);
         return false;
@@ -137,16 +152,26 @@ bool WriteWholeFile(const std::string& path, const std::vector<uint8_t>& bytes,
         }
         if (n <= 0) {
             error = n < 0 ? strerror(errno) : "nothing was written";
-            close(fd);
-            return false;
+            break;
         }
         done += static_cast<size_t>(n);
     }
-    if (close(fd) != 0) {
+    if (done == bytes.size() && fchmod(fd, 0644) != 0) {
         error = strerror(errno);
-        return false;
+        done = 0;
     }
-    return true;
+    if (close(fd) != 0 && done == bytes.size()) {
+        error = strerror(errno);
+        done = 0;
+    }
+    if (done == bytes.size() && rename(temporary.c_str(), path.c_str()) == 0) {
+        return true;
+    }
+    if (error.empty()) {
+        error = strerror(errno);
+    }
+    unlink(temporary.c_str());
+    return false;
 }
 
 }  // namespace pmtools

@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "BoxSim.h"
+#include "CommonLog.h"
 
 namespace {
 
@@ -311,8 +312,9 @@ private:
 
     void Trace(const char* way, const boxsim::Frame& frame) {
         if (m_args.verbose) {
-            fprintf(stderr, "pm-boxsim: %s addr %02X dev %02X body %s\n", way, frame.address,
-                    frame.device, boxsim::ToHex(frame.body).c_str());
+            // Never waited for: a trace nobody reads must not stall the box.
+            Common::LogOutputPrintf("pm-boxsim: %s addr %02X dev %02X body %s\n", way,
+                                    frame.address, frame.device, boxsim::ToHex(frame.body).c_str());
         }
     }
 

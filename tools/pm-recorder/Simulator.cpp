@@ -429,9 +429,19 @@ Bytes Simulator::AnswerLocked(uint32_t requestId, std::string& what) const {
         case EVENT_GET_LED_STATE:
             what = "LED panel state";
             return EncodeLedState(s);
-        case EVENT_GET_UDISK_INFO:
+        case EVENT_GET_UDISK_INFO: {
+            const std::string mount = ResolveInRoot(m_opt.root, s.udisk.mount);
+            if (s.udisk.present && mount.size() > kMaxMountLength) {
+                // Never sent cut: the service would look for a disk that is not there.
+                what = "no U-disk: its mount " + mount + " is longer than the " +
+                       std::to_string(kMaxMountLength) + " characters the record carries";
+                UDisk absent = s.udisk;
+                absent.present = false;
+                return EncodeUDiskInfo(absent, std::string());
+            }
             what = s.udisk.present ? "U-disk at " + s.udisk.mount : "no U-disk";
-            return EncodeUDiskInfo(s.udisk, ResolveInRoot(m_opt.root, s.udisk.mount));
+            return EncodeUDiskInfo(s.udisk, mount);
+        }
         default:
             what = "?";
             return Bytes();
@@ -540,10 +550,11 @@ bool Simulator::Ready() const {
 
 bool Simulator::PlugUsb(bool plugged, const std::string& mount, std::string& what) {
     std::lock_guard<std::mutex> guard(m_lock);
-    if (plugged && !mount.empty()) {
+    if (plugged) {
         // The disk record carries the mount directory in 40 bytes, its NUL included: a longer
         // one would reach the service cut, and the disk would not be found.
-        const std::string resolved = ResolveInRoot(m_opt.root, mount);
+        const std::string resolved =
+            ResolveInRoot(m_opt.root, mount.empty() ? m_scenario.udisk.mount : mount);
         if (resolved.size() > kMaxMountLength) {
             what = "usb plug: the mount directory " + resolved + " has " +
                    std::to_string(resolved.size()) + " characters; the disk record carries " +

@@ -88,7 +88,10 @@ bool ParseArgs(int argc, char** argv, Args& a) {
             char* end = nullptr;
             const unsigned long source = strtoul(value, &end, 10);
             if (*value == '\0' || *end != '\0' || source > 255) {
-                fprintf(stderr, "pm-upgrade: --source takes a number, 0-2: %s\n", value);
+                fprintf(stderr,
+                        "pm-upgrade: --source takes a number (0-2; the service refuses "
+                        "the others): %s\n",
+                        value);
                 return false;
             }
             a.source = static_cast<unsigned>(source);
@@ -159,8 +162,10 @@ int WaitForVersion(CMsgClientManage& client, const Args& args) {
             fflush(stdout);
         }
         if (answers == 0 && Clock::now() - start > std::chrono::seconds(3)) {
-            printf("no box answered for %u:%u (is it in the serial setting?)\n", args.mainId,
-                   args.subId);
+            printf(
+                "no box answered for %u:%u: none in the serial setting, or no service on the "
+                "bus\n",
+                args.mainId, args.subId);
             return 3;
         }
     }
