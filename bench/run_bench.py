@@ -4,8 +4,9 @@
     run_bench.py BUILD_DIR [--idle-seconds N] [--runs N] [--no-callgrind] [--no-strace]
                            [--update-baseline]
 
-Every figure is measured next to its baseline in the same run (bench_service), as a median
-with its spread (10th to 90th percentile). Instruction counts come from callgrind, which
+Every figure is measured next to its baseline in the same run (bench_service); the runs are
+repeated (--runs, default 5) and each figure is the median of the runs' medians with the
+lowest and highest of them as its spread, the ratio likewise from each run's own ratio. Instruction counts come from callgrind, which
 counts the same for the same binary and inputs whatever the machine does: each path runs
 twice with different counts, and the difference divided by the difference of the counts is
 the cost of one more byte or message, without the set-up. bench/baseline.json keeps the
