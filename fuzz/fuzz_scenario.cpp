@@ -9,8 +9,8 @@
 #include "Scenario.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    Scenario scenario;
+    pmrecorder::Scenario scenario;
     std::string error;
-    ParseScenarioText(std::string(reinterpret_cast<const char*>(data), size), scenario, error);
+    pmrecorder::ParseScenarioText(std::string(reinterpret_cast<const char*>(data), size), scenario, error);
     return 0;
 }
