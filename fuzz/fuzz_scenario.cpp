@@ -11,6 +11,7 @@
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     pmrecorder::Scenario scenario;
     std::string error;
-    pmrecorder::ParseScenarioText(std::string(reinterpret_cast<const char*>(data), size), scenario, error);
+    pmrecorder::ParseScenarioText(std::string(reinterpret_cast<const char*>(data), size), scenario,
+                                  error);
     return 0;
 }
