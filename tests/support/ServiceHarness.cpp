@@ -165,10 +165,15 @@ void ServiceHarness::ClearReceived() {
     m_received.clear();
 }
 
-bool ServiceHarness::Flush() {
+bool ServiceHarness::Flush(std::initializer_list<CMsgClientManage*> also) {
+    // Each client's messages arrive in the order it sent them, but not in order with another
+    // client's: every client that matters sends its own mark.
     const size_t before = Count(kFlushEvent);
     m_manage->GetMsgClient()->MSGSendMessage(0, kFlushEvent, 0, nullptr, 0, 10);
-    return WaitCount(kFlushEvent, before + 1);
+    for (CMsgClientManage* client : also) {
+        client->MSGSendMessage(0, kFlushEvent, 0, nullptr, 0, 10);
+    }
+    return WaitCount(kFlushEvent, before + 1 + also.size());
 }
 
 bool ServiceHarness::SendSetting(const std::vector<uint8_t>& record) {

@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <functional>
+#include <initializer_list>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -151,8 +152,9 @@ public:
         return Pump([&] { return Count(id) >= count; });
     }
     void ClearReceived();
-    // Every message the manager's client sent before this has reached the recorder.
-    bool Flush();
+    // Every message the manager's client sent before this has reached the recorder, and so
+    // has every message of the `also` clients (an independent instance's own, for one).
+    bool Flush(std::initializer_list<CMsgClientManage*> also = {});
     // Sends a serial, CAN or Ethernet setting (316, 360, 362, told by its size) and waits
     // until the manager has reconciled it.
     bool SendSetting(const std::vector<uint8_t>& record);

@@ -326,7 +326,7 @@ TEST(ExtendBoxLifecycle, ASilentBoxIsAskedAgainAndCountsOfflineFromTheThirdQuery
     f.end.Answer(0x04, Body("42 4F 58 2D 4D 43 55 2D 31"));
     ASSERT_TRUE(f.service->Logs().WaitFor(
         "S1_EXTEND_BOX: Response version, version = BOX-MCU-1, orgVersion = BOX-MCU-1"));
-    f.service->Flush();
+    f.service->Flush({box->GetMsgClient()});
     EXPECT_EQ(f.service->Count(EVENT_EXTEND_VERSION), 1u);
 
     // In service: a keep-alive every three seconds, and each answer starts the count again.
@@ -450,7 +450,7 @@ TEST(ExtendBoxVersion, TheCustomerRuleShapesWhatIsPublished) {
         const std::vector<char> other = pmtest::Message(kOtherId, request);
         box->OnGetExtendVersion(other.data(), static_cast<int>(other.size()));
         ASSERT_TRUE(f.service->WaitCount(answerId, 1));
-        f.service->Flush();
+        f.service->Flush({box->GetMsgClient()});
         ASSERT_EQ(f.service->Count(answerId), 1u);
         EXPECT_EQ(f.service->Count(EventAnswerOf(kOtherId)), 0u);
         const std::vector<uint8_t> record = f.service->Received(answerId)[0].payload;

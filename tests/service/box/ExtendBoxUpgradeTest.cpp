@@ -208,7 +208,7 @@ TEST(ExtendBoxUpgrade, AThousandBytesGoAsSixteenLinesThenEndThenStateTen) {
     u.service->Send(EVENT_GET_EXTEND_UPGRADE_STATE, std::vector<uint8_t>{4, 0, 1, 0});
     u.service->Send(EVENT_GET_EXTEND_UPGRADE_STATE, std::vector<uint8_t>{2, 0, 1, 0});
     ASSERT_TRUE(u.service->WaitCount(answerId, 1));
-    u.service->Flush();
+    u.service->Flush({u.box->GetMsgClient()});
     ASSERT_EQ(u.service->Count(answerId), 1u);
     const std::vector<uint8_t> record = u.service->Received(answerId)[0].payload;
     ASSERT_EQ(record.size(), 85u);
@@ -341,12 +341,12 @@ TEST(ExtendBoxUpgrade, TenSecondsOfSilenceFailAndLateAnswersStartNothing) {
     // Read after the three above: the version the finished upgrade made the box ask for.
     u.firmware.Send(boxsim::Answer(dev, 0x04, boxtest::Text("BOX-MCU-V1")));
     ASSERT_TRUE(u.service->Pump([&] { return (u.box->GetPendingSetup() & 1) == 0; }));
-    u.service->Flush();
+    u.service->Flush({u.box->GetMsgClient()});
     EXPECT_EQ(u.States().size(), states);
     EXPECT_EQ(u.firmware.Commands(0x03), 0) << "no END for a READY nobody waited for";
     EXPECT_EQ(u.firmware.Commands(0x02), 2);
     u.box->PeripheralThreadCycle(Common::Q7R_TMGetSystemMicroSecond() + 20000);
-    u.service->Flush();
+    u.service->Flush({u.box->GetMsgClient()});
     EXPECT_EQ(u.States().size(), states) << "nothing left to time out";
 }
 
@@ -391,7 +391,7 @@ TEST(ExtendBoxUpgrade, ATimeOutNeverInterleavesWithALine) {
         for (int i = 0; i < 50; ++i) {
             u.box->PeripheralThreadCycle(late + i);
         }
-        u.service->Flush();
+        u.service->Flush({u.box->GetMsgClient()});
         const std::vector<State> states = u.States();
         auto final = std::find_if(states.begin(), states.end(),
                                   [](const State& s) { return s.state == 9 || s.state == 10; });
@@ -419,7 +419,7 @@ TEST(UpgradeRouting, OnlyTheBoxThatAskedTakesTheFile) {
     u.service->Send(EVENT_GET_EXTEND_UPGRADE_STATE, std::vector<uint8_t>{0});
     ASSERT_TRUE(u.service->Pump(
         [&] { return u.service->Logs().Count("Request sv-can upgrade state") == 2; }));
-    u.service->Flush();
+    u.service->Flush({u.box->GetMsgClient()});
     EXPECT_TRUE(u.service->Received(EVENT_EXTEND_UPGRADE_STATE).empty());
     EXPECT_EQ(u.box->GetPendingSetup(), 0u);
     EXPECT_EQ(std::string(u.box->GetVersionText().data()), "BOX-MCU-V1");
@@ -546,7 +546,7 @@ TEST(HubBox, FiveUnansweredThenOfflineWithItsVersionAndIoStateCleared) {
     for (int i = 0; i < 50; ++i) {
         hub.box->PeripheralThreadCycle(hub.now += 200);
     }
-    ASSERT_TRUE(hub.service->Flush());
+    ASSERT_TRUE(hub.service->Flush({hub.box->GetMsgClient()}));
     EXPECT_EQ(hub.service->Count(EVENT_EXTEND_IO_STATE), 1u);
     EXPECT_FALSE(hub.service->Logs().Contains("Extend box online again"));
     EXPECT_TRUE(hub.service->Logs().Contains(
