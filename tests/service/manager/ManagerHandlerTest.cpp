@@ -3,6 +3,8 @@
 #include <stdio.h>
 #include <string.h>
 
+#include <algorithm>
+
 #include <string>
 #include <vector>
 
@@ -38,10 +40,16 @@ std::vector<uint8_t> Snapshot(TestManage& m) {
 }
 
 // The manager's own log lines since the last Clear().
+// The manager's own lines: those of its sources and of the units it reads records through.
 std::vector<std::string> ManagerLines(const pmtest::LogCapture& logs) {
+    static const char* const kManagerUnits[] = {"PeripheralManage", "StatusRecords", "AlarmSpeech",
+                                                "UDiskSelfTest", "PluginLoader"};
     std::vector<std::string> lines;
     for (const auto& record : logs.Records()) {
-        if (strstr(record.file, "PeripheralManage.cpp") != nullptr) {
+        const bool manager =
+            std::any_of(std::begin(kManagerUnits), std::end(kManagerUnits),
+                        [&](const char* unit) { return strstr(record.file, unit) != nullptr; });
+        if (manager) {
             lines.push_back(record.text);
         }
     }

@@ -14,6 +14,7 @@ class CMcuSerialOpt;
 class CMainChipSerialOpt;
 class CSerialDevOperate;
 class CSerialDevExtendBox;
+class CSubPortHost;
 
 // Where a serial peripheral is attached, from the index of its port entry in the serial
 // parameter setting.
@@ -141,7 +142,7 @@ private:
     void FindFatherSerial();
     CSerialDevOperate* DeviceLayer() const;
     // The father as the box it must be (the hub when it was found as one), or null.
-    CSerialDevExtendBox* FatherBox() const;
+    CSubPortHost* FatherBox() const;
     // Logs why a sub-port's request cannot go through its father box; returns -1.
     int FatherSerialUnavailable();
 };

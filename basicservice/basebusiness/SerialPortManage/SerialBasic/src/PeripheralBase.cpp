@@ -6,7 +6,6 @@
 #include "CommonLog.h"
 #include "CommonTime.h"
 #include "PeripheralManage.h"
-#include "SerialBase.h"
 #include "SerialDevOperate.h"
 
 namespace {
@@ -70,9 +69,9 @@ int CPeripheralBase::HandlePeripParamChange() {
 
 int CPeripheralBase::Initialize() {
     // Whole now: the serial reader may deliver what waited in the kernel meanwhile.
-    if (const auto* serial = dynamic_cast<const CSerialBase*>(this)) {
+    if (m_pPeripheralManage != nullptr) {
         if (CSerialDevOperate* layer = m_pPeripheralManage->GetSerialDevOperatePtr()) {
-            layer->serial_release_owner(serial);
+            layer->serial_release_owner(this);
         }
     }
     if (PeripheralInitialize() < 0) {

@@ -16,11 +16,10 @@
 #include "McuSerialOpt.h"
 #include "MutexGuard.h"
 #include "PeripheralManage.h"
-#include "SerialDevExtendBox.h"
-#include "SerialDevExtendBoxHub.h"
 #include "SerialDevOperate.h"
 #include "SerialFrame.h"
 #include "SerialReconcile.h"
+#include "SubPortHost.h"
 #include "PeripheralEvents.h"
 
 namespace {
@@ -519,7 +518,7 @@ int CSerialBase::AnalyseExtendFrameData(const char* frame, unsigned int length) 
         return 0;
     }
     // The hub box is a box with other ids; both take frames through the box's code.
-    if (auto* box = dynamic_cast<CSerialDevExtendBox*>(this)) {
+    if (auto* box = dynamic_cast<CSubPortHost*>(this)) {
         return box->DispatchExtendSerialData(length, frame);
     }
     PM_LOG(0, kLogTag, "Extend frame dropped, not a box, mainId = %d, subId = %d, length = %d\n",
@@ -569,7 +568,7 @@ int CSerialBase::SendDataToPeripheral(const char* data, unsigned int length) {
     }
     if (m_bExtend) {
         std::shared_lock<std::shared_mutex> links(FatherLinks());
-        CSerialDevExtendBox* father = FatherBox();
+        CSubPortHost* father = FatherBox();
         if (father == nullptr) {
             return FatherSerialUnavailable();
         }
@@ -580,11 +579,12 @@ int CSerialBase::SendDataToPeripheral(const char* data, unsigned int length) {
     return -1;
 }
 
-CSerialDevExtendBox* CSerialBase::FatherBox() const {
-    if (m_nExtendHubBoxNew) {
-        return dynamic_cast<CSerialDevExtendBoxHub*>(m_pFatherSerial);
+CSubPortHost* CSerialBase::FatherBox() const {
+    if (m_pFatherSerial == nullptr ||
+        (m_nExtendHubBoxNew && m_pFatherSerial->GetMainId() != PERIPHERAL_MAINID_EXTEND_HUB_BOX)) {
+        return nullptr;
     }
-    return dynamic_cast<CSerialDevExtendBox*>(m_pFatherSerial);
+    return dynamic_cast<CSubPortHost*>(m_pFatherSerial);
 }
 
 bool CSerialBase::DetachFather(const CSerialBase* father) {
@@ -632,7 +632,7 @@ int CSerialBase::SetMainChipSerialProperty(unsigned char mask, SerialBaudRate ba
                                                                    dataBit, stopBit, parity, flow);
         }
         std::shared_lock<std::shared_mutex> links(FatherLinks());
-        CSerialDevExtendBox* father = FatherBox();
+        CSubPortHost* father = FatherBox();
         if (father == nullptr) {
             return FatherSerialUnavailable();
         }

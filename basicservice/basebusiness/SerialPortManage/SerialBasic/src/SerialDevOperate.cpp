@@ -369,7 +369,7 @@ void CSerialDevOperate::serial_hold_owner(const CSerialBase* owner) {
     WakeReader();  // its ports leave select: their bytes wait in the kernel
 }
 
-void CSerialDevOperate::serial_release_owner(const CSerialBase* owner) {
+void CSerialDevOperate::serial_release_owner(const CPeripheralBase* owner) {
     MutexGuard table(m_TableLock);
     if (m_setHeldOwners.erase(owner) != 0) {
         WakeReader();

@@ -19,6 +19,7 @@
 #include "SerialDefine.h"
 #include "SerialPortWriter.h"
 
+class CPeripheralBase;
 class CSerialBase;
 struct termios;
 
@@ -84,7 +85,8 @@ public:
     // The serial base holds itself while it is constructed; CPeripheralBase::Initialize lets
     // go; the manager holds an instance again before its releaser runs. Any thread.
     void serial_hold_owner(const CSerialBase* owner);
-    void serial_release_owner(const CSerialBase* owner);
+    // Any instance may ask: one that holds no port is no owner here, and nothing happens.
+    void serial_release_owner(const CPeripheralBase* owner);
     // An owner going away: closes whatever port it still has (logged) and forgets its hold.
     void serial_forget_owner(const CSerialBase* owner);
     // The reader loop; returns only when the layer is being destroyed. Run it through
@@ -134,7 +136,7 @@ private:
     // left out of select for a while, so a hung-up tty cannot keep the reader spinning.
     std::map<int, long long> m_mapFailedRead;
     bool m_bSelectFailed;  // reader thread only: one log per run of select failures
-    std::set<const CSerialBase*> m_setHeldOwners;  // guarded by m_TableLock
+    std::set<const CPeripheralBase*> m_setHeldOwners;  // guarded by m_TableLock
     // Counts the table's changes (ports, holds); guarded by m_TableLock. A descriptor that
     // select reported may have been closed and its number given to another port since: the
     // reader reads only while the table is as its snapshot saw it.
