@@ -19,15 +19,7 @@
 
 namespace bench {
 
-inline void PutWord(char* p, uint32_t v) {
-    memcpy(p, &v, 4);  // the bench runs little-endian
-}
-
-inline uint32_t GetWord(const char* p) {
-    uint32_t v;
-    memcpy(&v, p, 4);
-    return v;
-}
+constexpr size_t kHead = Common::kMsgHeadSize;
 
 // Client A publishes `request` frames; client B, on its own thread, answers each with the
 // same payload under the answer id, and counts `burst` frames without answering.
@@ -48,8 +40,8 @@ public:
         m_server = std::thread([this] { Serve(); });
         // No confirmation protocol here: repeat until the path is up both ways.
         zmq_setsockopt(m_aSub, ZMQ_RCVTIMEO, &timeout, sizeof timeout);
-        std::vector<char> frame(16 + m_payload);
-        std::vector<char> answer(16 + m_payload);
+        std::vector<char> frame(kHead + m_payload);
+        std::vector<char> answer(kHead + m_payload);
         for (;;) {
             Request(frame.data());
             if (zmq_recv(m_aSub, answer.data(), answer.size(), 0) > 0) {
@@ -71,24 +63,24 @@ public:
     BareBusPair& operator=(const BareBusPair&) = delete;
 
     std::chrono::steady_clock::duration RoundTrip(const char* payload) {
-        std::copy(payload, payload + m_payload, m_frame.begin() + 16);
+        std::copy(payload, payload + m_payload, m_frame.begin() + kHead);
         auto t0 = std::chrono::steady_clock::now();
         uint32_t seq = Request(m_frame.data());
-        while (zmq_recv(m_aSub, m_answer.data(), m_answer.size(), 0) < 16 ||
-               GetWord(m_answer.data() + 8) != seq) {
+        while (zmq_recv(m_aSub, m_answer.data(), m_answer.size(), 0) < static_cast<int>(kHead) ||
+               Common::GetLe32(m_answer.data() + 8) != seq) {
         }
         return std::chrono::steady_clock::now() - t0;
     }
     std::chrono::steady_clock::duration Burst(const char* payload, int count) {
         m_burstSeen = 0;
         std::vector<char>& frame = m_frame;
-        std::copy(payload, payload + m_payload, frame.begin() + 16);
+        std::copy(payload, payload + m_payload, frame.begin() + kHead);
         auto t0 = std::chrono::steady_clock::now();
         for (int i = 0; i < count; ++i) {
-            PutWord(frame.data(), m_burst);
-            PutWord(frame.data() + 4, 1);
-            PutWord(frame.data() + 8, ++m_seq);
-            PutWord(frame.data() + 12, static_cast<uint32_t>(m_payload));
+            Common::PutLe32(frame.data(), m_burst);
+            Common::PutLe32(frame.data() + 4, 1);
+            Common::PutLe32(frame.data() + 8, ++m_seq);
+            Common::PutLe32(frame.data() + 12, static_cast<uint32_t>(m_payload));
             zmq_send(m_aPub, frame.data(), frame.size(), 0);
         }
         while (m_burstSeen.load() < count) {
@@ -107,34 +99,34 @@ private:
     }
     static void Subscribe(void* s, uint32_t id) { zmq_setsockopt(s, ZMQ_SUBSCRIBE, &id, 4); }
     uint32_t Request(char* frame) {
-        PutWord(frame, m_request);
-        PutWord(frame + 4, 1);
-        PutWord(frame + 8, ++m_seq);
-        PutWord(frame + 12, static_cast<uint32_t>(m_payload) | (1u << 23));
-        zmq_send(m_aPub, frame, 16 + m_payload, 0);
+        Common::PutLe32(frame, m_request);
+        Common::PutLe32(frame + 4, 1);
+        Common::PutLe32(frame + 8, ++m_seq);
+        Common::PutLe32(frame + 12, static_cast<uint32_t>(m_payload) | (1u << 23));
+        zmq_send(m_aPub, frame, kHead + m_payload, 0);
         return m_seq;
     }
     void Serve() {
         zmq_msg_t msg;
         zmq_msg_init(&msg);
         while (!m_stop) {
-            if (zmq_msg_recv(&msg, m_bSub, 0) < 16) {
+            if (zmq_msg_recv(&msg, m_bSub, 0) < static_cast<int>(kHead)) {
                 continue;
             }
             const char* in = static_cast<const char*>(zmq_msg_data(&msg));
-            if (GetWord(in) == m_burst) {
+            if (Common::GetLe32(in) == m_burst) {
                 m_burstSeen.fetch_add(1, std::memory_order_relaxed);
                 continue;
             }
-            size_t payload = zmq_msg_size(&msg) - 16;
+            size_t payload = zmq_msg_size(&msg) - kHead;
             zmq_msg_t out;
-            zmq_msg_init_size(&out, 16 + payload);
+            zmq_msg_init_size(&out, kHead + payload);
             char* o = static_cast<char*>(zmq_msg_data(&out));
-            PutWord(o, GetWord(in) | Common::kMsgAnswerBit);
-            PutWord(o + 4, 0);
-            PutWord(o + 8, GetWord(in + 8));
-            PutWord(o + 12, static_cast<uint32_t>(payload) | (1u << 24));
-            memcpy(o + 16, in + 16, payload);
+            Common::PutLe32(o, Common::GetLe32(in) | Common::kMsgAnswerBit);
+            Common::PutLe32(o + 4, 0);
+            Common::PutLe32(o + 8, Common::GetLe32(in + 8));
+            Common::PutLe32(o + 12, static_cast<uint32_t>(payload) | (1u << 24));
+            memcpy(o + kHead, in + kHead, payload);
             zmq_msg_send(&out, m_bPub, 0);
         }
         zmq_msg_close(&msg);
@@ -143,8 +135,8 @@ private:
     uint32_t m_request;
     uint32_t m_burst;
     size_t m_payload;
-    std::vector<char> m_frame = std::vector<char>(16 + m_payload);
-    std::vector<char> m_answer = std::vector<char>(16 + m_payload);
+    std::vector<char> m_frame = std::vector<char>(kHead + m_payload);
+    std::vector<char> m_answer = std::vector<char>(kHead + m_payload);
     void* m_ctx;
     void* m_aPub;
     void* m_aSub;

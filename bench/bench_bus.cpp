@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "CommonLog.h"
+#include "BusWire.h"
 #include "MsgBroker.h"
 #include "MsgClientManage.h"
 #include "BareBus.h"
@@ -48,7 +49,8 @@ public:
     BusPair() : m_a("bench.A", 300000), m_b("bench.B", 300000) {
         m_b.RegisterHandler(2, kRequest, [this](const char* data, int len) {
             auto* head = reinterpret_cast<Common::SMessageHead*>(const_cast<char*>(data));
-            return m_b.MSGResponseMessage(head, data + 16, len - 16);
+            return m_b.MSGResponseMessage(head, data + Common::kMsgHeadSize,
+                                          len - static_cast<int>(Common::kMsgHeadSize));
         });
         m_b.RegisterHandler(2, kBurstEvent, [this](const char*, int) {
             m_burstSeen.fetch_add(1, std::memory_order_relaxed);

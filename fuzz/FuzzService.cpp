@@ -1,4 +1,5 @@
 #include "FuzzService.h"
+#include "BusWire.h"
 
 #include <fcntl.h>
 #include <stdlib.h>
@@ -64,7 +65,7 @@ struct World {
     }
 
     void Deliver(int eventId, const void* record, size_t size) {
-        std::string message(16, '\0');
+        std::string message(Common::kMsgHeadSize, '\0');
         const uint32_t length = static_cast<uint32_t>(size);
         memcpy(&message[12], &length, sizeof length);
         message.append(static_cast<const char*>(record), size);

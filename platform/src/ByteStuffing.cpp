@@ -1,12 +1,12 @@
-#include "GuiToolkit.h"
+#include "ByteStuffing.h"
 
 #include <limits.h>
 
 namespace {
 
-constexpr unsigned char kStartMark = 0x7E;
-constexpr unsigned char kEndMark = 0x7F;
-constexpr unsigned char kEscape = 0x7D;
+constexpr unsigned char kStartMark = Common::kFrameStartMark;
+constexpr unsigned char kEndMark = Common::kFrameEndMark;
+constexpr unsigned char kEscape = Common::kFrameEscape;
 // 7D/7E/7F travel as 7D followed by 5D/5E/5F: the byte with bit 5 flipped.
 constexpr unsigned char kEscapeFlip = 0x20;
 

@@ -166,8 +166,8 @@ std::string FormatMessage(const uint8_t* message, size_t size, const struct time
     snprintf(text, sizeof text, " %u %s from=%u seq=%u %s len=%u", head.eventId,
              name.empty() ? "?" : name.c_str(), head.senderId, head.seq, Flags(head), head.length);
     std::string line = Clock(when) + text;
-    const uint8_t* payload = message + 16;
-    size_t received = size - 16;
+    const uint8_t* payload = message + Common::kMsgHeadSize;
+    size_t received = size - Common::kMsgHeadSize;
     if (received != head.length) {
         line += " (got " + std::to_string(received) + ")";
     }

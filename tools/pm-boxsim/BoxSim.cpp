@@ -3,14 +3,15 @@
 #include <cctype>
 #include <cstdio>
 
-#include "GuiToolkit.h"
+#include "BusWire.h"
+#include "ByteStuffing.h"
 
 namespace boxsim {
 
 namespace {
 
-constexpr uint8_t kStart = 0x7E;
-constexpr uint8_t kEnd = 0x7F;
+constexpr uint8_t kStart = Common::kFrameStartMark;
+constexpr uint8_t kEnd = Common::kFrameEndMark;
 constexpr uint8_t kCmdUpgradeStart = 0x01;
 constexpr uint8_t kCmdUpgradeData = 0x02;
 constexpr uint8_t kCmdUpgradeEnd = 0x03;
@@ -24,15 +25,10 @@ constexpr uint8_t kCmdMcuTestAnswer = 0x40;  // ... answered as 0x40
 constexpr uint8_t kCmdLinkMode = 0xA0;
 constexpr uint8_t kSubDataDevice = 0xFF;  // device byte of the data a sub-port device sent
 
-uint32_t Be32(const uint8_t* p) {
-    return static_cast<uint32_t>(p[0]) << 24 | static_cast<uint32_t>(p[1]) << 16 |
-           static_cast<uint32_t>(p[2]) << 8 | p[3];
-}
-
-void PutBe32(std::vector<uint8_t>& out, uint32_t v) {
-    for (int shift = 24; shift >= 0; shift -= 8) {
-        out.push_back(static_cast<uint8_t>(v >> shift));
-    }
+void AppendBe32(std::vector<uint8_t>& out, uint32_t v) {
+    const size_t at = out.size();
+    out.resize(at + 4);
+    Common::PutBe32(out.data() + at, v);
 }
 
 }  // namespace
@@ -208,7 +204,7 @@ void BoxModel::Upgrade(const Frame& in, Output& out) {
             out.toLine.push_back(Own(kCmdUpgradeStart, {'B', 'U', 'S', 'Y', '!', 0}));
             return;
         }
-        m_imageLength = Be32(payload.data() + 5);
+        m_imageLength = Common::GetBe32(payload.data() + 5);
         m_image.clear();
         m_lineSizes.clear();
         m_nextLine = 1;
@@ -219,12 +215,12 @@ void BoxModel::Upgrade(const Frame& in, Output& out) {
         if (payload.size() < 4) {
             return;
         }
-        const uint32_t line = Be32(payload.data());
+        const uint32_t line = Common::GetBe32(payload.data());
         if (faults.stopAfterLine > 0 && line >= static_cast<uint32_t>(faults.stopAfterLine)) {
             return;
         }
         std::vector<uint8_t> answer;
-        PutBe32(answer, line);
+        AppendBe32(answer, line);
         // A line past the length START announced is refused, as the firmware's flash
         // would have no room for it.
         const bool fits = m_image.size() + (payload.size() - 4) <= m_imageLength;
@@ -240,7 +236,7 @@ void BoxModel::Upgrade(const Frame& in, Output& out) {
         return;
     }
     const bool good = payload.size() >= 7 && m_image.size() == m_imageLength &&
-                      Be32(payload.data() + 3) == ImageCrc(m_image);
+                      Common::GetBe32(payload.data() + 3) == ImageCrc(m_image);
     if (good) {
         m_done = m_image;
         ++m_upgrades;

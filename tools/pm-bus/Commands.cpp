@@ -1,4 +1,5 @@
 #include "Commands.h"
+#include "BusWire.h"
 
 #include <signal.h>
 #include <string.h>
@@ -86,8 +87,8 @@ bool IsOwnRequest(const char* data, int len, const Arguments& args, pmtools::Hea
     return len > 0 && pmtools::ReadHead(bytes, static_cast<size_t>(len), head) &&
            head.senderId == args.from && head.needAnswer && !head.isAnswer &&
            head.length == args.payload.size() &&
-           static_cast<size_t>(len) == 16 + args.payload.size() &&
-           std::equal(args.payload.begin(), args.payload.end(), bytes + 16);
+           static_cast<size_t>(len) == Common::kMsgHeadSize + args.payload.size() &&
+           std::equal(args.payload.begin(), args.payload.end(), bytes + Common::kMsgHeadSize);
 }
 
 }  // namespace

@@ -15,6 +15,7 @@
 #include <thread>
 
 #include "CommonLog.h"
+#include "BusWire.h"
 #include "EventNames.h"
 #include "MsgBroker.h"
 #include "MsgClientManage.h"
@@ -183,13 +184,14 @@ public:
 
 private:
     int OnFeed(const char* data, int len) {
-        if (m_stop.load() || data == nullptr || len < 16) {
+        if (m_stop.load() || data == nullptr || len < static_cast<int>(Common::kMsgHeadSize)) {
             return 0;
         }
         std::string name;
         long long clock = 0;
-        if (!pmtools::CWatchdogTracker::ParseFeed(reinterpret_cast<const uint8_t*>(data) + 16,
-                                                  static_cast<size_t>(len) - 16, name, clock)) {
+        if (!pmtools::CWatchdogTracker::ParseFeed(
+                reinterpret_cast<const uint8_t*>(data) + Common::kMsgHeadSize,
+                static_cast<size_t>(len) - Common::kMsgHeadSize, name, clock)) {
             Common::LogOutputPrintf("pm-host: watchdog: ignoring a feed of %d bytes\n", len);
             return 0;
         }

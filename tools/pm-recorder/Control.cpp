@@ -1,4 +1,5 @@
 #include "Control.h"
+#include "BusWire.h"
 
 #include <unistd.h>
 
@@ -33,10 +34,11 @@ bool SendControl(const std::string& command, int timeoutMs, CommandReply& reply,
     client.RegisterHandler(kControlModuleId,
                            static_cast<int>(kControlEvent | Common::kMsgAnswerBit),
                            [&](const char* msg, int len) {
-                               if (msg == nullptr || len < 16) {
+                               if (msg == nullptr || len < static_cast<int>(Common::kMsgHeadSize)) {
                                    return 0;
                                }
-                               std::string text(msg + 16, static_cast<size_t>(len) - 16);
+                               std::string text(msg + Common::kMsgHeadSize,
+                                                static_cast<size_t>(len) - Common::kMsgHeadSize);
                                text = text.substr(0, text.find('\0'));
                                if (text.compare(0, nonce.size() + 1, nonce + " ") == 0) {
                                    std::lock_guard<std::mutex> guard(lock);

@@ -18,6 +18,7 @@
 
 #include <gtest/gtest.h>
 
+#include "MainChipSerialOpt.h"
 #include "Pty.h"
 #include "SerialBase.h"
 #include "ConsoleOutput.h"
@@ -30,7 +31,7 @@ namespace {
 using pmtest::Pty;
 using pmtest::WaitUntil;
 
-constexpr int kOpenFlags = 2306;  // what the serial base opens with
+constexpr int kOpenFlags = kMainChipOpenFlags;  // what the serial base opens with
 
 // ---- configuration words and pure termios work ----
 

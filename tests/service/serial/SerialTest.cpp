@@ -120,7 +120,7 @@ TEST(SerialPlacement, LinkFollowsThePortIndex) {
         }
         if (c.type == SERIAL_LINK_NONE) {
             EXPECT_EQ(serial.SendDataToPeripheral("x", 1), -1);
-            EXPECT_EQ(serial.OpenMainChipSerial("/dev/null", true, 2306), -1);
+            EXPECT_EQ(serial.OpenMainChipSerial("/dev/null", true, kMainChipOpenFlags), -1);
             EXPECT_FALSE(serial.GetCurPeripOpenStatus());
         }
     }
@@ -367,7 +367,7 @@ TEST(MainChipSerial, AFailedReopenKeepsThePortAndItGoesWithTheInstance) {
     auto serial = std::make_unique<TestSerial>(*service, kPlainId);
     const int fd = serial->MainChipLink()->GetSerialFd();
     ASSERT_GE(fd, 0);
-    EXPECT_EQ(serial->OpenMainChipSerial(other.SlavePath(), true, 2306), -3);
+    EXPECT_EQ(serial->OpenMainChipSerial(other.SlavePath(), true, kMainChipOpenFlags), -3);
     EXPECT_EQ(serial->MainChipLink()->GetSerialFd(), fd);
     EXPECT_TRUE(serial->GetCurPeripOpenStatus());
     EXPECT_TRUE(

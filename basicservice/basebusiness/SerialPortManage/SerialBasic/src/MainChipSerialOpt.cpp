@@ -14,7 +14,6 @@ namespace {
 
 constexpr const char kLogTag[] = "MainChip_Opt: ";
 
-constexpr int kMainChipOpenFlags = 2306;  // O_RDWR | O_NOCTTY | O_NONBLOCK
 constexpr unsigned int kOccupiedRetryMs = 1000;
 // The 1 s wait is sliced so that clearing the run flag ends the thread promptly.
 constexpr unsigned int kWaitSliceMs = 10;

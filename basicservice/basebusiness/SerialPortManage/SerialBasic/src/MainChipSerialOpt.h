@@ -11,6 +11,9 @@
 class CSerialBase;
 class CSerialDevOperate;
 
+// How a main-chip tty is opened: O_RDWR | O_NOCTTY | O_NONBLOCK, as the recorder writes it.
+constexpr int kMainChipOpenFlags = 2306;
+
 class BASICSERVICE_API CMainChipSerialOpt {
 public:
     explicit CMainChipSerialOpt(CSerialBase* owner);

@@ -131,3 +131,17 @@ int CMcuSerialOpt::SendDataToPeripheral(const char* data, unsigned int length) {
                                                   static_cast<int>(m_pSerialBase->GetMsgId()));
     return 0;
 }
+
+unsigned char McuStopBitCode(SerialStopBitMode stopBit) {
+    switch (stopBit) {
+        case SERIAL_STOP_BIT_1:
+            return 1;
+        case SERIAL_STOP_BIT_0_5:
+            return 0;
+        case SERIAL_STOP_BIT_1_5:
+            return 2;
+        case SERIAL_STOP_BIT_2:
+            return 3;
+    }
+    return 1;
+}

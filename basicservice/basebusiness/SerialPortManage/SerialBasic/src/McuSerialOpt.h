@@ -3,6 +3,8 @@
 #ifndef SERIALBASIC_MCU_SERIAL_OPT_H
 #define SERIALBASIC_MCU_SERIAL_OPT_H
 
+#include "SerialDefine.h"
+
 class CSerialBase;
 
 class CMcuSerialOpt {
@@ -20,5 +22,8 @@ public:
 private:
     CSerialBase* m_pSerialBase;  // not owned
 };
+
+// Stop-bit code of the MCU's settings message (message 6735, byte 5).
+unsigned char McuStopBitCode(SerialStopBitMode stopBit);
 
 #endif

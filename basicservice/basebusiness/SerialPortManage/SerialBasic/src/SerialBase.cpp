@@ -30,7 +30,6 @@ constexpr unsigned int kDefaultBufferSize = 2048;
 constexpr unsigned int kMaxBufferSize = 0x100000;
 // What one delivery may leave in the buffer before older bytes are dropped, and what one
 // GetSerialBufferData hands out.
-constexpr int kMainChipOpenFlags = 2306;  // O_RDWR | O_NOCTTY | O_NONBLOCK
 constexpr unsigned char kStatusReuseMaintainPort = 6;
 constexpr unsigned int kForceReportArg = 5;
 constexpr unsigned int kMainIdPortGroup = 7;  // reported on ports of their own
@@ -131,20 +130,6 @@ int BuildExtendDataFrame(unsigned char extendId, const unsigned char* data, unsi
     }
     memcpy(out, stuffed.data(), static_cast<size_t>(n));
     return n;
-}
-
-unsigned char McuStopBitCode(SerialStopBitMode stopBit) {
-    switch (stopBit) {
-        case SERIAL_STOP_BIT_1:
-            return 1;
-        case SERIAL_STOP_BIT_0_5:
-            return 0;
-        case SERIAL_STOP_BIT_1_5:
-            return 2;
-        case SERIAL_STOP_BIT_2:
-            return 3;
-    }
-    return 1;
 }
 
 // ---- construction ----

@@ -1,15 +1,16 @@
 // Byte work of the serial base, apart from ports and the bus: cutting extension-box frames out
-// of a received stream, wrapping a peripheral's bytes into that frame, and the MCU's codes.
+// of a received stream and wrapping a peripheral's bytes into that frame.
 #ifndef SERIALBASIC_SERIAL_FRAME_H
 #define SERIALBASIC_SERIAL_FRAME_H
 
 #include <cstdint>
 
+#include "ByteStuffing.h"
 #include "SerialDefine.h"
 
 enum : unsigned char {
-    SERIAL_FRAME_START = 0x7E,
-    SERIAL_FRAME_END = 0x7F,
+    SERIAL_FRAME_START = Common::kFrameStartMark,
+    SERIAL_FRAME_END = Common::kFrameEndMark,
 };
 
 enum eExtendFrameScan {
@@ -28,8 +29,5 @@ eExtendFrameScan ScanExtendFrame(const unsigned char* data, unsigned int length,
 // when `length` is 0 or the stuffed frame would not fit `outSize` bytes.
 int BuildExtendDataFrame(unsigned char extendId, const unsigned char* data, unsigned int length,
                          unsigned char* out, unsigned int outSize);
-
-// Stop-bit code of the MCU's settings message (message 6735, byte 5).
-unsigned char McuStopBitCode(SerialStopBitMode stopBit);
 
 #endif
