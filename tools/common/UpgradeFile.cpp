@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "Checksum.h"
 #include "BusWire.h"
 
 namespace pmtools {
@@ -23,14 +24,7 @@ constexpr char kMagic[] = "PMFW";
 }  // namespace
 
 uint32_t UpgradeCrc(const uint8_t* data, size_t size) {
-    uint32_t crc = 0;
-    for (size_t i = 0; i < size; ++i) {
-        crc ^= data[i];
-        for (int k = 0; k < 8; ++k) {
-            crc = (crc & 1) ? (crc >> 1) ^ 0xEDB88320u : crc >> 1;
-        }
-    }
-    return crc;
+    return Common::Crc32Register(0, data, size);
 }
 
 std::vector<uint8_t> MakeUpgradeFile(const std::vector<uint8_t>& image,

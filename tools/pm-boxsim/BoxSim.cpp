@@ -5,6 +5,7 @@
 
 #include "BusWire.h"
 #include "ByteStuffing.h"
+#include "Checksum.h"
 
 namespace boxsim {
 
@@ -260,14 +261,7 @@ Frame BoxModel::IoReport(uint8_t state) const {
 }
 
 uint32_t ImageCrc(const std::vector<uint8_t>& image) {
-    uint32_t crc = 0;
-    for (uint8_t b : image) {
-        crc ^= b;
-        for (int k = 0; k < 8; ++k) {
-            crc = (crc & 1) ? (crc >> 1) ^ 0xEDB88320u : crc >> 1;
-        }
-    }
-    return crc;
+    return Common::Crc32Register(0, image.data(), image.size());
 }
 
 bool ParseHex(const std::string& text, std::vector<uint8_t>& out) {

@@ -194,9 +194,9 @@ void WriteAll(int fd, const std::vector<uint8_t>& bytes, int waitMs) {
     }
 }
 
-class Simulator {
+class BoxSimulator {
 public:
-    explicit Simulator(const Args& args) : m_args(args), m_model(args.box) {}
+    explicit BoxSimulator(const Args& args) : m_args(args), m_model(args.box) {}
 
     bool Open() {
         if (!m_args.scriptFile.empty() && !LoadScript(m_args.scriptFile, m_model)) {
@@ -413,7 +413,7 @@ int main(int argc, char** argv) {
     signal(SIGINT, Quit);
     signal(SIGTERM, Quit);
     signal(SIGPIPE, SIG_IGN);
-    Simulator simulator(args);
+    BoxSimulator simulator(args);
     if (!simulator.Open()) {
         return 1;
     }

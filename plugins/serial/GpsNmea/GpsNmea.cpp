@@ -26,12 +26,7 @@ CGpsNmea::CGpsNmea(CPeripheralManage* manage, CMsgClientManage* client, unsigned
 CGpsNmea::~CGpsNmea() = default;
 
 int CGpsNmea::PeripheralInitialize() {
-    const PeripheralProperty& property = GetSerialProperty();
-    int result = SetMainChipSerialProperty(SERIAL_PROPERTY_ALL, SERIAL_BAUD_9600,
-                                           static_cast<SerialDataBitMode>(property.dataBit),
-                                           static_cast<SerialStopBitMode>(property.stopBit),
-                                           static_cast<SerialParityMode>(property.parity),
-                                           static_cast<SerialFlowControlMode>(property.flow));
+    const int result = SetBaudKeepingLine(SERIAL_BAUD_9600);
     PM_LOG(2, kLogTag, "line set to 9600 baud, mainId = %d, subId = %d, result = %d\n", m_nMainId,
            m_nSubId, result);
     return 0;  // a port that is not open yet is no reason to give up the instance

@@ -29,12 +29,7 @@ CLoopbackTest::~CLoopbackTest() {
 }
 
 int CLoopbackTest::PeripheralInitialize() {
-    const PeripheralProperty& property = GetSerialProperty();
-    int result = SetMainChipSerialProperty(SERIAL_PROPERTY_ALL, SERIAL_BAUD_115200,
-                                           static_cast<SerialDataBitMode>(property.dataBit),
-                                           static_cast<SerialStopBitMode>(property.stopBit),
-                                           static_cast<SerialParityMode>(property.parity),
-                                           static_cast<SerialFlowControlMode>(property.flow));
+    const int result = SetBaudKeepingLine(SERIAL_BAUD_115200);
     PM_LOG(2, kLogTag, "line set to 115200 baud, mainId = %d, subId = %d, result = %d\n", m_nMainId,
            m_nSubId, result);
     return 0;

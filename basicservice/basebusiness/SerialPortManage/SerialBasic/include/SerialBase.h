@@ -65,6 +65,17 @@ public:
     virtual int SetMainChipSerialProperty(unsigned char mask, SerialBaudRate baud,
                                           SerialDataBitMode dataBit, SerialStopBitMode stopBit,
                                           SerialParityMode parity, SerialFlowControlMode flow);
+    // The line at `baud`, its other settings as the configuration gives them: what a protocol
+    // that needs one speed sets in PeripheralInitialize. Inline, so that it is no entry point
+    // of the library.
+    int SetBaudKeepingLine(SerialBaudRate baud) {
+        const PeripheralProperty& property = GetSerialProperty();
+        return SetMainChipSerialProperty(SERIAL_PROPERTY_ALL, baud,
+                                         static_cast<SerialDataBitMode>(property.dataBit),
+                                         static_cast<SerialStopBitMode>(property.stopBit),
+                                         static_cast<SerialParityMode>(property.parity),
+                                         static_cast<SerialFlowControlMode>(property.flow));
+    }
 
     // Placement from the serial parameter setting and the configured property. Returns 0.
     int InitSerialProperty();

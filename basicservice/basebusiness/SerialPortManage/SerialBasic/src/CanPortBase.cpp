@@ -7,7 +7,7 @@
 #include <memory>
 #include <string>
 
-#include "BusMessage.h"
+#include "MsgView.h"
 #include "CommonLog.h"
 #include "PeripheralManage.h"
 #include "PeripheralEvents.h"

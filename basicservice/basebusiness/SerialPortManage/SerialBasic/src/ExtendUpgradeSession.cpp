@@ -4,29 +4,11 @@
 #include <string.h>
 
 #include "BusWire.h"
+#include "Checksum.h"
 #include "CommonLog.h"
 
 unsigned long Crc_32(unsigned long crc, const unsigned char* data, unsigned long len) {
-    static const struct Table {
-        uint32_t v[256];
-        Table() : v() {
-            for (uint32_t n = 0; n < 256; ++n) {
-                uint32_t c = n;
-                for (int k = 0; k < 8; ++k) {
-                    c = (c & 1) ? 0xEDB88320u ^ (c >> 1) : c >> 1;
-                }
-                v[n] = c;
-            }
-        }
-    } table;
-    if (data == nullptr) {
-        return crc;
-    }
-    uint32_t reg = static_cast<uint32_t>(crc);
-    for (unsigned long i = 0; i < len; ++i) {
-        reg = table.v[(reg ^ data[i]) & 0xFF] ^ (reg >> 8);
-    }
-    return reg;
+    return Common::Crc32Register(static_cast<uint32_t>(crc), data, len);
 }
 
 CExtendUpgradeSession::CExtendUpgradeSession() : m_records() {

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "BusMessage.h"
+#include "MsgView.h"
 #include "CommonLog.h"
 #include "ConsoleOutput.h"
 #include "PeripheralManage.h"

@@ -2,7 +2,7 @@
 
 #include <string.h>
 
-#include "BusMessage.h"
+#include "MsgView.h"
 #include "CommonLog.h"
 #include "ConsoleOutput.h"
 #include "MutexGuard.h"

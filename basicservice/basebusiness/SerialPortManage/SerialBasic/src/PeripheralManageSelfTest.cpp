@@ -3,7 +3,7 @@
 #include <stdio.h>
 #include <string.h>
 
-#include "BusMessage.h"
+#include "MsgView.h"
 #include "CommonLog.h"
 #include "PeripheralEvents.h"
 #include "PeripheralManageInternal.h"

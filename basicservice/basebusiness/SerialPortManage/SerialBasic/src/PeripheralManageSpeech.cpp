@@ -4,7 +4,7 @@
 #include <string.h>
 
 #include "AlarmSpeech.h"
-#include "BusMessage.h"
+#include "MsgView.h"
 #include "CommonLog.h"
 #include "MutexGuard.h"
 #include "PeripheralManageInternal.h"

@@ -6,7 +6,7 @@
 
 #include <algorithm>
 
-#include "BusMessage.h"
+#include "MsgView.h"
 #include "CommonLog.h"
 #include "ConsoleOutput.h"
 #include "MutexGuard.h"

@@ -20,7 +20,7 @@
 #include "CommonLog.h"
 #include "ConsoleOutput.h"
 #include "CommonThread.h"
-#include "BusMessage.h"
+#include "MsgView.h"
 #include "MutexGuard.h"
 #include "SerialBase.h"
 #include "SysConfig.h"
@@ -799,8 +799,30 @@ void CSerialDevOperate::serial_read() {
 }
 
 void CSerialDevOperate::ReadOnePass() {
+    fd_set readSet;
+    if (WaitForPorts(readSet) < 1) {
+        return;
+    }
     const int wake = m_nWakePipe[0];
-    fd_set readSet = m_ReadSetBase;
+    if (wake >= 0 && wake < FD_SETSIZE && FD_ISSET(wake, &readSet)) {
+        char drain[16];
+        while (read(wake, drain, sizeof drain) > 0) {
+        }
+    }
+    // One port per pass, the lowest first; the others are still pending on the next pass.
+    for (int candidate : m_vecReadFds) {
+        if (FD_ISSET(candidate, &readSet)) {
+            if (candidate > 0) {
+                ReadAndDeliver(candidate);
+            }
+            return;
+        }
+    }
+}
+
+int CSerialDevOperate::WaitForPorts(fd_set& readSet) {
+    const int wake = m_nWakePipe[0];
+    readSet = m_ReadSetBase;
     int top = m_nMaxFd;
     if (wake >= 0 && wake < FD_SETSIZE) {
         top = std::max(top, wake);
@@ -816,37 +838,22 @@ void CSerialDevOperate::ReadOnePass() {
     struct timeval timeout;
     timeout.tv_sec = waitMs / 1000;
     timeout.tv_usec = (waitMs % 1000) * 1000;
-    int ready = select(top + 1, &readSet, writes, nullptr, &timeout);
+    const int ready = select(top + 1, &readSet, writes, nullptr, &timeout);
     if (writes != nullptr) {
         FlushWaitingWrites(ready > 0 ? writeSet : fd_set{});
     }
     if (ready < 0) {
-        int error = errno;
+        const int error = errno;
         if (error != EINTR) {
             NoteSelectFailure(error);
         }
-        return;
+        return ready;
     }
     m_bSelectFailed = false;
-    if (ready < 1) {
-        return;
-    }
-    if (wake >= 0 && wake < FD_SETSIZE && FD_ISSET(wake, &readSet)) {
-        char drain[16];
-        while (read(wake, drain, sizeof drain) > 0) {
-        }
-    }
-    // One port per pass, the lowest first; the others are still pending on the next pass.
-    int fd = -1;
-    for (int candidate : m_vecReadFds) {
-        if (FD_ISSET(candidate, &readSet)) {
-            fd = candidate;
-            break;
-        }
-    }
-    if (fd <= 0) {
-        return;
-    }
+    return ready;
+}
+
+void CSerialDevOperate::ReadAndDeliver(int fd) {
     // One hold of the table lock for the read, the delivery and its bookkeeping: a port
     // closed meanwhile cannot have its number reused by a port select never saw, whose
     // blocking read would hold the reader.

@@ -104,6 +104,11 @@ private:
     void TakeReadSnapshot();
     // One reader pass on the snapshot: select, then serve the lowest ready fd.
     void ReadOnePass();
+    // select on the snapshot's ports and the wake pipe (and on the ports whose queued writes
+    // wait for room, flushed here): select's answer, -1 on failure.
+    int WaitForPorts(fd_set& readSet);
+    // Reads `fd` once and delivers what came, under the table lock, unless the table changed.
+    void ReadAndDeliver(int fd);
     // serial_cache_data and the bookkeeping of a read, m_TableLock held.
     void CacheDataLocked(int fd, const char* data, int length);
     void NoteReadResultLocked(int fd, int result, int error);

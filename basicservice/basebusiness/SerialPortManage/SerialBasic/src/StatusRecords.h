@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <string>
 
-#include "BusMessage.h"
+#include "MsgView.h"
 
 namespace status {
 

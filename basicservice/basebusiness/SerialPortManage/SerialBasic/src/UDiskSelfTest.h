@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "BusMessage.h"
+#include "MsgView.h"
 #include "PeripheralDefine.h"
 #include "SysConfig.h"
 

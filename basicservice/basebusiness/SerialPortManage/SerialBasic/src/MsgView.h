@@ -1,6 +1,6 @@
 // A received bus message, read field by field without ever leaving it.
-#ifndef SERIALBASIC_BUS_MESSAGE_H
-#define SERIALBASIC_BUS_MESSAGE_H
+#ifndef SERIALBASIC_MSG_VIEW_H
+#define SERIALBASIC_MSG_VIEW_H
 
 #include <string.h>
 
