@@ -170,6 +170,13 @@ struct CMsgBroker::Impl {
     explicit Impl(BusEndpoints ep) : endpoints(std::move(ep)) {}
 
     int StartLocked();
+    // The lock file, and no broker already answering at an ipc address: 0, else StartLocked's
+    // answer.
+    int ClaimIpc();
+    // The context and both sockets with their limits; false (cleaned up) when any fails.
+    bool MakeSockets();
+    // Both addresses bound: 0, else StartLocked's answer (cleaned up).
+    int BindBoth(bool ipc);
     void StopLocked();
     int AcquireLock();
     void ReleaseLock();
@@ -321,59 +328,18 @@ int CMsgBroker::Impl::StartLocked() {
         PM_LOG(0, kLogTag, "no bus address to serve\n");
         return -1;
     }
-    bool ipc = StartsWith(endpoints.in, kIpc);
+    const bool ipc = StartsWith(endpoints.in, kIpc);
     if (ipc) {
-        int rc = AcquireLock();
+        const int rc = ClaimIpc();
         if (rc != 0) {
             return rc;
         }
-        // The lock file can be deleted under a running broker; its sockets cannot be faked.
-        for (const std::string& endpoint : {endpoints.in, endpoints.out}) {
-            if (IpcAnswers(IpcPath(endpoint))) {
-                PM_LOG(0, kLogTag,
-                       "a broker answers at %s although the lock file %s was "
-                       "missing; not taking over\n",
-                       endpoint.c_str(), endpoints.lock.c_str());
-                ReleaseLock();
-                return 1;
-            }
-        }
     }
-    ctx = zmq_ctx_new();
-    if (ctx == nullptr) {
-        PM_LOG(0, kLogTag, "zmq_ctx_new: %s\n", zmq_strerror(zmq_errno()));
-        ReleaseLock();
+    if (!MakeSockets()) {
         return -1;
     }
-    xsub = zmq_socket(ctx, ZMQ_XSUB);
-    xpub = zmq_socket(ctx, ZMQ_XPUB);
-    int input = kInputHighWaterMark;
-    int perSubscriber = subscriberLimit;
-    int linger = 0;
-    if (xsub == nullptr || xpub == nullptr ||
-        zmq_setsockopt(xsub, ZMQ_RCVHWM, &input, sizeof input) != 0 ||
-        zmq_setsockopt(xsub, ZMQ_MAXMSGSIZE, &kMsgMaxSize, sizeof kMsgMaxSize) != 0 ||
-        zmq_setsockopt(xpub, ZMQ_MAXMSGSIZE, &kMsgMaxSize, sizeof kMsgMaxSize) != 0 ||
-        zmq_setsockopt(xpub, ZMQ_SNDHWM, &perSubscriber, sizeof perSubscriber) != 0 ||
-        zmq_setsockopt(xsub, ZMQ_LINGER, &linger, sizeof linger) != 0 ||
-        zmq_setsockopt(xpub, ZMQ_LINGER, &linger, sizeof linger) != 0) {
-        PM_LOG(0, kLogTag, "cannot make sockets: %s\n", zmq_strerror(zmq_errno()));
-        Cleanup();
-        return -1;
-    }
-    int rc = Bind(xsub, endpoints.in);
-    boundIn = ipc && rc == 0;
-    if (rc == 0) {
-        rc = Bind(xpub, endpoints.out);
-        boundOut = ipc && rc == 0;
-        if (rc == 1) {
-            // A broker would hold "in" too: something else took this port.
-            PM_LOG(0, kLogTag, "%s is taken by another program\n", endpoints.out.c_str());
-            rc = -1;
-        }
-    }
+    const int rc = BindBoth(ipc);
     if (rc != 0) {
-        Cleanup();
         return rc;
     }
     // Publishers send everything to the broker and the broker's XPUB does all the filtering.
@@ -392,6 +358,69 @@ int CMsgBroker::Impl::StartLocked() {
     running = true;
     PM_LOG(1, kLogTag, "serving %s -> %s\n", endpoints.in.c_str(), endpoints.out.c_str());
     return 0;
+}
+
+int CMsgBroker::Impl::ClaimIpc() {
+    const int rc = AcquireLock();
+    if (rc != 0) {
+        return rc;
+    }
+    // The lock file can be deleted under a running broker; its sockets cannot be faked.
+    for (const std::string& endpoint : {endpoints.in, endpoints.out}) {
+        if (IpcAnswers(IpcPath(endpoint))) {
+            PM_LOG(0, kLogTag,
+                   "a broker answers at %s although the lock file %s was "
+                   "missing; not taking over\n",
+                   endpoint.c_str(), endpoints.lock.c_str());
+            ReleaseLock();
+            return 1;
+        }
+    }
+    return 0;
+}
+
+bool CMsgBroker::Impl::MakeSockets() {
+    ctx = zmq_ctx_new();
+    if (ctx == nullptr) {
+        PM_LOG(0, kLogTag, "zmq_ctx_new: %s\n", zmq_strerror(zmq_errno()));
+        ReleaseLock();
+        return false;
+    }
+    xsub = zmq_socket(ctx, ZMQ_XSUB);
+    xpub = zmq_socket(ctx, ZMQ_XPUB);
+    int input = kInputHighWaterMark;
+    int perSubscriber = subscriberLimit;
+    int linger = 0;
+    if (xsub == nullptr || xpub == nullptr ||
+        zmq_setsockopt(xsub, ZMQ_RCVHWM, &input, sizeof input) != 0 ||
+        zmq_setsockopt(xsub, ZMQ_MAXMSGSIZE, &kMsgMaxSize, sizeof kMsgMaxSize) != 0 ||
+        zmq_setsockopt(xpub, ZMQ_MAXMSGSIZE, &kMsgMaxSize, sizeof kMsgMaxSize) != 0 ||
+        zmq_setsockopt(xpub, ZMQ_SNDHWM, &perSubscriber, sizeof perSubscriber) != 0 ||
+        zmq_setsockopt(xsub, ZMQ_LINGER, &linger, sizeof linger) != 0 ||
+        zmq_setsockopt(xpub, ZMQ_LINGER, &linger, sizeof linger) != 0) {
+        PM_LOG(0, kLogTag, "cannot make sockets: %s\n", zmq_strerror(zmq_errno()));
+        Cleanup();
+        return false;
+    }
+    return true;
+}
+
+int CMsgBroker::Impl::BindBoth(bool ipc) {
+    int rc = Bind(xsub, endpoints.in);
+    boundIn = ipc && rc == 0;
+    if (rc == 0) {
+        rc = Bind(xpub, endpoints.out);
+        boundOut = ipc && rc == 0;
+        if (rc == 1) {
+            // A broker would hold "in" too: something else took this port.
+            PM_LOG(0, kLogTag, "%s is taken by another program\n", endpoints.out.c_str());
+            rc = -1;
+        }
+    }
+    if (rc != 0) {
+        Cleanup();
+    }
+    return rc;
 }
 
 // The proxy's loop, ended when Stop() shuts the context down. The subscribers' side refuses

@@ -162,6 +162,8 @@ struct CMsgClientManage::Impl {
     ~Impl();
 
     void Open();
+    // Both sockets with their limits, connected to `endpoints`; false (closed, logged) else.
+    bool Connect(const Common::BusEndpoints& endpoints);
     void CloseSockets();
 
     int Publish(uint32_t eventId, uint32_t senderId, uint32_t flags, const char* data, int len,
@@ -299,6 +301,25 @@ void CMsgClientManage::Impl::Open() {
                zmq_strerror(zmq_errno()));
         return;
     }
+    if (!Connect(endpoints)) {
+        return;
+    }
+    uint64_t firstRound;
+    {
+        std::lock_guard<std::mutex> guard(recvLock);
+        firstRound = nextRound;
+    }
+    if (Confirm(firstRound, kConnectWait)) {
+        PM_LOG(2, kLogTag, "%s: connected to %s\n", tag, address.c_str());
+    } else {
+        PM_LOG(0, kLogTag, "%s: no bus broker answered at %s within %lld ms; carrying on\n", tag,
+               address.c_str(), static_cast<long long>(kConnectWait.count()));
+        std::lock_guard<std::mutex> guard(recvLock);
+        reportedOffline = true;
+    }
+}
+
+bool CMsgClientManage::Impl::Connect(const Common::BusEndpoints& endpoints) {
     pub = zmq_socket(ctx, ZMQ_PUB);
     sub = zmq_socket(ctx, ZMQ_SUB);
     wakeFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
@@ -332,21 +353,9 @@ void CMsgClientManage::Impl::Open() {
         PM_LOG(0, kLogTag, "%s: cannot connect (%s): %s; the client stays offline\n", tag, step,
                wakeFd < 0 ? strerror(errno) : zmq_strerror(zmq_errno()));
         CloseSockets();
-        return;
+        return false;
     }
-    uint64_t firstRound;
-    {
-        std::lock_guard<std::mutex> guard(recvLock);
-        firstRound = nextRound;
-    }
-    if (Confirm(firstRound, kConnectWait)) {
-        PM_LOG(2, kLogTag, "%s: connected to %s\n", tag, address.c_str());
-    } else {
-        PM_LOG(0, kLogTag, "%s: no bus broker answered at %s within %lld ms; carrying on\n", tag,
-               address.c_str(), static_cast<long long>(kConnectWait.count()));
-        std::lock_guard<std::mutex> guard(recvLock);
-        reportedOffline = true;
-    }
+    return true;
 }
 
 // ---- sending -------------------------------------------------------------------------------

@@ -141,50 +141,56 @@ BoxModel::Output BoxModel::OnFrame(const Frame& in) {
         return out;
     }
     auto scripted = script.find(cmd);
-    if (scripted != script.end()) {
-        if (!scripted->second.empty()) {
-            Frame frame;
-            frame.device = m_options.device;
-            frame.body = scripted->second;
-            out.toLine.push_back(frame);
-        }
-    } else {
-        switch (cmd) {
-            case kCmdLinkMode:
-                m_linkMode = payload.empty() ? 0 : payload[0];
-                out.toLine.push_back(Own(kCmdLinkMode, {1}));
-                break;
-            case kCmdVersion:
-                out.toLine.push_back(
-                    Own(kCmdVersion,
-                        std::vector<uint8_t>(m_options.version.begin(), m_options.version.end())));
-                break;
-            case kCmdHeartbeat:
-                out.toLine.push_back(Own(kCmdHeartbeat, {1}));
-                break;
-            case kCmdSubSetting:
-                if (payload.size() >= 6) {
-                    m_settings[payload[0]] =
-                        std::vector<uint8_t>(payload.begin(), payload.begin() + 6);
-                }
-                out.toLine.push_back(
-                    Own(kCmdSubSetting, {faults.refuseSettings ? uint8_t(0) : uint8_t(1)}));
-                break;
-            case kCmdMcuTest:
-                out.toLine.push_back(Own(kCmdMcuTestAnswer, {1}));
-                break;
-            case kCmdIoStatus:
-                out.toLine.push_back(IoReport(0));
-                break;
-            case kCmdUpgradeStart:
-            case kCmdUpgradeData:
-            case kCmdUpgradeEnd:
-                Upgrade(in, out);
-                break;
-            default:
-                break;  // the firmware ignores what it does not know
-        }
+    if (scripted == script.end()) {
+        FirmwareAnswer(cmd, payload, in, out);
+    } else if (!scripted->second.empty()) {
+        Frame frame;
+        frame.device = m_options.device;
+        frame.body = scripted->second;
+        out.toLine.push_back(frame);
     }
+    ApplyLineFaults(out);
+    return out;
+}
+
+void BoxModel::FirmwareAnswer(uint8_t cmd, const std::vector<uint8_t>& payload, const Frame& in,
+                              Output& out) {
+    switch (cmd) {
+        case kCmdLinkMode:
+            m_linkMode = payload.empty() ? 0 : payload[0];
+            out.toLine.push_back(Own(kCmdLinkMode, {1}));
+            break;
+        case kCmdVersion:
+            out.toLine.push_back(Own(kCmdVersion, std::vector<uint8_t>(m_options.version.begin(),
+                                                                       m_options.version.end())));
+            break;
+        case kCmdHeartbeat:
+            out.toLine.push_back(Own(kCmdHeartbeat, {1}));
+            break;
+        case kCmdSubSetting:
+            if (payload.size() >= 6) {
+                m_settings[payload[0]] = std::vector<uint8_t>(payload.begin(), payload.begin() + 6);
+            }
+            out.toLine.push_back(
+                Own(kCmdSubSetting, {faults.refuseSettings ? uint8_t(0) : uint8_t(1)}));
+            break;
+        case kCmdMcuTest:
+            out.toLine.push_back(Own(kCmdMcuTestAnswer, {1}));
+            break;
+        case kCmdIoStatus:
+            out.toLine.push_back(IoReport(0));
+            break;
+        case kCmdUpgradeStart:
+        case kCmdUpgradeData:
+        case kCmdUpgradeEnd:
+            Upgrade(in, out);
+            break;
+        default:
+            break;  // the firmware ignores what it does not know
+    }
+}
+
+void BoxModel::ApplyLineFaults(Output& out) {
     for (Frame& frame : out.toLine) {
         if (faults.wrongLength && frame.body.size() >= 2) {
             ++frame.body[1];
@@ -194,7 +200,6 @@ BoxModel::Output BoxModel::OnFrame(const Frame& in) {
             frame.badCheck = true;
         }
     }
-    return out;
 }
 
 void BoxModel::Upgrade(const Frame& in, Output& out) {

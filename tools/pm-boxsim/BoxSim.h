@@ -102,6 +102,11 @@ public:
 private:
     Frame Own(uint8_t cmd, const std::vector<uint8_t>& payload) const;
     void Upgrade(const Frame& in, Output& out);
+    // The firmware's own answer to `cmd` (nothing for a command it does not know).
+    void FirmwareAnswer(uint8_t cmd, const std::vector<uint8_t>& payload, const Frame& in,
+                        Output& out);
+    // The line faults asked for, on every answer about to go out.
+    void ApplyLineFaults(Output& out);
 
     Options m_options;
     int m_linkMode = -1;

@@ -279,6 +279,44 @@ private:
     bool m_open = true;
 };
 
+SimulatorOptions OptionsFrom(const Arguments& a) {
+    SimulatorOptions options;
+    options.root = a.makeRoot.empty() ? a.root : a.makeRoot;
+    options.upgradeFile = a.upgradeFile;
+    options.hubUpgradeFile = a.hubUpgradeFile;
+    if (options.root.empty() && getenv("RECORDER_ROOT") != nullptr) {
+        options.root = getenv("RECORDER_ROOT");
+    }
+    options.mainChipBridges = !options.root.empty();
+    options.verbosity = a.verbosity;
+    options.canItemsPerEvent = a.items;
+    return options;
+}
+
+// The console: commands from standard input until quit, end of input or a stop signal.
+int RunCommands(Simulator& simulator) {
+    fprintf(stderr, "pm-recorder: running; type help for commands\n");
+    LineReader input;
+    while (!simulator.QuitRequested()) {
+        // Without input left, the wait for a signal paces the loop instead of poll.
+        if (pmtools::TakeStopSignal(input.Open() ? 0 : 100) != 0) {
+            break;
+        }
+        std::vector<std::string> lines;
+        input.Poll(100, lines);
+        for (const std::string& line : lines) {
+            CommandReply reply = simulator.Execute(line);
+            if (!reply.text.empty()) {
+                fprintf(stderr, "%s%s\n", reply.ok ? "" : "error: ", reply.text.c_str());
+            }
+            if (reply.quit) {
+                return 0;
+            }
+        }
+    }
+    return 0;
+}
+
 int RunSimulator(const Arguments& a) {
     if (a.words.size() > 1) {
         return Usage("one scenario at most");
@@ -294,16 +332,7 @@ int RunSimulator(const Arguments& a) {
         fprintf(stderr, "pm-recorder: %s\n", error.c_str());
         return 1;
     }
-    SimulatorOptions options;
-    options.root = a.makeRoot.empty() ? a.root : a.makeRoot;
-    options.upgradeFile = a.upgradeFile;
-    options.hubUpgradeFile = a.hubUpgradeFile;
-    if (options.root.empty() && getenv("RECORDER_ROOT") != nullptr) {
-        options.root = getenv("RECORDER_ROOT");
-    }
-    options.mainChipBridges = !options.root.empty();
-    options.verbosity = a.verbosity;
-    options.canItemsPerEvent = a.items;
+    SimulatorOptions options = OptionsFrom(a);
     if (!a.makeRoot.empty()) {
         std::optional<int> type = a.productType ? a.productType : scenario.productType;
         if (!MakeRecorderRoot(a.templateDir, a.makeRoot, type, error)) {
@@ -326,26 +355,7 @@ int RunSimulator(const Arguments& a) {
         fprintf(stderr, "pm-recorder: %zu frames to replay from %s\n", records.size(),
                 a.replay.c_str());
     }
-    fprintf(stderr, "pm-recorder: running; type help for commands\n");
-    LineReader input;
-    while (!simulator.QuitRequested()) {
-        // Without input left, the wait for a signal paces the loop instead of poll.
-        if (pmtools::TakeStopSignal(input.Open() ? 0 : 100) != 0) {
-            break;
-        }
-        std::vector<std::string> lines;
-        input.Poll(100, lines);
-        for (const std::string& line : lines) {
-            CommandReply reply = simulator.Execute(line);
-            if (!reply.text.empty()) {
-                fprintf(stderr, "%s%s\n", reply.ok ? "" : "error: ", reply.text.c_str());
-            }
-            if (reply.quit) {
-                return 0;
-            }
-        }
-    }
-    return 0;
+    return RunCommands(simulator);
 }
 
 }  // namespace

@@ -13,7 +13,11 @@
 #include <deque>
 #include <mutex>
 #include <string>
+#include <vector>
 
+#include <cstddef>
+
+#include "ExtendBoxRecords.h"
 #include "MsgClientManage.h"
 #include "PeripheralDefine.h"
 #include "PeripheralEvents.h"
@@ -123,13 +127,15 @@ int WaitForVersion(CMsgClientManage& client, const Args& args) {
     client.RegisterHandler(
         2, EventAnswerOf(EVENT_GET_EXTEND_VERSION), [&](const char* msg, int len) {
             const auto* p = reinterpret_cast<const uint8_t*>(msg) + Common::kMsgHeadSize;
-            if (len < static_cast<int>(Common::kMsgHeadSize) + 11 || p[1] != args.mainId ||
-                p[2] != args.subId) {
+            if (len < static_cast<int>(Common::kMsgHeadSize +
+                                       offsetof(ExtendVersionRecord_t, count) + 1) ||
+                p[offsetof(ExtendVersionRecord_t, mainId)] != args.mainId ||
+                p[offsetof(ExtendVersionRecord_t, subId)] != args.subId) {
                 return 0;
             }
             std::lock_guard<std::mutex> guard(lock);
             ++answers;
-            known = known || p[10] != 0;  // the count of versions
+            known = known || p[offsetof(ExtendVersionRecord_t, count)] != 0;
             return 0;
         });
     uint8_t request[16] = {};
@@ -174,47 +180,56 @@ int WaitForVersion(CMsgClientManage& client, const Args& args) {
     return 3;
 }
 
-}  // namespace
+// The image length of `path` once it proved an upgrade file, else 0 and the exit status 2.
+int ReadImageLength(const std::string& path, uint32_t& imageLength) {
+    std::vector<uint8_t> file;
+    pmtools::UpgradeFileInfo info;
+    std::string error;
+    if (!pmtools::ReadWholeFile(path, file, pmtools::kMaxUpgradeFileSize, error)) {
+        fprintf(stderr, "pm-upgrade: cannot read %s: %s\n", path.c_str(), error.c_str());
+        return 2;
+    }
+    if (!pmtools::InspectUpgradeFile(file, info, error)) {
+        fprintf(stderr, "pm-upgrade: %s is not an upgrade file: %s\n", path.c_str(), error.c_str());
+        return 2;
+    }
+    imageLength = info.imageLength;
+    return 0;
+}
 
-int main(int argc, char** argv) {
-    Args args;
-    if (!ParseArgs(argc, argv, args)) {
-        return Usage();
+// The states of this box and source as they arrive (6707), for the main thread to take.
+class StateQueue {
+public:
+    StateQueue(CMsgClientManage& client, const Args& args) {
+        client.RegisterHandler(
+            1, EVENT_EXTEND_UPGRADE_STATE, [this, &args](const char* msg, int len) {
+                const auto* p = reinterpret_cast<const uint8_t*>(msg) + Common::kMsgHeadSize;
+                if (len < static_cast<int>(Common::kMsgHeadSize + sizeof(ExtendUpgradeState_t)) ||
+                    p[offsetof(ExtendUpgradeState_t, mainId)] != args.mainId ||
+                    p[offsetof(ExtendUpgradeState_t, subId)] != args.subId ||
+                    p[offsetof(ExtendUpgradeState_t, source)] != args.source) {
+                    return 0;  // another box's, or another source's
+                }
+                std::lock_guard<std::mutex> guard(m_lock);
+                m_states.push_back(
+                    {p[offsetof(ExtendUpgradeState_t, state)],
+                     static_cast<int8_t>(p[offsetof(ExtendUpgradeState_t, percent)])});
+                return 0;
+            });
     }
-    uint32_t imageLength = 0;
-    if (!args.file.empty()) {
-        std::vector<uint8_t> file;
-        pmtools::UpgradeFileInfo info;
-        std::string error;
-        if (!pmtools::ReadWholeFile(args.file, file, pmtools::kMaxUpgradeFileSize, error)) {
-            fprintf(stderr, "pm-upgrade: cannot read %s: %s\n", args.file.c_str(), error.c_str());
-            return 2;
-        }
-        if (!pmtools::InspectUpgradeFile(file, info, error)) {
-            fprintf(stderr, "pm-upgrade: %s is not an upgrade file: %s\n", args.file.c_str(),
-                    error.c_str());
-            return 2;
-        }
-        imageLength = info.imageLength;
+    std::deque<State> Take() {
+        std::deque<State> got;
+        std::lock_guard<std::mutex> guard(m_lock);
+        got.swap(m_states);
+        return got;
     }
 
-    CMsgClientManage client("pm-upgrade", 300000);
-    std::mutex lock;
-    std::deque<State> states;
-    client.RegisterHandler(1, EVENT_EXTEND_UPGRADE_STATE, [&](const char* msg, int len) {
-        const auto* p = reinterpret_cast<const uint8_t*>(msg) + Common::kMsgHeadSize;
-        if (len < static_cast<int>(Common::kMsgHeadSize) + 8 || p[5] != args.mainId ||
-            p[6] != args.subId || p[0] != args.source) {
-            return 0;  // another box's, or another source's
-        }
-        std::lock_guard<std::mutex> guard(lock);
-        states.push_back({p[1], static_cast<int8_t>(p[2])});
-        return 0;
-    });
-    const int known = WaitForVersion(client, args);
-    if (known != 0) {
-        return known;
-    }
+private:
+    std::mutex m_lock;
+    std::deque<State> m_states;
+};
+
+bool SendTrigger(CMsgClientManage& client, const Args& args) {
     uint8_t trigger[16] = {};
     trigger[0] = PERIPHERAL_TYPE_SERIAL;
     trigger[1] = static_cast<uint8_t>(args.mainId);
@@ -224,22 +239,42 @@ int main(int argc, char** argv) {
     if (client.MSGSendMessage(0, EVENT_EXTEND_UPGRADE_TRIGGER, 0,
                               reinterpret_cast<const char*>(trigger), sizeof(trigger), 1) < 0) {
         fprintf(stderr, "pm-upgrade: cannot reach the bus (RECORDER_BUS?)\n");
-        return 3;
+        return false;
     }
-    const bool terminal = isatty(STDOUT_FILENO) != 0;
-    printf("upgrade of box %u:%u (source %u) asked for\n", args.mainId, args.subId, args.source);
-    fflush(stdout);
+    return true;
+}
 
+// The bar on a terminal; elsewhere a line per tenth, so that logs stay short.
+void ShowProgress(bool terminal, int percent, uint32_t imageLength, double quietS,
+                  int& lastPrinted) {
+    if (terminal) {
+        const int width = 30;
+        const int filled = percent * width / 100;
+        char bytes[64] = "";
+        if (imageLength > 0) {
+            snprintf(bytes, sizeof bytes, "  ~%u/%u bytes",
+                     static_cast<unsigned>(uint64_t(imageLength) * percent / 100), imageLength);
+        }
+        printf("\r  [%.*s%*s] %3d%%%s  last state %.1f s ago   ", filled,
+               "##############################", width - filled, "", percent, bytes, quietS);
+        fflush(stdout);
+    } else if (percent / 10 != lastPrinted / 10) {
+        lastPrinted = percent;
+        printf("%d%%\n", percent);
+        fflush(stdout);
+    }
+}
+
+// Follows the states until a final one (its exit status) or the time-out (3).
+int FollowStates(CMsgClientManage& client, StateQueue& queue, const Args& args,
+                 uint32_t imageLength) {
+    const bool terminal = isatty(STDOUT_FILENO) != 0;
     Clock::time_point last = Clock::now();
     int percent = 0;
     int lastPrinted = -1;
     for (;;) {
         client.MSGWaitForEvent(100);
-        std::deque<State> got;
-        {
-            std::lock_guard<std::mutex> guard(lock);
-            got.swap(states);
-        }
+        const std::deque<State> got = queue.Take();
         const double quiet = std::chrono::duration<double>(Clock::now() - last).count();
         for (const State& s : got) {
             last = Clock::now();
@@ -253,27 +288,39 @@ int main(int argc, char** argv) {
             printf("state %d: %s\n", s.state, Meaning(s.state));
             return s.state == 10 ? 0 : (s.state >= 4 && s.state <= 9 ? s.state : 1);
         }
-        if (terminal) {
-            const int width = 30;
-            const int filled = percent * width / 100;
-            char bytes[64] = "";
-            if (imageLength > 0) {
-                snprintf(bytes, sizeof bytes, "  ~%u/%u bytes",
-                         static_cast<unsigned>(uint64_t(imageLength) * percent / 100), imageLength);
-            }
-            printf("\r  [%.*s%*s] %3d%%%s  last state %.1f s ago   ", filled,
-                   "##############################", width - filled, "", percent, bytes,
-                   got.empty() ? quiet : 0.0);
-            fflush(stdout);
-        } else if (percent / 10 != lastPrinted / 10) {  // a line per tenth: logs stay short
-            lastPrinted = percent;
-            printf("%d%%\n", percent);
-            fflush(stdout);
-        }
+        ShowProgress(terminal, percent, imageLength, got.empty() ? quiet : 0.0, lastPrinted);
         if (quiet > args.timeoutS) {
             printf("%sno state for %.0f s: the box (or the service) stopped answering\n",
                    terminal ? "\n" : "", args.timeoutS);
             return 3;
         }
     }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    Args args;
+    if (!ParseArgs(argc, argv, args)) {
+        return Usage();
+    }
+    uint32_t imageLength = 0;
+    if (!args.file.empty()) {
+        const int unusable = ReadImageLength(args.file, imageLength);
+        if (unusable != 0) {
+            return unusable;
+        }
+    }
+    CMsgClientManage client("pm-upgrade", 300000);
+    StateQueue queue(client, args);
+    const int known = WaitForVersion(client, args);
+    if (known != 0) {
+        return known;
+    }
+    if (!SendTrigger(client, args)) {
+        return 3;
+    }
+    printf("upgrade of box %u:%u (source %u) asked for\n", args.mainId, args.subId, args.source);
+    fflush(stdout);
+    return FollowStates(client, queue, args, imageLength);
 }

@@ -123,6 +123,8 @@ protected:
     unsigned char m_ucParamId;
 
 private:
+    // The sub-port and the box's own place fit the frame's address byte (logged when not).
+    bool FrameIdsFit(unsigned char subId) const;
     // Unstuffs and checks a frame, then hands it to `child`, or to AnalySerialData when null.
     int DispatchFrame(unsigned int length, const char* frame, CSerialBase* child);
     void StoreUpgradeAnswerTime();

@@ -175,13 +175,7 @@ const CommandBuilder* BuilderOf(eExtendBoxCmd cmd) {
 
 int CSerialDevExtendBox::MakeAndSendCmd(eExtendBoxCmd cmd, unsigned char subId, unsigned char devId,
                                         unsigned int length, const unsigned char* payload) {
-    if (subId > EXTEND_BOX_MAX_SUB_ID) {
-        PM_LOG(0, m_variant.logTag, "Extend serial id is too large, id = %d(>4)\n", subId);
-        return 0;
-    }
-    if (m_ucParamId > EXTEND_BOX_MAX_PARAM_ID) {
-        PM_LOG(0, m_variant.logTag, "Extend box param id is error, id = %d(>%d)\n", m_ucParamId,
-               EXTEND_BOX_MAX_PARAM_ID);
+    if (!FrameIdsFit(subId)) {
         return 0;
     }
     // Only the data and upgrade lines carry the caller's length; both must leave room for the
@@ -234,6 +228,19 @@ int CSerialDevExtendBox::MakeAndSendCmd(eExtendBoxCmd cmd, unsigned char subId, 
     }
     return CSerialBase::SendDataToPeripheral(reinterpret_cast<const char*>(stuffed),
                                              static_cast<unsigned int>(n));
+}
+
+bool CSerialDevExtendBox::FrameIdsFit(unsigned char subId) const {
+    if (subId > EXTEND_BOX_MAX_SUB_ID) {
+        PM_LOG(0, m_variant.logTag, "Extend serial id is too large, id = %d(>4)\n", subId);
+        return false;
+    }
+    if (m_ucParamId > EXTEND_BOX_MAX_PARAM_ID) {
+        PM_LOG(0, m_variant.logTag, "Extend box param id is error, id = %d(>%d)\n", m_ucParamId,
+               EXTEND_BOX_MAX_PARAM_ID);
+        return false;
+    }
+    return true;
 }
 
 int CSerialDevExtendBox::SendSubSerialData(eSerialProtocolType type, unsigned char index,
