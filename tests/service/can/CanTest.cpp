@@ -1,5 +1,5 @@
 // The CAN base against the real manager and bus, with the recorder's CAN module played by the
-// harness's client; then the J1939 sample plug-in and its decoders over the real capture.
+// harness's client.
 #include <stdio.h>
 
 #include <algorithm>
@@ -11,62 +11,20 @@
 #include <gtest/gtest.h>
 
 #include "CanPortBase.h"
-#include "J1939.h"
+#include "CanEvents.h"
 #include "ServiceHarness.h"
 
 namespace {
 
+using pmtest::CanDataEvent;
+using pmtest::CanItem;
 using pmtest::ServiceHarness;
 
 constexpr unsigned kMainId = 40;  // no library: only the test's own instances use it
 constexpr uint8_t kPort = 2;
 constexpr uint32_t kMsgId = 2 * 10000 + kMainId * 100;  // CAN kind, sub id 0
-constexpr unsigned kJ1939Id = 12;
-
 const char* const kConfig = R"({"DEVICE_SERIAL_SETTING": [], "DEVICE_ETHERNET_SETTING": [],
-  "DEVICE_CANPORT_SETTING": [{"DEV_CANPORT_FUNCID": 12, "DEV_CANPORT_LIB_NAME": "can_j1939",
-                              "DEV_CANPORT_SUPPORT_ENABLE": "true"}]})";
-
-struct CanItem {
-    uint32_t canId;
-    uint8_t length;  // as written into the item, even when above 8
-    std::vector<uint8_t> data;
-};
-
-// The payload of event 1089 as the CAN module lays it out.
-std::vector<uint8_t> CanDataEvent(uint16_t mainId, uint16_t subId, uint16_t count,
-                                  const std::vector<CanItem>& items, uint8_t port = 1) {
-    std::vector<uint8_t> out = {
-        uint8_t(mainId), uint8_t(mainId >> 8), uint8_t(subId), uint8_t(subId >> 8), port, 0,
-        uint8_t(count),  uint8_t(count >> 8)};
-    for (const CanItem& item : items) {
-        uint8_t raw[16] = {uint8_t(item.canId), uint8_t(item.canId >> 8), uint8_t(item.canId >> 16),
-                           uint8_t(item.canId >> 24), item.length};
-        std::copy_n(item.data.begin(), std::min<size_t>(item.data.size(), 8), raw + 8);
-        out.insert(out.end(), raw, raw + sizeof(raw));
-    }
-    return out;
-}
-
-// `candump -l` lines of tests/data/can/: "(seconds) iface id#data".
-std::vector<CanItem> Capture() {
-    std::ifstream in(std::string(PM_TEST_DATA_DIR) + "/can/j1939-sample.log");
-    std::vector<CanItem> frames;
-    for (std::string line; std::getline(in, line);) {
-        unsigned id = 0;
-        char hex[17] = {};
-        if (sscanf(line.c_str(), "(%*[0-9.]) %*s %x#%16[0-9A-Fa-f]", &id, hex) == 2) {
-            CanItem frame{id, 0, {}};
-            for (size_t i = 0; hex[i] != '\0' && hex[i + 1] != '\0'; i += 2) {
-                frame.data.push_back(
-                    static_cast<uint8_t>(std::stoul(std::string(hex + i, 2), nullptr, 16)));
-            }
-            frame.length = static_cast<uint8_t>(frame.data.size());
-            frames.push_back(frame);
-        }
-    }
-    return frames;
-}
+  "DEVICE_CANPORT_SETTING": []})";
 
 class TestCanPort : public CCanPortBase {
 public:
@@ -248,84 +206,6 @@ TEST_F(CanPortTest, SentFramesCarryAtMostEightBytes) {
     }
     EXPECT_TRUE(service.Logs().Contains(
         "C_BASE: Send data to CAN, length is too large, length = 12 > 8\n"));
-}
-
-// ---- the J1939 sample ----
-
-TEST_F(CanPortTest, J1939PluginSubscribesAndDecodesTheCapture) {
-    paramCanSetting_t setting{};
-    setting.port[1].mainFun = kJ1939Id;
-    ASSERT_TRUE(service.SendSetting(setting));
-    CPeripheralBase* plugin =
-        service.Manager().GetPeripheralInstance(PERIPHERAL_TYPE_CANPORT, kJ1939Id, 0);
-    ASSERT_NE(plugin, nullptr);
-    ASSERT_TRUE(service.WaitCount(1137, 1));
-    const pmtest::BusMessage filter = service.Received(1137).back();
-    EXPECT_EQ(filter.head.nSenderId, 21200u);
-    ASSERT_EQ(filter.payload.size(), 4u + 4 * 8);
-    // EEC1: 0x0CF00400 under mask 0x00FFFF00, any source.
-    EXPECT_EQ(std::vector<uint8_t>(filter.payload.begin() + 4, filter.payload.begin() + 12),
-              (std::vector<uint8_t>{0x00, 0x04, 0xF0, 0xFF, 0x00, 0xFF, 0xFF, 0x00}));
-
-    const std::vector<CanItem> capture = Capture();
-    ASSERT_EQ(capture.size(), 12u);
-    ASSERT_TRUE(Deliver(CanDataEvent(kJ1939Id, 1, 12, capture)));  // another sub id
-    EXPECT_EQ(service.Logs().Count("(source 0x"), 0u);
-    ASSERT_TRUE(Deliver(CanDataEvent(kJ1939Id, 0, 12, capture)));
-    EXPECT_TRUE(service.Logs().Contains("J1939: [12-0] engine speed 649.000 rpm (source 0x00)\n"));
-    EXPECT_TRUE(
-        service.Logs().Contains("J1939: [12-0] wheel-based speed not available (source 0x31)\n"));
-    EXPECT_TRUE(
-        service.Logs().Contains("J1939: [12-0] total distance 854934.000 km (source 0x00)\n"));
-    EXPECT_EQ(service.Logs().Count("(source 0x"), 3u) << "one line per decoded frame";
-}
-
-TEST(J1939Codec, DecodersScaleAndFlag) {
-    using j1939::Status;
-    const uint8_t F = 0xFF;
-    const struct {
-        j1939::Value (*decode)(const uint8_t*, size_t);
-        std::vector<uint8_t> data;
-        Status status;
-        double value;
-    } cases[] = {
-        {j1939::DecodeEngineSpeed, {F, F, F, 0xE0, 0x2E, F, F, F}, Status::kValid, 1500.0},
-        {j1939::DecodeEngineSpeed, {F, F, F, 0x00, 0xFB, F, F, F}, Status::kError, 0.0},
-        {j1939::DecodeEngineSpeed, {F, F, F, 0x00}, Status::kShortFrame, 0.0},
-        {j1939::DecodeWheelBasedSpeed, {F, 0x80, 0x00}, Status::kValid, 0.5},
-        {j1939::DecodeTotalVehicleDistance, {F, F, F, F, 0x40, 0x1F, 0x00}, Status::kShortFrame, 0},
-        {j1939::DecodeEngineTotalHours, {0x10, 0x27, 0x00, 0x00}, Status::kValid, 500.0},
-        {j1939::DecodeEngineTotalHours, {F, F, F, F}, Status::kNotAvailable, 0.0},
-    };
-    for (const auto& c : cases) {
-        const j1939::Value v = c.decode(c.data.data(), c.data.size());
-        EXPECT_EQ(v.status, c.status) << pmtest::Hex(c.data);
-        EXPECT_DOUBLE_EQ(v.value, c.value) << pmtest::Hex(c.data);
-    }
-    const j1939::Id id = j1939::ParseId(0x80000000u | 0x18EA0017u);  // flag bits are ignored
-    EXPECT_EQ(id.pgn, j1939::kPgnRequest) << "PDU1: the destination is not part of the PGN";
-    EXPECT_EQ(id.destination, 0x00);
-    EXPECT_EQ(id.source, 0x17);
-    EXPECT_EQ(id.priority, 6);
-}
-
-TEST(J1939Codec, TheCaptureReplaysToTheLatestValues) {
-    j1939::Latest latest;
-    std::vector<j1939::Parameter> updated;
-    for (const CanItem& f : Capture()) {
-        const j1939::Parameter p = j1939::Apply(latest, f.canId, f.data.data(), f.data.size());
-        if (p != j1939::Parameter::kNone) {
-            updated.push_back(p);
-        }
-    }
-    // In file order: vehicle distance (line 4), EEC1 (line 7), CCVS (line 12).
-    EXPECT_EQ(updated, (std::vector<j1939::Parameter>{j1939::Parameter::kTotalDistance,
-                                                      j1939::Parameter::kEngineSpeed,
-                                                      j1939::Parameter::kWheelSpeed}));
-    EXPECT_DOUBLE_EQ(latest.engineSpeedRpm.value, 649.0);
-    EXPECT_EQ(latest.wheelSpeedKmh.status, j1939::Status::kNotAvailable);
-    EXPECT_DOUBLE_EQ(latest.totalDistanceKm.value, 854934.0);
-    EXPECT_EQ(latest.engineHours.status, j1939::Status::kShortFrame) << "never in the capture";
 }
 
 }  // namespace
