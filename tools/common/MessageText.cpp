@@ -23,8 +23,9 @@ int HexValue(char c) {
     return (c >= 'a' && c <= 'f') ? c - 'a' + 10 : -1;
 }
 
+// What people put between bytes, in a shell, a script file or a scenario.
 bool IsSeparator(char c) {
-    return c == ' ' || c == '\t' || c == ',' || c == ':';
+    return c == ' ' || c == '\t' || c == '\r' || c == '\n' || c == ',' || c == ':' || c == '.';
 }
 
 std::string Clock(const struct timeval& when) {

@@ -269,25 +269,6 @@ uint32_t ImageCrc(const std::vector<uint8_t>& image) {
     return Common::Crc32Register(0, image.data(), image.size());
 }
 
-bool ParseHex(const std::string& text, std::vector<uint8_t>& out) {
-    out.clear();
-    std::string digits;
-    for (char c : text) {
-        if (isxdigit(static_cast<unsigned char>(c))) {
-            digits += c;
-        } else if (!isspace(static_cast<unsigned char>(c))) {
-            return false;
-        }
-    }
-    if (digits.size() % 2 != 0) {
-        return false;
-    }
-    for (size_t i = 0; i < digits.size(); i += 2) {
-        out.push_back(static_cast<uint8_t>(std::stoul(digits.substr(i, 2), nullptr, 16)));
-    }
-    return true;
-}
-
 std::string ToHex(const std::vector<uint8_t>& bytes) {
     std::string out;
     char byte[4];

@@ -9,11 +9,13 @@
 #include <string>
 #include <vector>
 
+#include "ExtendBoxRecords.h"
+
 namespace boxsim {
 
 constexpr uint8_t kBoxDevice = 0x04;
 constexpr uint8_t kHubDevice = 0x19;
-constexpr size_t kMaxFrame = 1024;
+constexpr size_t kMaxFrame = EXTEND_BOX_FRAME_SIZE;
 
 // One frame, unstuffed: address byte, device byte and the body (the bytes between the check
 // value and the end mark: command, length, payload for the box's own frames).
@@ -123,8 +125,6 @@ private:
 // The firmware's image check: reflected CRC-32 register, start 0, no inversion.
 uint32_t ImageCrc(const std::vector<uint8_t>& image);
 
-// "7E 01 7F" <-> bytes; false on anything but pairs of hex digits and blanks.
-bool ParseHex(const std::string& text, std::vector<uint8_t>& out);
 std::string ToHex(const std::vector<uint8_t>& bytes);
 
 }  // namespace boxsim

@@ -21,6 +21,7 @@
 
 #include "BoxSim.h"
 #include "CommonLog.h"
+#include "MessageText.h"
 
 namespace {
 
@@ -125,8 +126,9 @@ bool LoadScript(const std::string& path, boxsim::BoxModel& model) {
         const size_t eq = line.find('=');
         std::vector<uint8_t> cmd;
         std::vector<uint8_t> body;
-        if (eq == std::string::npos || !boxsim::ParseHex(line.substr(0, eq), cmd) ||
-            cmd.size() != 1 || !boxsim::ParseHex(line.substr(eq + 1), body)) {
+        std::string error;
+        if (eq == std::string::npos || !pmtools::ParseHexBytes(line.substr(0, eq), cmd, error) ||
+            cmd.size() != 1 || !pmtools::ParseHexBytes(line.substr(eq + 1), body, error)) {
             fprintf(stderr, "pm-boxsim: %s:%d: expected \"CMD = BYTES\"\n", path.c_str(), number);
             return false;
         }

@@ -10,12 +10,13 @@
 #include <vector>
 
 #include "CanText.h"
+#include "SerialDefine.h"
 #include "Scenario.h"
 
 namespace pmrecorder {
 
 // 1088: bytes for an MCU serial port. The service's 1090 handler copies at most this much.
-constexpr size_t kMcuChunkMax = 1024;
+constexpr size_t kMcuChunkMax = SERIAL_DELIVERY_SIZE;
 struct McuData {
     uint16_t mainId = 0;
     uint16_t subId = 0;

@@ -1,5 +1,6 @@
 #include "Scenario.h"
 
+#include "MessageText.h"
 #include "Records.h"
 
 #include <cctype>
@@ -273,27 +274,6 @@ bool ReadEthernet(const Reader& top, Scenario& s, std::string& error) {
     return true;
 }
 
-bool ParseHex(const std::string& text, Bytes& out) {
-    out.clear();
-    std::string digits;
-    for (char c : text) {
-        if (c == ' ' || c == ':' || c == '.') {
-            continue;
-        }
-        if (!isxdigit(static_cast<unsigned char>(c))) {
-            return false;
-        }
-        digits += c;
-    }
-    if (digits.size() % 2 != 0) {
-        return false;
-    }
-    for (size_t i = 0; i < digits.size(); i += 2) {
-        out.push_back(static_cast<uint8_t>(std::stoul(digits.substr(i, 2), nullptr, 16)));
-    }
-    return true;
-}
-
 // "patch": {"<offset>": "hex bytes"}; offsets in decimal or 0x hex, bounded by the record.
 bool ReadPatch(const Reader& r, size_t recordSize, std::vector<Patch>& out) {
     if (!r.Has("patch")) {
@@ -311,7 +291,8 @@ bool ReadPatch(const Reader& r, size_t recordSize, std::vector<Patch>& out) {
             return r.Fail("patch", "offset \"" + key + "\" is not within the record's " +
                                        std::to_string(recordSize) + " bytes");
         }
-        if (!p[key].isString() || !ParseHex(p[key].asString(), patch.bytes)) {
+        std::string error;
+        if (!p[key].isString() || !pmtools::ParseHexBytes(p[key].asString(), patch.bytes, error)) {
             return r.Fail("patch", "bytes at " + key + " must be a string of hex pairs");
         }
         if (offset + patch.bytes.size() > recordSize) {

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "BoxSim.h"
+#include "MessageText.h"
 #include "Pty.h"
 #include "SerialBase.h"
 #include "SerialDevExtendBox.h"
@@ -112,7 +113,8 @@ inline Child* AddChild(pmtest::ServiceHarness& service, unsigned mainId) {
 
 inline std::vector<uint8_t> Hex(const std::string& text) {
     std::vector<uint8_t> bytes;
-    boxsim::ParseHex(text, bytes);
+    std::string error;
+    pmtools::ParseHexBytes(text, bytes, error);
     return bytes;
 }
 

@@ -6,6 +6,8 @@
 
 #include <cstdint>
 
+#include "SerialDefine.h"
+
 // Commands of the box's own frames (the command byte, offset 4).
 enum eExtendBoxCmd : unsigned char {
     EXTEND_BOX_CMD_SUB_SERIAL_DATA = 0x00,  // no command byte: a sub-port's bytes
@@ -35,7 +37,7 @@ enum enumPeripheralUpgradeState {
 
 enum : unsigned int {
     EXTEND_BOX_DEV_ID = 0x04,
-    EXTEND_BOX_FRAME_SIZE = 1024,  // the frame builders' and the receive path's buffers
+    EXTEND_BOX_FRAME_SIZE = SERIAL_DELIVERY_SIZE,  // the frame builders' and receivers' buffers
     EXTEND_BOX_MAX_SUB_ID = 4,
     EXTEND_BOX_MAX_PARAM_ID = 12,
     EXTEND_BOX_VERSION_SIZE = 32,

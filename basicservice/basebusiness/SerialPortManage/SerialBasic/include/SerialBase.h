@@ -35,10 +35,6 @@ struct SerialRecvStamp_t {
 };
 static_assert(sizeof(SerialRecvStamp_t) == 24, "receive bookkeeping is 24 bytes");
 
-// What one GetSerialBufferData hands out at most, and what one delivery may leave in the
-// receive buffer before older bytes are dropped: size a plug-in's read buffer by it.
-enum : unsigned int { SERIAL_DELIVERY_SIZE = 1024 };
-
 // Received bytes reach ProcessPeripheralData through PreProcessPeripheralData, on the serial
 // reader thread (main-chip tty), on the bus thread (MCU relay) or on the father box's reader
 // path (sub-port), always with the buffer lock held. Plug-ins read the bytes with

@@ -70,4 +70,9 @@ enum : unsigned char {
     SERIAL_PROPERTY_ALL = 0x1F,
 };
 
+// What one GetSerialBufferData hands out at most, and what one delivery may leave in the
+// receive buffer before older bytes are dropped: size a plug-in's read buffer by it. It is
+// also the most one read of a tty, one MCU message and one box frame carry.
+enum : unsigned int { SERIAL_DELIVERY_SIZE = 1024 };
+
 #endif

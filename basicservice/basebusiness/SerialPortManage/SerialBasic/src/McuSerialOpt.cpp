@@ -20,7 +20,7 @@ constexpr const char kLogTag[] = "MCU_OPT: ";
 // Event 1090: main id (uint16) at 16, sub id (uint16) at 18, data length (uint32) at 20.
 // Payload of event 1090: main id, sub id, data length, then the data.
 constexpr unsigned int kRecvDataOffset = 8;
-constexpr unsigned int kRecvBufferSize = 1024;
+constexpr unsigned int kRecvBufferSize = SERIAL_DELIVERY_SIZE;
 // Message 1088: main id (uint16), sub id (uint16), data length (uint32), then the data.
 constexpr unsigned int kSendHeadSize = 8;
 

@@ -18,6 +18,26 @@ using manage::kLogTag;
 
 using manage::SameIdentity;
 
+namespace {
+
+// The peripherals built into the library; the records hold plug-in releasers, which answer
+// nothing.
+struct BuiltInBox {
+    unsigned int mainId;
+    PeripheralCreateFn create;
+    PeripheralReleaseFn release;
+    const char* failText;
+};
+const BuiltInBox kBuiltInBoxes[] = {
+    {PERIPHERAL_MAINID_EXTEND_BOX, ExtendBoxCreate, [](CPeripheralBase* p) { ExtendBoxRelease(p); },
+     "S_MANAGE: ExtendBox instance create failed\n"},
+    {PERIPHERAL_MAINID_EXTEND_HUB_BOX, ExtendBoxHubCreate,
+     [](CPeripheralBase* p) { ExtendBoxHubRelease(p); },
+     "S_MANAGE: ExtendHub Box instance create failed\n"},
+};
+
+}  // namespace
+
 // ---------------------------------------------------------------------------------------------
 // Plug-in loader and instance registry
 
@@ -30,16 +50,10 @@ int CPeripheralManage::CreatePeripheralInstance(ePeripheralType type, unsigned i
         }
     }
     if (type == PERIPHERAL_TYPE_SERIAL && subId == 0) {
-        if (mainId == PERIPHERAL_MAINID_EXTEND_BOX) {
-            // The records hold plug-in releasers, which answer nothing.
-            return CreateBuiltInBox(
-                ExtendBoxCreate, [](CPeripheralBase* p) { ExtendBoxRelease(p); }, mainId,
-                "S_MANAGE: ExtendBox instance create failed\n");
-        }
-        if (mainId == PERIPHERAL_MAINID_EXTEND_HUB_BOX) {
-            return CreateBuiltInBox(
-                ExtendBoxHubCreate, [](CPeripheralBase* p) { ExtendBoxHubRelease(p); }, mainId,
-                "S_MANAGE: ExtendHub Box instance create failed\n");
+        for (const BuiltInBox& box : kBuiltInBoxes) {
+            if (box.mainId == mainId) {
+                return CreateBuiltInBox(box.create, box.release, mainId, box.failText);
+            }
         }
     }
     return OpenPeripheralLib(type, mainId, subId);

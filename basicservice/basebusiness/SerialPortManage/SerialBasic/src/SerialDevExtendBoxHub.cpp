@@ -106,9 +106,5 @@ CPeripheralBase* ExtendBoxHubCreate(CPeripheralManage* manage, CMsgClientManage*
 }
 
 int ExtendBoxHubRelease(CPeripheralBase* instance) {
-    if (instance != nullptr) {
-        instance->StopPeripheralThread();
-        delete instance;
-    }
-    return 1;
+    return ExtendBoxRelease(instance);  // both stop the thread, then delete
 }

@@ -33,7 +33,7 @@ constexpr const char kLogTag[] = "SERIAL_OPERATE: ";
 std::atomic<int> g_readerTimeoutMs{1000};
 // How long a port whose read failed (hang-up, unplugged adapter) stays out of select.
 constexpr int kFailedReadRetryMs = 200;
-constexpr size_t kReadChunk = 1024;
+constexpr size_t kReadChunk = SERIAL_DELIVERY_SIZE;
 // Descriptors 0-2 are the standard streams' numbers: a tty that gets one (the host closed a
 // stream) would receive every printf, and the reader never serves descriptor 0.
 constexpr int kFirstPortFd = 3;
