@@ -43,6 +43,7 @@
 #include "Pty.h"
 #include "SerialBase.h"
 #include "SerialDevExtendBox.h"
+#include "TestPeripherals.h"
 #include "ServiceHarness.h"
 
 namespace {
@@ -109,16 +110,14 @@ std::string Config(const std::map<int, std::string>& paths) {
 }
 
 // A protocol plug-in that answers every byte with itself: the least a plug-in can do.
-class EchoSerial : public CSerialBase {
+class EchoSerial : public pmtest::TakingSerial {
 public:
     EchoSerial(ServiceHarness& service, unsigned mainId, unsigned subId = 0)
-        : CSerialBase(&service.Manager(), service.ManagerClient(), mainId, subId) {}
+        : TakingSerial(&service.Manager(), service.ManagerClient(), mainId, subId) {}
     ~EchoSerial() override { CloseMainChipSerial(); }
-    int ProcessPeripheralData() override {
-        char bytes[1024];
-        unsigned length = 0;
-        GetSerialBufferData(bytes, length);
-        ClearSerialBufferValue();
+
+protected:
+    int Take(const char* bytes, unsigned length) override {
         if (length > 0) {
             SendDataToPeripheral(bytes, length);
         }
@@ -127,19 +126,17 @@ public:
 };
 
 // A child behind a box that only takes its bytes: the box path without a plug-in's own work.
-class CountingSerial : public CSerialBase {
+class CountingSerial : public pmtest::TakingSerial {
 public:
     CountingSerial(ServiceHarness& service, unsigned mainId, unsigned subId = 0)
-        : CSerialBase(&service.Manager(), service.ManagerClient(), mainId, subId) {}
-    int ProcessPeripheralData() override {
-        char bytes[1024];
-        unsigned length = 0;
-        GetSerialBufferData(bytes, length);
-        ClearSerialBufferValue();
+        : TakingSerial(&service.Manager(), service.ManagerClient(), mainId, subId) {}
+    size_t received = 0;
+
+protected:
+    int Take(const char*, unsigned length) override {
         received += length;
         return 0;
     }
-    size_t received = 0;
 };
 
 // The floor of a tty echo: select, read, write on the slave side, nothing else.

@@ -24,6 +24,7 @@
 #include "ConsoleOutput.h"
 #include "SerialDevOperate.h"
 #include "SerialPortWriter.h"
+#include "TestPeripherals.h"
 #include "ServiceHarness.h"
 
 namespace {
@@ -154,22 +155,20 @@ private:
     unsigned m_heldId = 0;
 };
 
-class RecordingSerial : public CSerialBase {
+class RecordingSerial : public pmtest::TakingSerial {
 public:
     RecordingSerial(CPeripheralManage* manage, Journal& journal, unsigned mainId, unsigned subId)
-        : CSerialBase(manage, manage->GetMsgClient(), mainId, subId), m_journal(journal) {}
-    int ProcessPeripheralData() override {
-        char bytes[2048];
-        unsigned length = 0;
-        GetSerialBufferData(bytes, length);
-        ClearSerialBufferValue();
+        : TakingSerial(manage, manage->GetMsgClient(), mainId, subId), m_journal(journal) {}
+    std::function<void(const std::string&)> onDelivery;
+
+protected:
+    int Take(const char* bytes, unsigned length) override {
         if (onDelivery) {
             onDelivery(std::string(bytes, length));  // on the reader thread
         }
         m_journal.Record(GetMainId(), std::string(bytes, length));
         return 0;
     }
-    std::function<void(const std::string&)> onDelivery;
 
 private:
     Journal& m_journal;

@@ -12,6 +12,7 @@
 
 #include "PeripheralEvents.h"
 #include "SerialDevExtendBox.h"
+#include "TestPeripherals.h"
 #include "ServiceHarness.h"
 #include "ToolProcess.h"
 #include "UpgradeFile.h"
@@ -23,15 +24,13 @@ using pmtest::ServiceHarness;
 using pmtest::WaitUntil;
 
 // Echoes what reaches it, prefixed, so that the way back is told from the way in.
-class EchoChild : public CSerialBase {
+class EchoChild : public pmtest::TakingSerial {
 public:
     EchoChild(ServiceHarness& service, unsigned mainId)
-        : CSerialBase(&service.Manager(), service.ManagerClient(), mainId, 0) {}
-    int ProcessPeripheralData() override {
-        char bytes[SERIAL_DELIVERY_SIZE];
-        unsigned length = 0;
-        GetSerialBufferData(bytes, length);
-        ClearSerialBufferValue();
+        : TakingSerial(&service.Manager(), service.ManagerClient(), mainId, 0) {}
+
+protected:
+    int Take(const char* bytes, unsigned length) override {
         const std::string answer = "echo:" + std::string(bytes, length);
         return SendDataToPeripheral(answer.data(), answer.size()) < 0 ? -1 : 0;
     }

@@ -18,6 +18,7 @@
 #include "Pty.h"
 #include "SerialBase.h"
 #include "SerialDevExtendBox.h"
+#include "TestPeripherals.h"
 #include "ServiceHarness.h"
 
 namespace boxtest {
@@ -60,10 +61,10 @@ inline std::atomic<int>& ReachableAtRelease() {
 
 // A sub-port peripheral as a plug-in writes it: keeps what it is handed. When it goes, it
 // checks that no box's table holds it any more.
-class Child : public CSerialBase {
+class Child : public pmtest::TakingSerial {
 public:
     Child(CPeripheralManage* manage, CMsgClientManage* client, unsigned mainId, unsigned subId = 0)
-        : CSerialBase(manage, client, mainId, subId) {}
+        : TakingSerial(manage, client, mainId, subId) {}
     ~Child() override {
         for (unsigned boxId : {PERIPHERAL_MAINID_EXTEND_BOX, PERIPHERAL_MAINID_EXTEND_HUB_BOX}) {
             auto* box = dynamic_cast<CSerialDevExtendBox*>(
@@ -73,11 +74,7 @@ public:
             }
         }
     }
-    int ProcessPeripheralData() override {
-        char bytes[SERIAL_DELIVERY_SIZE];
-        unsigned length = 0;
-        GetSerialBufferData(bytes, length);
-        ClearSerialBufferValue();
+    int Take(const char* bytes, unsigned length) override {
         m_received.append(bytes, length);
         return 0;
     }
