@@ -16,9 +16,13 @@ namespace pmtools {
 
 namespace {
 
-constexpr size_t kCountOffset = 96;
-constexpr size_t kEntryCrcOffset = 64;
-constexpr size_t kEntryLengthOffset = 76;
+// Within the file, not the record: the service's offsets less the record's head.
+constexpr size_t kCountOffset = UPGRADE_FILE_COUNT_OFFSET - UPGRADE_FILE_HEAD_OFFSET;
+constexpr size_t kEntry0 = UPGRADE_FILE_HEAD_OFFSET + UPGRADE_FILE_HEAD_SIZE;
+constexpr size_t kEntryCrcOffset = UPGRADE_FILE_CRC_OFFSET - kEntry0;
+constexpr size_t kEntryLengthOffset = UPGRADE_FILE_IMAGE_LEN_OFFSET - kEntry0;
+static_assert(kCountOffset == 96 && kEntryCrcOffset == 64 && kEntryLengthOffset == 76,
+              "the file's head and first entry as the file format describes them");
 constexpr char kMagic[] = "PMFW";
 
 }  // namespace
@@ -74,8 +78,9 @@ std::vector<uint8_t> UpgradeFileRecord(const std::string& name, const std::vecto
     record[1] = 3;  // the peripherals' upgrade files
     record[2] = 0;  // from the USB disk
     const std::string base = name.substr(name.find_last_of('/') + 1);
-    memcpy(record.data() + 4, base.data(), std::min(base.size(), kUpgradeNameSize - 1));
-    Common::PutLe32(record.data() + 68, static_cast<uint32_t>(file.size()));
+    memcpy(record.data() + UPGRADE_FILE_NAME_OFFSET, base.data(),
+           std::min(base.size(), kUpgradeNameSize - 1));
+    Common::PutLe32(record.data() + UPGRADE_FILE_LENGTH_OFFSET, static_cast<uint32_t>(file.size()));
     record.insert(record.end(), file.begin(), file.end());
     return record;
 }

@@ -12,12 +12,16 @@
 #include <string>
 #include <vector>
 
+#include "ExtendBoxRecords.h"
+
 namespace pmtools {
 
-constexpr size_t kUpgradeHeadSize = 100;
-constexpr size_t kUpgradeEntrySize = 80;
-constexpr size_t kUpgradeNameSize = 64;
-constexpr size_t kUpgradeRecordHeadSize = 104;  // state, type, location, reserved, name, length, 32
+// The layout is the service's (ExtendBoxRecords.h), which counts from the record's start.
+constexpr size_t kUpgradeHeadSize = UPGRADE_FILE_HEAD_SIZE;
+constexpr size_t kUpgradeEntrySize = UPGRADE_FILE_ENTRY_SIZE;
+constexpr size_t kUpgradeNameSize = UPGRADE_FILE_NAME_SIZE;
+// state, type, location, reserved, name, length, 32 bytes: the file follows
+constexpr size_t kUpgradeRecordHeadSize = UPGRADE_FILE_HEAD_OFFSET;
 
 uint32_t UpgradeCrc(const uint8_t* data, size_t size);
 

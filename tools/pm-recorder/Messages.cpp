@@ -1,9 +1,11 @@
 #include "Messages.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <cstring>
 
 #include "BusWire.h"
+#include "PeripheralDefine.h"
 
 namespace pmrecorder {
 
@@ -167,23 +169,24 @@ Bytes EncodeCanFilterState(uint8_t port, uint8_t count) {
 
 std::vector<Bytes> EncodeCanReceive(uint16_t mainId, uint16_t subId, uint8_t port,
                                     const std::vector<CanFrame>& frames, size_t maxItems) {
-    constexpr size_t kHead = 8;
-    constexpr size_t kItem = 16;
+    constexpr size_t kHead = sizeof(CanRecvHead_t);
+    constexpr size_t kItem = sizeof(CanRecvItem_t);
     std::vector<Bytes> events;
     maxItems = std::max<size_t>(maxItems, 1);
     for (size_t first = 0; first < frames.size(); first += maxItems) {
         size_t n = std::min(maxItems, frames.size() - first);
         Bytes b(kHead + n * kItem, 0);
-        PutLe16(b.data(), mainId);
-        PutLe16(b.data() + 2, subId);
-        b[4] = port;
-        PutLe16(b.data() + 6, static_cast<uint32_t>(n));
+        PutLe16(b.data() + offsetof(CanRecvHead_t, usFuncId), mainId);
+        PutLe16(b.data() + offsetof(CanRecvHead_t, usSubId), subId);
+        b[offsetof(CanRecvHead_t, ucCanPort)] = port;
+        PutLe16(b.data() + offsetof(CanRecvHead_t, usItemNum), static_cast<uint32_t>(n));
         for (size_t i = 0; i < n; ++i) {
             const CanFrame& f = frames[first + i];
             uint8_t* item = b.data() + kHead + i * kItem;
-            PutLe32(item, f.id);
-            item[4] = std::min<uint8_t>(f.length, 8);
-            memcpy(item + 8, f.data, item[4]);
+            PutLe32(item + offsetof(CanRecvItem_t, uiCanId), f.id);
+            uint8_t& length = item[offsetof(CanRecvItem_t, ucDataLen)];
+            length = std::min<uint8_t>(f.length, 8);
+            memcpy(item + offsetof(CanRecvItem_t, data), f.data, length);
         }
         events.push_back(std::move(b));
     }
@@ -191,22 +194,22 @@ std::vector<Bytes> EncodeCanReceive(uint16_t mainId, uint16_t subId, uint8_t por
 }
 
 bool DecodeCanSend(const uint8_t* payload, size_t size, CanSendRequest& out, std::string& error) {
-    constexpr size_t kSize = 24;
+    constexpr size_t kSize = sizeof(CanSendFrame_t);
     if (payload == nullptr || size < kSize) {
         error = "CAN send request shorter than 24 bytes (" + std::to_string(size) + ")";
         return false;
     }
-    out.mainId = static_cast<uint16_t>(GetLe16(payload));
-    out.subId = static_cast<uint16_t>(GetLe16(payload + 2));
+    out.mainId = static_cast<uint16_t>(GetLe16(payload + offsetof(CanSendFrame_t, usMainId)));
+    out.subId = static_cast<uint16_t>(GetLe16(payload + offsetof(CanSendFrame_t, usSubId)));
     out.frame = CanFrame();
-    out.frame.id = GetLe32(payload + 8);
+    out.frame.id = GetLe32(payload + offsetof(CanSendFrame_t, uiCanId));
     out.frame.extended = out.frame.id > kCanStandardMax;
-    out.frame.length = payload[12];
+    out.frame.length = payload[offsetof(CanSendFrame_t, ucDataLen)];
     if (out.frame.length > 8) {
         error = "CAN send request says " + std::to_string(out.frame.length) + " data bytes; sent 8";
         out.frame.length = 8;
     }
-    memcpy(out.frame.data, payload + 16, out.frame.length);
+    memcpy(out.frame.data, payload + offsetof(CanSendFrame_t, data), out.frame.length);
     return true;
 }
 
