@@ -133,6 +133,7 @@ TEST(ExtendBoxLink, CommandsAreFramedForTheirLineAndRangeChecked) {
         {EXTEND_BOX_CMD_MCU_TEST, {}, "41 01 00"},  // asked as 0x41
         {EXTEND_BOX_CMD_SET_TRANSFORM_TYPE, {0x10, 0x99}, "A0 01 10"},
         {EXTEND_BOX_CMD_HUB_IO_STATUS, {}, "06 01 02"},
+        {EXTEND_BOX_CMD_UPGRADE_START, {}, "01 09 53 54 41 52 54 00 00 00 00"},  // no image yet
         {EXTEND_BOX_CMD_UPGRADE_END, {}, "03 07 45 4E 44 00 00 00 00"},
     };
     for (const auto& c : commands) {

@@ -110,6 +110,7 @@ TEST(UpgradeSession, ReportsKeepTheRecordOfSourcesZeroToThreeOnly) {
     EXPECT_EQ(other.source, 5);
     for (unsigned char s = 4; s < EXTEND_BOX_STATE_RECORDS; ++s) {
         EXPECT_EQ(session.RecordOf(s).source, 0xFF) << int(s);
+        EXPECT_EQ(session.RecordOf(s).state, 0) << "nobody's record: " << int(s);
     }
     session.End();
     EXPECT_EQ(session.RecordOf(2).state, PERIPHERAL_UPGRADE_FAILED) << "records outlive a session";
