@@ -244,11 +244,14 @@ TEST(ExtendBoxUpgrade, TriggersThatAreRefusedEndInTheirState) {
         SCOPED_TRACE("offline");
         Upgradable u;
         ASSERT_TRUE(u.BringUp());
-        // Silent from now on: three keep-alives later it counts as offline.
+        // Silent from now on: three keep-alives later it counts as offline. An answer still
+        // on its way when the box fell silent starts the count again, so the (simulated)
+        // clock runs until the box is offline, not for a number of cycles that assumes none.
         u.firmware.With([](boxsim::BoxModel& m) { m.faults.silent = true; });
-        for (int i = 0; i < 20 && u.box->GetCurPeripheralStatus(); ++i) {
+        ASSERT_TRUE(pmtest::WaitUntil([&] {
             u.box->PeripheralThreadCycle(u.now += 1000);
-        }
+            return !u.box->GetCurPeripheralStatus();
+        }));
         ASSERT_FALSE(u.box->GetCurPeripheralStatus());
         u.Upgrade(record, 1);
         EXPECT_TRUE(u.WaitFinal(4));
