@@ -514,8 +514,14 @@ TEST_F(BusClient, AFloodNeitherTrapsTheWaitingLoopNorGrowsMemoryWithoutBound) {
     // 3 s is far beyond any pause of a loaded machine (one of 2 s was seen under ASan in CI).
     EXPECT_LT(longest, std::chrono::seconds(3)) << "the loop was held";
     // The client's queue (64 MiB), ZeroMQ's queue in front of it and the broker's two queues
-    // (this test runs the broker) bound it.
-    EXPECT_LT(peak - before, 600L * 1024) << "KiB";
+    // (this test runs the broker) bound it. ThreadSanitizer keeps shadow memory for all of it,
+    // which roughly doubles what the same queues take (663 MB once seen in CI).
+#if defined(__SANITIZE_THREAD__)
+    constexpr long kBoundKiB = 1200L * 1024;
+#else
+    constexpr long kBoundKiB = 600L * 1024;
+#endif
+    EXPECT_LT(peak - before, kBoundKiB) << "KiB";
 }
 
 // What does not fit the receive queue goes oldest first, from the event that has the most
