@@ -2,9 +2,6 @@
 
 #include <errno.h>
 #include <fcntl.h>
-#include <poll.h>
-#include <pthread.h>
-#include <signal.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -18,6 +15,8 @@
 #include <climits>
 #include <mutex>
 #include <vector>
+
+#include "FdIo.h"
 
 namespace Common {
 
@@ -122,55 +121,16 @@ int Output(LogState& s) {
 
 // False when the output cannot take the whole record now (a full pipe nobody reads): the record
 // is lost rather than the caller held. Records up to PIPE_BUF bytes go into a pipe whole or not
-// at all.
-// A write to a pipe whose reader is gone raises SIGPIPE, which ends a program that did not
-// ignore it: the signal is held back for this thread during the write and the one the write
-// raised is taken out again, so that logging never depends on the host for that.
-ssize_t WriteWithoutSigpipe(int fd, const char* data, size_t size) {
-    sigset_t pipe;
-    sigset_t old;
-    sigemptyset(&pipe);
-    sigaddset(&pipe, SIGPIPE);
-    pthread_sigmask(SIG_BLOCK, &pipe, &old);
-    sigset_t pending;
-    sigpending(&pending);
-    const bool wasPending = sigismember(&pending, SIGPIPE) == 1;
-    const ssize_t n = write(fd, data, size);
-    const int error = errno;
-    if (n < 0 && error == EPIPE && !wasPending) {
-        const struct timespec zero = {0, 0};
-        while (sigtimedwait(&pipe, nullptr, &zero) < 0 && errno == EINTR) {
-        }
-    }
-    pthread_sigmask(SIG_SETMASK, &old, nullptr);
-    errno = error;
-    return n;
-}
-
+// at all. Logging never depends on the host ignoring SIGPIPE.
 bool WriteTo(int fd, bool lookBeforeWrite, const std::string& bytes) {
-    if (lookBeforeWrite) {
-        struct pollfd ready = {fd, POLLOUT, 0};
-        if (poll(&ready, 1, 0) != 1 || (ready.revents & POLLOUT) == 0) {
-            return false;
-        }
-    }
-    size_t done = 0;
-    while (done < bytes.size()) {
-        ssize_t n = WriteWithoutSigpipe(fd, bytes.data() + done, bytes.size() - done);
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n <= 0) {
-            return false;
-        }
-        done += static_cast<size_t>(n);
-    }
-    return true;
+    WriteMode mode;
+    mode.lookFirst = lookBeforeWrite;
+    mode.holdSigpipe = true;
+    return Common::WriteAll(fd, bytes.data(), bytes.size(), mode) == bytes.size();
 }
 
 bool WriteAll(LogState& s, const std::string& bytes) {
-    const int fd = Output(s);
-    return WriteTo(fd, s.lookBeforeWrite, bytes);
+    return WriteTo(Output(s), s.lookBeforeWrite, bytes);
 }
 
 std::string Prefix(int level) {

@@ -1,31 +1,22 @@
 #include "Pty.h"
 
 #include <errno.h>
-#include <fcntl.h>
 #include <poll.h>
-#include <stdlib.h>
 #include <string.h>
-#include <termios.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <stdexcept>
 
+#include "FdIo.h"
+
 namespace pmtest {
 
 Pty::Pty() {
-    m_master = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
+    m_master = Common::OpenPtyMaster(m_slavePath);
     if (m_master < 0) {
-        throw std::runtime_error(std::string("posix_openpt: ") + strerror(errno));
+        throw std::runtime_error(std::string("no pseudo-terminal: ") + strerror(errno));
     }
-    char name[128];
-    if (grantpt(m_master) != 0 || unlockpt(m_master) != 0 ||
-        ptsname_r(m_master, name, sizeof name) != 0) {
-        int error = errno;
-        close(m_master);
-        throw std::runtime_error(std::string("pty slave: ") + strerror(error));
-    }
-    m_slavePath = name;
 }
 
 Pty::~Pty() {
@@ -33,18 +24,9 @@ Pty::~Pty() {
 }
 
 bool Pty::Send(const std::string& bytes) {
-    size_t done = 0;
-    while (done < bytes.size()) {
-        ssize_t n = write(m_master, bytes.data() + done, bytes.size() - done);
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n <= 0) {
-            return false;
-        }
-        done += static_cast<size_t>(n);
-    }
-    return true;
+    Common::WriteMode mode;
+    mode.waitMs = -1;
+    return Common::WriteAll(m_master, bytes.data(), bytes.size(), mode) == bytes.size();
 }
 
 std::string Pty::Receive(size_t count, std::chrono::milliseconds timeout) {
@@ -75,12 +57,7 @@ std::string Pty::Receive(size_t count, std::chrono::milliseconds timeout) {
 }
 
 bool Pty::MakeRaw() {
-    struct termios tio;
-    if (tcgetattr(m_master, &tio) != 0) {
-        return false;
-    }
-    cfmakeraw(&tio);
-    return tcsetattr(m_master, TCSANOW, &tio) == 0;
+    return Common::MakePtyRaw(m_master);
 }
 
 void Pty::HangUp() {

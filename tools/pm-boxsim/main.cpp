@@ -4,7 +4,6 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <poll.h>
-#include <pty.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -21,6 +20,7 @@
 
 #include "BoxSim.h"
 #include "CommonLog.h"
+#include "FdIo.h"
 #include "MessageText.h"
 
 namespace {
@@ -137,19 +137,12 @@ bool LoadScript(const std::string& path, boxsim::BoxModel& model) {
     return true;
 }
 
+// Non-blocking: see Deliver.
 int OpenPty(std::string& path) {
-    int master = -1;
-    int slave = -1;
-    char name[128] = {};
-    struct termios raw;
-    memset(&raw, 0, sizeof(raw));
-    cfmakeraw(&raw);
-    if (openpty(&master, &slave, name, &raw, nullptr) != 0) {
-        return -1;
+    const int master = Common::OpenPtyMaster(path, O_NONBLOCK);
+    if (master >= 0) {
+        Common::MakePtyRaw(master);  // the other side opens the path
     }
-    close(slave);  // the master keeps the pair; the other side opens the path
-    path = name;
-    fcntl(master, F_SETFL, fcntl(master, F_GETFL) | O_NONBLOCK);  // see WriteAll
     return master;
 }
 
@@ -174,26 +167,10 @@ long long NowMs() {
 
 // Writes what the other side takes within `waitMs`; the rest is lost, as on a wire whose
 // receiver stopped. Never holds the box for longer: its control commands must get through.
-void WriteAll(int fd, const std::vector<uint8_t>& bytes, int waitMs) {
-    const long long until = NowMs() + waitMs;
-    size_t done = 0;
-    while (done < bytes.size()) {
-        const ssize_t n = write(fd, bytes.data() + done, bytes.size() - done);
-        if (n > 0) {
-            done += static_cast<size_t>(n);
-            continue;
-        }
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        const long long left = until - NowMs();
-        if (n < 0 && errno == EAGAIN && left > 0) {
-            struct pollfd room = {fd, POLLOUT, 0};
-            poll(&room, 1, static_cast<int>(left));
-            continue;
-        }
-        return;
-    }
+void Deliver(int fd, const std::vector<uint8_t>& bytes, int waitMs) {
+    Common::WriteMode mode;
+    mode.waitMs = waitMs;
+    Common::WriteAll(fd, bytes.data(), bytes.size(), mode);
 }
 
 class BoxSimulator {
@@ -292,7 +269,7 @@ private:
             }
             for (const auto& [id, bytes] : out.toSub) {
                 if (id >= 1 && id <= static_cast<int>(m_sub.size())) {
-                    WriteAll(m_sub[static_cast<size_t>(id - 1)], bytes, 0);
+                    Deliver(m_sub[static_cast<size_t>(id - 1)], bytes, 0);
                 }
             }
         }
@@ -309,7 +286,7 @@ private:
 
     void Send(const boxsim::Frame& frame) {
         Trace("->", frame);
-        WriteAll(m_line, boxsim::Encode(frame), kLineWriteWaitMs);
+        Deliver(m_line, boxsim::Encode(frame), kLineWriteWaitMs);
     }
 
     void Trace(const char* way, const boxsim::Frame& frame) {

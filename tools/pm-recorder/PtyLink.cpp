@@ -12,6 +12,7 @@
 #include <filesystem>
 #include <system_error>
 
+#include "FdIo.h"
 #include "Scenario.h"
 
 namespace pmrecorder {
@@ -67,19 +68,12 @@ const SpeedName kSpeeds[] = {{2400, B2400},   {4800, B4800},   {9600, B9600},   
 
 std::unique_ptr<PtyLink> PtyLink::Create(const std::string& link, std::string& error) {
     std::unique_ptr<PtyLink> pty(new PtyLink());
-    pty->m_master = posix_openpt(O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
+    pty->m_master = Common::OpenPtyMaster(pty->m_slaveName, O_NONBLOCK);
     if (pty->m_master < 0) {
-        error = ErrnoText("posix_openpt");
+        error = ErrnoText("no pseudo-terminal");
         return nullptr;
     }
-    char name[PATH_MAX] = {};
-    if (grantpt(pty->m_master) != 0 || unlockpt(pty->m_master) != 0 ||
-        ptsname_r(pty->m_master, name, sizeof(name)) != 0) {
-        error = ErrnoText("cannot unlock a pty");
-        return nullptr;
-    }
-    pty->m_slaveName = name;
-    pty->m_slave = open(name, O_RDWR | O_NOCTTY | O_CLOEXEC);
+    pty->m_slave = open(pty->m_slaveName.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC);
     if (pty->m_slave < 0) {
         error = ErrnoText("cannot open " + pty->m_slaveName);
         return nullptr;
@@ -125,19 +119,12 @@ ssize_t PtyLink::Read(uint8_t* buffer, size_t size) {
 }
 
 bool PtyLink::Write(const uint8_t* data, size_t size, std::string& error) {
-    size_t done = 0;
-    while (done < size) {
-        ssize_t n = write(m_master, data + done, size - done);
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n <= 0) {
-            error = n < 0 && errno == EAGAIN ? "nobody reads " + m_link + ": " +
-                                                   std::to_string(size - done) + " bytes dropped"
-                                             : ErrnoText("cannot write " + m_link);
-            return false;
-        }
-        done += static_cast<size_t>(n);
+    const size_t done = Common::WriteAll(m_master, data, size, Common::WriteMode());
+    if (done < size) {
+        error = errno == EAGAIN ? "nobody reads " + m_link + ": " + std::to_string(size - done) +
+                                      " bytes dropped"
+                                : ErrnoText("cannot write " + m_link);
+        return false;
     }
     return true;
 }

@@ -2,20 +2,17 @@
 
 #include <errno.h>
 #include <fcntl.h>
-#include <poll.h>
-#include <pthread.h>
-#include <signal.h>
 #include <stdarg.h>
 #include <limits.h>
 #include <stdio.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <mutex>
 #include <vector>
+
+#include "FdIo.h"
 
 namespace {
 
@@ -71,62 +68,19 @@ int Output(Console& c) {
     return c.fd;
 }
 
-// A write to a pipe whose reader is gone raises SIGPIPE, which ends a host that did not ignore
-// it. The signal is held back for this thread during the write, and the one the write raised
-// is taken out again, so that the service never depends on its host for that.
-ssize_t WriteWithoutSigpipe(int fd, const char* data, size_t size) {
-    sigset_t pipe;
-    sigset_t old;
-    sigemptyset(&pipe);
-    sigaddset(&pipe, SIGPIPE);
-    pthread_sigmask(SIG_BLOCK, &pipe, &old);
-    sigset_t pending;
-    sigpending(&pending);
-    const bool wasPending = sigismember(&pending, SIGPIPE) == 1;
-    ssize_t n = write(fd, data, size);
-    const int error = errno;
-    if (n < 0 && error == EPIPE && !wasPending) {
-        const struct timespec zero = {0, 0};
-        while (sigtimedwait(&pipe, nullptr, &zero) < 0 && errno == EINTR) {
-        }
-    }
-    pthread_sigmask(SIG_SETMASK, &old, nullptr);
-    errno = error;
-    return n;
-}
-
+// SIGPIPE is held back during the writes: a reader gone from a pipe must not end a host that
+// did not ignore it, so the service never depends on its host for that.
 bool WriteAll(Console& c, const char* data, size_t size) {
     const int fd = Output(c);
     if (fd < 0) {
         return false;  // no standard output at all
     }
-    if (c.lookBeforeWrite) {
-        struct pollfd ready = {fd, POLLOUT, 0};
-        if (poll(&ready, 1, 0) != 1 || (ready.revents & POLLOUT) == 0) {
-            return false;
-        }
-    }
-    size_t done = 0;
-    while (done < size) {
-        size_t chunk = size - done;
-        if (c.lookBeforeWrite) {
-            // Room for one write of PIPE_BUF is what a reported POLLOUT promises at least.
-            chunk = std::min<size_t>(chunk, PIPE_BUF);
-            struct pollfd ready = {fd, POLLOUT, 0};
-            if (done > 0 && (poll(&ready, 1, 0) != 1 || (ready.revents & POLLOUT) == 0)) {
-                break;
-            }
-        }
-        const ssize_t n = c.socket ? send(fd, data + done, chunk, MSG_DONTWAIT | MSG_NOSIGNAL)
-                                   : WriteWithoutSigpipe(fd, data + done, chunk);
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n <= 0) {
-            break;
-        }
-        done += static_cast<size_t>(n);
-    }
+    Common::WriteMode mode;
+    mode.lookFirst = c.lookBeforeWrite;
+    mode.chunk = c.lookBeforeWrite ? PIPE_BUF : 0;
+    mode.holdSigpipe = true;
+    mode.socket = c.socket;
+    const size_t done = Common::WriteAll(fd, data, size, mode);
     // A record that went out in part (larger than the output's room) counts as lost; the next
     // begins on a line of its own.
     c.cut = done > 0 && done < size;
