@@ -13,17 +13,9 @@ namespace {
 
 constexpr uint8_t kStart = Common::kFrameStartMark;
 constexpr uint8_t kEnd = Common::kFrameEndMark;
-constexpr uint8_t kCmdUpgradeStart = 0x01;
-constexpr uint8_t kCmdUpgradeData = 0x02;
-constexpr uint8_t kCmdUpgradeEnd = 0x03;
-constexpr uint8_t kCmdVersion = 0x04;
-constexpr uint8_t kCmdIoStatus = 0x06;
-constexpr uint8_t kCmdHeartbeat = 0x07;
-constexpr uint8_t kCmdSubSetting = 0x20;
+// The box's command codes are the service's (ExtendBoxRecords.h); these two it has not.
 constexpr uint8_t kCmdIoReport = 0x33;
-constexpr uint8_t kCmdMcuTest = 0x41;        // asked as 0x41 ...
-constexpr uint8_t kCmdMcuTestAnswer = 0x40;  // ... answered as 0x40
-constexpr uint8_t kCmdLinkMode = 0xA0;
+constexpr uint8_t kCmdMcuTest = 0x41;     // asked as 0x41, answered as EXTEND_BOX_CMD_MCU_TEST
 constexpr uint8_t kSubDataDevice = 0xFF;  // device byte of the data a sub-port device sent
 
 void AppendBe32(std::vector<uint8_t>& out, uint32_t v) {
@@ -156,33 +148,34 @@ BoxModel::Output BoxModel::OnFrame(const Frame& in) {
 void BoxModel::FirmwareAnswer(uint8_t cmd, const std::vector<uint8_t>& payload, const Frame& in,
                               Output& out) {
     switch (cmd) {
-        case kCmdLinkMode:
+        case EXTEND_BOX_CMD_SET_TRANSFORM_TYPE:
             m_linkMode = payload.empty() ? 0 : payload[0];
-            out.toLine.push_back(Own(kCmdLinkMode, {1}));
+            out.toLine.push_back(Own(EXTEND_BOX_CMD_SET_TRANSFORM_TYPE, {1}));
             break;
-        case kCmdVersion:
-            out.toLine.push_back(Own(kCmdVersion, std::vector<uint8_t>(m_options.version.begin(),
-                                                                       m_options.version.end())));
+        case EXTEND_BOX_CMD_GET_VERSION:
+            out.toLine.push_back(
+                Own(EXTEND_BOX_CMD_GET_VERSION,
+                    std::vector<uint8_t>(m_options.version.begin(), m_options.version.end())));
             break;
-        case kCmdHeartbeat:
-            out.toLine.push_back(Own(kCmdHeartbeat, {1}));
+        case EXTEND_BOX_CMD_HEARTBEAT:
+            out.toLine.push_back(Own(EXTEND_BOX_CMD_HEARTBEAT, {1}));
             break;
-        case kCmdSubSetting:
+        case EXTEND_BOX_CMD_SET_SUB_SERIAL:
             if (payload.size() >= 6) {
                 m_settings[payload[0]] = std::vector<uint8_t>(payload.begin(), payload.begin() + 6);
             }
-            out.toLine.push_back(
-                Own(kCmdSubSetting, {faults.refuseSettings ? uint8_t(0) : uint8_t(1)}));
+            out.toLine.push_back(Own(EXTEND_BOX_CMD_SET_SUB_SERIAL,
+                                     {faults.refuseSettings ? uint8_t(0) : uint8_t(1)}));
             break;
         case kCmdMcuTest:
-            out.toLine.push_back(Own(kCmdMcuTestAnswer, {1}));
+            out.toLine.push_back(Own(EXTEND_BOX_CMD_MCU_TEST, {1}));
             break;
-        case kCmdIoStatus:
+        case EXTEND_BOX_CMD_HUB_IO_STATUS:
             out.toLine.push_back(IoReport(0));
             break;
-        case kCmdUpgradeStart:
-        case kCmdUpgradeData:
-        case kCmdUpgradeEnd:
+        case EXTEND_BOX_CMD_UPGRADE_START:
+        case EXTEND_BOX_CMD_UPGRADE_DATA:
+        case EXTEND_BOX_CMD_UPGRADE_END:
             Upgrade(in, out);
             break;
         default:
@@ -205,19 +198,19 @@ void BoxModel::ApplyLineFaults(Output& out) {
 void BoxModel::Upgrade(const Frame& in, Output& out) {
     const uint8_t cmd = in.body[0];
     const std::vector<uint8_t> payload(in.body.begin() + 2, in.body.end());
-    if (cmd == kCmdUpgradeStart) {
+    if (cmd == EXTEND_BOX_CMD_UPGRADE_START) {
         if (payload.size() < 9 || faults.refuseStart) {
-            out.toLine.push_back(Own(kCmdUpgradeStart, {'B', 'U', 'S', 'Y', '!', 0}));
+            out.toLine.push_back(Own(EXTEND_BOX_CMD_UPGRADE_START, {'B', 'U', 'S', 'Y', '!', 0}));
             return;
         }
         m_imageLength = Common::GetBe32(payload.data() + 5);
         m_image.clear();
         m_lineSizes.clear();
         m_nextLine = 1;
-        out.toLine.push_back(Own(kCmdUpgradeStart, {'R', 'E', 'A', 'D', 'Y', 0}));
+        out.toLine.push_back(Own(EXTEND_BOX_CMD_UPGRADE_START, {'R', 'E', 'A', 'D', 'Y', 0}));
         return;
     }
-    if (cmd == kCmdUpgradeData) {
+    if (cmd == EXTEND_BOX_CMD_UPGRADE_DATA) {
         if (payload.size() < 4) {
             return;
         }
@@ -238,7 +231,7 @@ void BoxModel::Upgrade(const Frame& in, Output& out) {
             ++m_nextLine;
         }
         answer.push_back(good ? 1 : 0);
-        out.toLine.push_back(Own(kCmdUpgradeData, answer));
+        out.toLine.push_back(Own(EXTEND_BOX_CMD_UPGRADE_DATA, answer));
         return;
     }
     const bool good = payload.size() >= 7 && m_image.size() == m_imageLength &&
@@ -250,7 +243,7 @@ void BoxModel::Upgrade(const Frame& in, Output& out) {
             m_options.version = m_options.newVersion;
         }
     }
-    out.toLine.push_back(Own(kCmdUpgradeEnd, {good ? uint8_t(1) : uint8_t(0)}));
+    out.toLine.push_back(Own(EXTEND_BOX_CMD_UPGRADE_END, {good ? uint8_t(1) : uint8_t(0)}));
 }
 
 Frame BoxModel::FromSubPort(int subId, const std::vector<uint8_t>& bytes) const {
