@@ -113,6 +113,44 @@ void Report(const char* what, const std::vector<double>& bus, const std::vector<
 
 }  // namespace
 
+// Round trips and bursts of the client API against bare sockets, on the running broker.
+void Measure(const Common::CMsgBroker& broker, int perBlock) {
+    BusPair bus;
+    bench::BareBusPair raw(broker.Endpoints(), kRawRequest, kRawBurstEvent, kPayload);
+    char payload[kPayload];
+    memset(payload, 'x', sizeof payload);
+    for (int i = 0; i < 1000; ++i) {  // warm up both paths
+        bus.RoundTrip(payload);
+        raw.RoundTrip(payload);
+    }
+    std::vector<double> busTimes;
+    std::vector<double> rawTimes;
+    // Short blocks alternate so that the machine's changing load hits both sides alike.
+    for (int block = 0; block < kBlocks; ++block) {
+        for (int i = 0; i < perBlock; ++i) {
+            busTimes.push_back(Micros(bus.RoundTrip(payload)));
+        }
+        for (int i = 0; i < perBlock; ++i) {
+            rawTimes.push_back(Micros(raw.RoundTrip(payload)));
+        }
+    }
+    printf("bus benchmark: %d round trips each, %d-byte payload, broker on ipc\n",
+           kBlocks * perBlock, kPayload);
+    Report("round trip (us)", busTimes, rawTimes);
+
+    std::vector<double> busRates;
+    std::vector<double> rawRates;
+    for (int block = 0; block < 3; ++block) {
+        busRates.push_back(kBurst / std::chrono::duration<double>(bus.Burst(payload)).count());
+        rawRates.push_back(kBurst /
+                           std::chrono::duration<double>(raw.Burst(payload, kBurst)).count());
+    }
+    double busRate = Percentile(busRates, 0.5);
+    double rawRate = Percentile(rawRates, 0.5);
+    printf("%-22s bus median %8.0f | bare median %8.0f | time ratio %.3f\n",
+           "burst of 100000 (msg/s)", busRate, rawRate, rawRate / busRate);
+}
+
 int main(int argc, char** argv) {
     int perBlock = argc > 1 ? atoi(argv[1]) : 50;
     if (perBlock <= 0) {
@@ -133,41 +171,7 @@ int main(int argc, char** argv) {
         if (broker.Start() != 0) {
             fprintf(stderr, "broker did not start at %s\n", address.c_str());
         } else {
-            BusPair bus;
-            bench::BareBusPair raw(broker.Endpoints(), kRawRequest, kRawBurstEvent, kPayload);
-            char payload[kPayload];
-            memset(payload, 'x', sizeof payload);
-            for (int i = 0; i < 1000; ++i) {  // warm up both paths
-                bus.RoundTrip(payload);
-                raw.RoundTrip(payload);
-            }
-            std::vector<double> busTimes;
-            std::vector<double> rawTimes;
-            // Short blocks alternate so that the machine's changing load hits both sides alike.
-            for (int block = 0; block < kBlocks; ++block) {
-                for (int i = 0; i < perBlock; ++i) {
-                    busTimes.push_back(Micros(bus.RoundTrip(payload)));
-                }
-                for (int i = 0; i < perBlock; ++i) {
-                    rawTimes.push_back(Micros(raw.RoundTrip(payload)));
-                }
-            }
-            printf("bus benchmark: %d round trips each, %d-byte payload, broker on ipc\n",
-                   kBlocks * perBlock, kPayload);
-            Report("round trip (us)", busTimes, rawTimes);
-
-            std::vector<double> busRates;
-            std::vector<double> rawRates;
-            for (int block = 0; block < 3; ++block) {
-                busRates.push_back(kBurst /
-                                   std::chrono::duration<double>(bus.Burst(payload)).count());
-                rawRates.push_back(
-                    kBurst / std::chrono::duration<double>(raw.Burst(payload, kBurst)).count());
-            }
-            double busRate = Percentile(busRates, 0.5);
-            double rawRate = Percentile(rawRates, 0.5);
-            printf("%-22s bus median %8.0f | bare median %8.0f | time ratio %.3f\n",
-                   "burst of 100000 (msg/s)", busRate, rawRate, rawRate / busRate);
+            Measure(broker, perBlock);
             rc = 0;
         }
     }

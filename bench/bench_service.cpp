@@ -492,65 +492,68 @@ long RssKiB() {
     return 0;
 }
 
-void BenchIdle(int seconds, bool serviceOnly = false) {
-    Usage serviceUse{};
-    long rss = 0;
-    {
-        std::vector<Pty> ptys(8);
-        ServiceHarness service(Config(MainChipPositions(ptys)));
-        service.Start(true);
-        service.SendSetting(TwelveOf(kGpsId));
-        paramCanSetting_t can{};
-        for (int port = 0; port < 4; ++port) {
-            can.port[port].mainFun = kCanId;
-            can.port[port].subFun = static_cast<uint8_t>(port);
-        }
-        service.SendSetting(can);
-        QuietLogs();
-        std::this_thread::sleep_for(std::chrono::seconds(1));  // past the set-up's traffic
-        const Usage before = Sample();
-        std::this_thread::sleep_for(std::chrono::seconds(seconds));
-        const Usage after = Sample();
-        serviceUse = {after.cpu - before.cpu, after.wakeups - before.wakeups};
-        rss = RssKiB();
+// The service idle with 12 serial and 4 CAN instances; `rss` its resident memory then.
+Usage IdleService(int seconds, long& rss) {
+    std::vector<Pty> ptys(8);
+    ServiceHarness service(Config(MainChipPositions(ptys)));
+    service.Start(true);
+    service.SendSetting(TwelveOf(kGpsId));
+    paramCanSetting_t can{};
+    for (int port = 0; port < 4; ++port) {
+        can.port[port].mainFun = kCanId;
+        can.port[port].subFun = static_cast<uint8_t>(port);
     }
+    service.SendSetting(can);
+    QuietLogs();
+    std::this_thread::sleep_for(std::chrono::seconds(1));  // past the set-up's traffic
+    const Usage before = Sample();
+    std::this_thread::sleep_for(std::chrono::seconds(seconds));
+    const Usage after = Sample();
+    rss = RssKiB();
+    return {after.cpu - before.cpu, after.wakeups - before.wakeups};
+}
+
+// The model: the manager's 10 ms wait on the bus, the reader's 1 s select, and the test
+// world's own recorder pump (10 ms), which the service's figure includes as well.
+Usage IdleModel(int seconds) {
+    pmtest::PrivateBus bus;
+    std::atomic<bool> stop{false};
+    CMsgClientManage manager("model.manager", 300000);
+    CMsgClientManage recorder("model.recorder", 300000);
+    std::thread managerThread([&] {
+        while (!stop) {
+            manager.MSGWaitForEvent(10);
+        }
+    });
+    std::thread recorderThread([&] {
+        while (!stop) {
+            recorder.MSGWaitForEvent(10);
+        }
+    });
+    std::thread reader([&] {
+        while (!stop) {
+            struct timeval timeout = {1, 0};
+            select(0, nullptr, nullptr, nullptr, &timeout);
+        }
+    });
+    std::this_thread::sleep_for(std::chrono::seconds(1));
+    const Usage before = Sample();
+    std::this_thread::sleep_for(std::chrono::seconds(seconds));
+    const Usage after = Sample();
+    stop = true;
+    managerThread.join();
+    recorderThread.join();
+    reader.join();
+    return {after.cpu - before.cpu, after.wakeups - before.wakeups};
+}
+
+void BenchIdle(int seconds, bool serviceOnly = false) {
+    long rss = 0;
+    const Usage serviceUse = IdleService(seconds, rss);
     if (serviceOnly) {
         return;
     }
-    // The model: the manager's 10 ms wait on the bus, the reader's 1 s select, and the test
-    // world's own recorder pump (10 ms), which the service's figure includes as well.
-    Usage modelUse{};
-    {
-        pmtest::PrivateBus bus;
-        std::atomic<bool> stop{false};
-        CMsgClientManage manager("model.manager", 300000);
-        CMsgClientManage recorder("model.recorder", 300000);
-        std::thread managerThread([&] {
-            while (!stop) {
-                manager.MSGWaitForEvent(10);
-            }
-        });
-        std::thread recorderThread([&] {
-            while (!stop) {
-                recorder.MSGWaitForEvent(10);
-            }
-        });
-        std::thread reader([&] {
-            while (!stop) {
-                struct timeval timeout = {1, 0};
-                select(0, nullptr, nullptr, nullptr, &timeout);
-            }
-        });
-        std::this_thread::sleep_for(std::chrono::seconds(1));
-        const Usage before = Sample();
-        std::this_thread::sleep_for(std::chrono::seconds(seconds));
-        const Usage after = Sample();
-        modelUse = {after.cpu - before.cpu, after.wakeups - before.wakeups};
-        stop = true;
-        managerThread.join();
-        recorderThread.join();
-        reader.join();
-    }
+    const Usage modelUse = IdleModel(seconds);
     Row("idle_cpu", "idle CPU, 12 serial + 4 CAN instances", "% core",
         {100.0 * serviceUse.cpu / seconds}, {100.0 * modelUse.cpu / seconds});
     Row("idle_wakeups", "idle context switches, 12 serial + 4 CAN instances", "1/s",
