@@ -10,7 +10,7 @@ DEMO_FLAGS ?=
 FUZZ_SECONDS ?= 60
 
 .PHONY: all deps configure build test demo sanitize-test tsan-test cross-build cross-test \
-        cross-install bench fuzz format format-check install clean
+        cross-install bench fuzz format format-check install clean regress regress-update
 
 all: build
 
@@ -28,6 +28,14 @@ test: build
 
 demo: build
 	@bash scripts/demo.sh $(BUILD_DIR) $(DEMO_FLAGS)
+
+# Recorded sessions (tests/sessions/) replayed against the real service; `regress-update`
+# rewrites their expected output (docs/tools.md, "Record, replay and regress").
+regress: build
+	@bash scripts/regress.sh --build $(BUILD_DIR)
+
+regress-update: build
+	@bash scripts/regress.sh --update --build $(BUILD_DIR)
 
 # The same tests under AddressSanitizer/UBSan and under ThreadSanitizer, in their own trees.
 sanitize-test: deps

@@ -22,6 +22,8 @@ packages=(
   libsodium23 libsodium-dev libpgm-5.3-0 libpgm-dev libnorm1 libnorm-dev libxml2-dev
   libgssapi-krb5-2 libkrb5-3 libk5crypto3 libkrb5support0 libcom-err2 libkeyutils1
   libkrb5-dev krb5-multidev libbsd0 libbsd-dev libmd0 libmd-dev
+  # pm-top's terminal library.
+  libncurses-dev libncurses6 libncursesw6 libtinfo6
 )
 stamp=$root/.packages
 if [ -f "$stamp" ] && [ "$(cat "$stamp")" = "${packages[*]}" ]; then

@@ -10,6 +10,7 @@ packages=(
   googletest libgtest-dev libgmock-dev libbenchmark-dev
   clang-format clang libclang-rt-14-dev
   python3 python3-zmq python3-serial
+  libncurses-dev tmux
   "$@"
 )
 

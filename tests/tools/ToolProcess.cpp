@@ -33,7 +33,7 @@ std::string ReadFile(const std::string& path) {
 }
 
 ToolProcess::ToolProcess(const std::string& tool, const std::vector<std::string>& args, int outFd,
-                         int errFd) {
+                         int errFd, int inFd) {
     std::vector<std::string> argv = EmulatorArgs();
     argv.push_back(tool[0] == '/' ? tool : BinDir() + "/" + tool);
     argv.insert(argv.end(), args.begin(), args.end());
@@ -46,7 +46,11 @@ ToolProcess::ToolProcess(const std::string& tool, const std::vector<std::string>
     const std::string err = m_dir.File("err");
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+    if (inFd >= 0) {
+        posix_spawn_file_actions_adddup2(&actions, inFd, 0);
+    } else {
+        posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+    }
     if (outFd >= 0) {
         posix_spawn_file_actions_adddup2(&actions, outFd, 1);
     } else {

@@ -23,9 +23,10 @@ std::string ReadFile(const std::string& path);
 class ToolProcess {
 public:
     // `outFd` and `errFd`, when given, become the tool's stdout and stderr instead of files
-    // (a pipe, for instance); the caller keeps its own copies.
+    // (a pipe, for instance); `inFd` its stdin instead of /dev/null. The caller keeps its own
+    // copies.
     ToolProcess(const std::string& tool, const std::vector<std::string>& args, int outFd = -1,
-                int errFd = -1);
+                int errFd = -1, int inFd = -1);
     ~ToolProcess();
     ToolProcess(const ToolProcess&) = delete;
     ToolProcess& operator=(const ToolProcess&) = delete;

@@ -17,6 +17,10 @@ struct Arguments {
     double timeoutS = -1;       // --timeout; negative: none given
     uint32_t id = 0;            // ID of send, wait, call
     std::vector<uint8_t> payload;
+    std::string file;                // FILE of record and replay
+    double forS = -1;                // record --for; negative: until stopped
+    std::vector<uint32_t> fromList;  // replay --from: sender module ids; empty: all
+    double speed = 1;                // replay --speed
 };
 
 // Module id that pm-bus sends and registers under unless --from says otherwise.
@@ -28,6 +32,8 @@ int RunSend(const Arguments& args);
 int RunWait(const Arguments& args);
 int RunCall(const Arguments& args);
 int RunNames();
+int RunRecord(const Arguments& args);
+int RunReplay(const Arguments& args);
 
 // Prints one rendered message to stdout and flushes it (the output is usually piped).
 void PrintMessage(const uint8_t* message, size_t size, bool fullHex);

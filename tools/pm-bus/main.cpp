@@ -1,4 +1,5 @@
 // pm-bus: the desktop bus from a shell: broker, monitor, send, wait, call.
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -22,7 +23,10 @@ const char kUsage[] =
     "       pm-bus wait ID [--timeout S] [--hex]\n"
     "       pm-bus call ID [HEX] [--timeout S] [--from N] [--hex]\n"
     "       pm-bus names\n"
+    "       pm-bus record FILE [--for S]\n"
+    "       pm-bus replay FILE [--from LIST] [--only LIST] [--speed N]\n"
     "ID: decimal, 0x hex, or a name from `pm-bus names`; LIST: IDs separated by commas.\n"
+    "replay --from: sender module ids; --only: event ids. Format of FILE: docs/bus.md.\n"
     "HEX: payload bytes, e.g. \"01 02 ff\" (spaces allowed, may span several arguments).\n"
     "The bus is the one named by RECORDER_BUS (default /tmp/recorder-bus).\n";
 
@@ -38,20 +42,61 @@ bool ParseTimeout(const std::string& text, double& seconds) {
            seconds <= 1e6;
 }
 
+bool ParseSpeed(const std::string& text, double& speed) {
+    return ParseTimeout(text, speed) && speed >= 0.001;
+}
+
+bool ParseModuleList(const std::string& text, std::vector<uint32_t>& ids) {
+    size_t start = 0;
+    while (start <= text.size()) {
+        size_t comma = std::min(text.find(',', start), text.size());
+        uint64_t number = 0;
+        if (!pmtools::ParseNumber(text.substr(start, comma - start), INT32_MAX, number)) {
+            return false;
+        }
+        ids.push_back(static_cast<uint32_t>(number));
+        start = comma + 1;
+    }
+    return true;
+}
+
+// The options of record and replay.
+int ParseSessionOption(const std::string& arg, const std::string& value, pmbus::Arguments& args) {
+    std::string bad;
+    if (arg == "--for" && !ParseTimeout(value, args.forS)) {
+        return Usage("bad duration " + value + " (seconds)");
+    }
+    if (arg == "--speed" && !ParseSpeed(value, args.speed)) {
+        return Usage("bad speed " + value + " (a factor, at least 0.001)");
+    }
+    if (arg == "--only" && !pmtools::ParseEventIdList(value, args.ids, bad)) {
+        return Usage("unknown event id '" + bad + "'");
+    }
+    if (arg == "--from" && !ParseModuleList(value, args.fromList)) {
+        return Usage("bad module id list " + value);
+    }
+    return 0;
+}
+
+enum class Words { None, Id, File };  // ID: and for send and call an optional payload
+
 struct CommandSpec {
     const char* name;
     std::set<std::string> options;
-    bool takesId;  // ID, and for send and call an optional payload
+    Words words;
+    int (*run)(const pmbus::Arguments& args);
 };
 
 const CommandSpec* FindCommand(const std::string& name) {
     static const CommandSpec commands[] = {
-        {"broker", {}, false},
-        {"monitor", {"--ids", "--hex"}, false},
-        {"send", {"--request", "--from"}, true},
-        {"wait", {"--timeout", "--hex"}, true},
-        {"call", {"--timeout", "--from", "--hex"}, true},
-        {"names", {}, false},
+        {"broker", {}, Words::None, [](const pmbus::Arguments&) { return pmbus::RunBroker(); }},
+        {"monitor", {"--ids", "--hex"}, Words::None, pmbus::RunMonitor},
+        {"send", {"--request", "--from"}, Words::Id, pmbus::RunSend},
+        {"wait", {"--timeout", "--hex"}, Words::Id, pmbus::RunWait},
+        {"call", {"--timeout", "--from", "--hex"}, Words::Id, pmbus::RunCall},
+        {"names", {}, Words::None, [](const pmbus::Arguments&) { return pmbus::RunNames(); }},
+        {"record", {"--for"}, Words::File, pmbus::RunRecord},
+        {"replay", {"--from", "--only", "--speed"}, Words::File, pmbus::RunReplay},
     };
     for (const CommandSpec& c : commands) {
         if (name == c.name) {
@@ -82,6 +127,12 @@ int ParseOptions(const CommandSpec& command, int argc, char** argv, pmbus::Argum
             return Usage("missing value for " + arg);
         }
         std::string value = argv[++i];
+        if (command.words == Words::File) {
+            if (int rc = ParseSessionOption(arg, value, args)) {
+                return rc;
+            }
+            continue;
+        }
         std::string bad;
         uint64_t number = 0;
         if (arg == "--ids" && !pmtools::ParseEventIdList(value, args.ids, bad)) {
@@ -147,13 +198,18 @@ int main(int argc, char** argv) {
     if (int rc = ParseOptions(*entry, argc, argv, args, words)) {
         return rc;
     }
-    if (entry->takesId) {
+    if (entry->words == Words::Id) {
         if (int rc = ParseIdAndPayload(command, words, args)) {
             return rc;
         }
         if (command == "call" && (args.id & Common::kMsgAnswerBit) != 0) {
             return Usage("call needs a request id, without the answer bit 0x8000");
         }
+    } else if (entry->words == Words::File) {
+        if (words.size() != 1) {
+            return Usage(command + (words.empty() ? " needs a session file" : " takes one file"));
+        }
+        args.file = words[0];
     } else if (!words.empty()) {
         return Usage("unexpected argument " + words[0]);
     }
@@ -162,20 +218,5 @@ int main(int argc, char** argv) {
     if (command != "send" && command != "names") {
         pmtools::BlockStopSignals();
     }
-    if (command == "broker") {
-        return pmbus::RunBroker();
-    }
-    if (command == "monitor") {
-        return pmbus::RunMonitor(args);
-    }
-    if (command == "send") {
-        return pmbus::RunSend(args);
-    }
-    if (command == "wait") {
-        return pmbus::RunWait(args);
-    }
-    if (command == "call") {
-        return pmbus::RunCall(args);
-    }
-    return pmbus::RunNames();
+    return entry->run(args);
 }
