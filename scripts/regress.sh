@@ -81,7 +81,11 @@ PYEOF
 
 # Runs one session in $2 (a scratch folder); the service's bus traffic ends up in $2/actual.bus.
 run_session() {
-  local dir=$1 tmp=$2 scenario from pids=() pid
+  local dir=$1 tmp=$2 scenario from pid
+  # Whatever way the session ends, nothing it started outlives it: a program left behind
+  # would hold the caller's output open (and a test runner waiting on it).
+  pids=()
+  trap 'for pid in "${pids[@]}"; do kill -TERM "$pid" 2>/dev/null; done; wait' EXIT
   scenario="$SRC/$(conf scenario "$dir")"
   from=$(conf from "$dir")
   export RECORDER_BUS="$tmp/bus" PM_LOG_LEVEL=${PM_LOG_LEVEL:-1}
@@ -109,13 +113,17 @@ run_session() {
   if [ -n "$ready" ]; then wait_for "$tmp/companions.log" "$ready" || return 1; fi
   "$BIN/pm-bus" record "$tmp/actual.bus" 2>"$tmp/record.log" &
   local record=$!
+  pids+=($record)
   wait_for "$tmp/record.log" "recording" || return 1
-  "$BIN/pm-bus" replay "$dir/session.bus" --from "$from" 2>"$tmp/replay.log" &
+  # --sync: the recording meets the service where it began, however slowly it starts.
+  "$BIN/pm-bus" replay "$dir/session.bus" --from "$from" --sync 2>"$tmp/replay.log" &
   local replay=$!
+  pids+=($replay)
   wait_for "$tmp/replay.log" "replaying" || return 1
   RECORDER_ROOT="$tmp/root" PM_LOG_FILE="$tmp/service.log" "$BIN/pm-host" \
     >/dev/null 2>"$tmp/host.log" &
   local host=$!
+  pids+=($host)
   wait "$replay" || { echo "regress: the replay failed: $(cat "$tmp/replay.log")" >&2; return 1; }
   kill -TERM "$host" && wait "$host"
   kill -TERM "$record" && wait "$record"

@@ -21,6 +21,7 @@ struct Arguments {
     double forS = -1;                // record --for; negative: until stopped
     std::vector<uint32_t> fromList;  // replay --from: sender module ids; empty: all
     double speed = 1;                // replay --speed
+    bool sync = false;               // replay --sync
 };
 
 // Module id that pm-bus sends and registers under unless --from says otherwise.

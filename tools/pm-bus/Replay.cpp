@@ -26,6 +26,7 @@ using Bytes = std::vector<uint8_t>;
 constexpr int kSliceMs = 50;
 constexpr double kReadyTimeoutS = 10;
 constexpr size_t kEchoMemory = 1024;  // own frames that may still come back from the broker
+constexpr double kSyncTimeoutS = 60;  // for the live side's first message, with --sync
 
 std::string IdText(uint32_t id) {
     std::string name = pmtools::NameOfEvent(id);
@@ -117,6 +118,9 @@ private:
     double Elapsed() const {
         return std::chrono::duration<double>(Clock::now() - m_start).count() * m_args.speed;
     }
+    void FindSyncPoint(const std::vector<bool>& isRecordedAnswer);
+    void NoteSync(uint32_t eventId);
+    bool WaitForSync();
 
     const Arguments& m_args;
     const Session& m_session;
@@ -125,6 +129,11 @@ private:
     std::deque<Bytes> m_sent;  // own frames not yet seen coming back
     std::set<uint32_t> m_reported;
     Clock::time_point m_start;
+    // --sync: the first recorded message of the live side (one the replay does not play);
+    // the clock starts when the live side sends that id.
+    bool m_synced = true;
+    uint32_t m_syncId = 0;
+    double m_syncAt = 0;
     size_t m_played = 0;
     size_t m_answered = 0;
     size_t m_unanswered = 0;
@@ -149,7 +158,11 @@ void CReplayer::OnLive(const uint8_t* data, size_t size) {
         return;
     }
     pmtools::HeadFields head;
-    if (!pmtools::ReadHead(data, size, head) || !head.needAnswer || head.isAnswer) {
+    if (!pmtools::ReadHead(data, size, head)) {
+        return;
+    }
+    NoteSync(head.eventId);
+    if (!head.needAnswer || head.isAnswer) {
         return;
     }
     bool exact = false;
@@ -174,6 +187,46 @@ void CReplayer::OnLive(const uint8_t* data, size_t size) {
     ++m_answered;
 }
 
+void CReplayer::FindSyncPoint(const std::vector<bool>& isRecordedAnswer) {
+    if (!m_args.sync) {
+        return;
+    }
+    for (size_t i = 0; i < m_session.messages.size(); ++i) {
+        const Bytes& frame = m_session.messages[i].frame;
+        if (!isRecordedAnswer[i] && !Chosen(frame, m_args) && frame.size() >= 4) {
+            m_synced = false;
+            m_syncId = WordAt(frame, 0);
+            m_syncAt = m_session.messages[i].seconds;
+            return;
+        }
+    }
+    fprintf(stderr, "pm-bus: --sync: the recording holds nothing of the live side; starting now\n");
+}
+
+void CReplayer::NoteSync(uint32_t eventId) {
+    if (!m_synced && eventId == m_syncId) {
+        m_synced = true;
+        m_start = Clock::now() - std::chrono::duration_cast<Clock::duration>(
+                                     std::chrono::duration<double>(m_syncAt / m_args.speed));
+    }
+}
+
+// Until the live side's first message, requests are answered but nothing is played: a program
+// that starts slowly (under a sanitizer or an emulator) meets the recording where it began.
+bool CReplayer::WaitForSync() {
+    auto live = [this](const uint8_t* d, size_t s) { OnLive(d, s); };
+    const auto deadline = Clock::now() + std::chrono::seconds(static_cast<int>(kSyncTimeoutS));
+    while (!m_synced) {
+        if (pmtools::TakeStopSignal(0) != 0 || Clock::now() >= deadline) {
+            fprintf(stderr, "pm-bus: --sync: no %s from the live side; nothing replayed\n",
+                    IdText(m_syncId).c_str());
+            return false;
+        }
+        m_listener.Poll(kSliceMs, live);
+    }
+    return true;
+}
+
 int CReplayer::Run(const Common::BusEndpoints& ends) {
     std::vector<bool> isRecordedAnswer;
     m_book.Learn(m_session.messages, isRecordedAnswer);
@@ -192,6 +245,10 @@ int CReplayer::Run(const Common::BusEndpoints& ends) {
         return 1;
     }
     m_start = Clock::now();
+    FindSyncPoint(isRecordedAnswer);
+    if (!WaitForSync()) {
+        return 1;
+    }
     size_t next = 0;
     while (pmtools::TakeStopSignal(0) == 0) {
         for (; next < plan.size() && plan[next]->seconds <= Elapsed(); ++next, ++m_played) {

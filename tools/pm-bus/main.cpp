@@ -24,7 +24,7 @@ const char kUsage[] =
     "       pm-bus call ID [HEX] [--timeout S] [--from N] [--hex]\n"
     "       pm-bus names\n"
     "       pm-bus record FILE [--for S]\n"
-    "       pm-bus replay FILE [--from LIST] [--only LIST] [--speed N]\n"
+    "       pm-bus replay FILE [--from LIST] [--only LIST] [--speed N] [--sync]\n"
     "ID: decimal, 0x hex, or a name from `pm-bus names`; LIST: IDs separated by commas.\n"
     "replay --from: sender module ids; --only: event ids. Format of FILE: docs/bus.md.\n"
     "HEX: payload bytes, e.g. \"01 02 ff\" (spaces allowed, may span several arguments).\n"
@@ -96,7 +96,7 @@ const CommandSpec* FindCommand(const std::string& name) {
         {"call", {"--timeout", "--from", "--hex"}, Words::Id, pmbus::RunCall},
         {"names", {}, Words::None, [](const pmbus::Arguments&) { return pmbus::RunNames(); }},
         {"record", {"--for"}, Words::File, pmbus::RunRecord},
-        {"replay", {"--from", "--only", "--speed"}, Words::File, pmbus::RunReplay},
+        {"replay", {"--from", "--only", "--speed", "--sync"}, Words::File, pmbus::RunReplay},
     };
     for (const CommandSpec& c : commands) {
         if (name == c.name) {
@@ -119,8 +119,8 @@ int ParseOptions(const CommandSpec& command, int argc, char** argv, pmbus::Argum
         if (options->count(arg) == 0) {
             return Usage("unknown option " + arg + " for " + command.name);
         }
-        if (arg == "--hex" || arg == "--request") {
-            (arg == "--hex" ? args.hex : args.request) = true;
+        if (arg == "--hex" || arg == "--request" || arg == "--sync") {
+            (arg == "--hex" ? args.hex : arg == "--sync" ? args.sync : args.request) = true;
             continue;
         }
         if (i + 1 >= argc) {
