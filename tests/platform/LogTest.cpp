@@ -1,6 +1,7 @@
 // Log level, PM_LOG_FILE, whole lines under threads, and the capture hook.
 #include <ctype.h>
 #include <fcntl.h>
+#include <sys/socket.h>
 #include <spawn.h>
 #include <stdlib.h>
 #include <string.h>
@@ -125,11 +126,10 @@ TEST(Log, LongRecordsOfThreadsAreWholeLinesAppendedToPmLogFile) {
 
 // A log output nobody reads (stderr a pipe, stalled) costs records, never the caller: the
 // records it could not take are counted and the count comes out once it takes them again.
-TEST(Log, AStalledOutputLosesRecordsButNeverHoldsTheCaller) {
-    int err[2];
+// The child floods its log into `err[1]`, which nobody reads until it said "flooded".
+void StallAndCheckTheLoss(int (&err)[2]) {
     int in[2];
-    ASSERT_EQ(pipe2(err, O_CLOEXEC), 0);  // the child holds no end it does not use
-    ASSERT_EQ(pipe2(in, O_CLOEXEC), 0);
+    ASSERT_EQ(pipe2(in, O_CLOEXEC), 0);  // the child holds no end it does not use
     pmtest::TempDir dir;
     const std::string outPath = dir.File("out");
     posix_spawn_file_actions_t actions;
@@ -193,6 +193,19 @@ TEST(Log, AStalledOutputLosesRecordsButNeverHoldsTheCaller) {
     EXPECT_EQ(lost, 20000 - (lines.size() - 2));
     ASSERT_TRUE(ParseRecord(lines.back(), &level, &record));
     EXPECT_EQ(record, "after the stall");
+}
+
+TEST(Log, AStalledOutputLosesRecordsButNeverHoldsTheCaller) {
+    int err[2];
+    ASSERT_EQ(pipe2(err, O_CLOEXEC), 0);
+    StallAndCheckTheLoss(err);
+}
+
+// A socket cannot be reopened non-blocking as a pipe can: the log looks for room first.
+TEST(Log, AStalledSocketLosesRecordsButNeverHoldsTheCaller) {
+    int err[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, err), 0);
+    StallAndCheckTheLoss(err);
 }
 
 TEST(Log, CaptureHookSeesEveryLevelExactlyAsFormatted) {
