@@ -70,18 +70,21 @@ TEST_F(PmBusRecordTest, RecordKeepsEveryFrameByteForByteAndReplayReproducesIt) {
     EXPECT_EQ(session.messages[1].frame, Frame(0x7777777, 9, session.messages[1].frame[8], 0, {}));
     EXPECT_LE(session.messages[0].seconds, session.messages[1].seconds);
 
-    // An odd frame (length word not matching, an answer flag on an unknown id) goes through a
-    // file and a replay unchanged.
+    // An odd frame (length word not matching, an answer flag on an unknown id), one with a
+    // reserved bit of word 3 set and a cut one go through a file and a replay unchanged.
     Bytes odd = Frame(0xabcdef, 3, 77, 9 | Common::kMsgIsAnswerFlag, {0xde, 0xad});
+    Bytes reserved = Frame(0x13c, 3, 78, 2 | 1u << 30, {0x01, 0x02});
     std::string file = m_dir.File("odd.bus");
     WriteFile(file, pmbus::SessionHeader() + pmbus::FormatSessionLine(0, odd.data(), odd.size()) +
-                        "\n" + pmbus::FormatSessionLine(0.01, odd.data(), 4) + "\n");
+                        "\n" + pmbus::FormatSessionLine(0.01, odd.data(), 4) + "\n" +
+                        pmbus::FormatSessionLine(0.02, reserved.data(), reserved.size()) + "\n");
     pmbus::Session replayed = RecordWhile([&] {
         EXPECT_EQ(RunTool("pm-bus", {"replay", file}).status, 0);
     });
-    ASSERT_EQ(replayed.messages.size(), 2u);
+    ASSERT_EQ(replayed.messages.size(), 3u);
     EXPECT_EQ(replayed.messages[0].frame, odd);
     EXPECT_EQ(replayed.messages[1].frame, Bytes(odd.begin(), odd.begin() + 4));
+    EXPECT_EQ(replayed.messages[2].frame, reserved);
 }
 
 // Senders 5 and 6 take turns every 0.4 s of recorded time.
@@ -125,18 +128,22 @@ TEST_F(PmBusRecordTest, SyncedReplayStartsWithTheLiveSide) {
     pmbus::Session seen = RecordWhile([&] {
         ToolProcess replay("pm-bus", {"replay", file, "--from", "6", "--sync"});
         ASSERT_TRUE(replay.WaitErr("pm-bus: replaying")) << replay.Err();
-        // Longer than the recording's 0.4 s to sender 6's first message: unsynced, it would
-        // have gone out already.
-        std::this_thread::sleep_for(std::chrono::milliseconds(800));
+        // Each pause is longer than the recording's 0.4 s to sender 6's first message: started
+        // unsynced, or by the live side's other message, it would have gone out already.
+        const auto pause = std::chrono::milliseconds(800);
+        std::this_thread::sleep_for(pause);
+        EXPECT_EQ(RunTool("pm-bus", {"send", "0x300", "--from", "5"}).status, 0);
+        std::this_thread::sleep_for(pause);
         EXPECT_EQ(RunTool("pm-bus", {"send", "0x100", "--from", "5"}).status, 0);
         EXPECT_EQ(replay.WaitExit(), 0) << replay.Err();
     });
-    ASSERT_EQ(seen.messages.size(), 4u);
-    EXPECT_EQ(Common::GetLe32(seen.messages[0].frame.data() + 4), 5u);  // the live one first
-    for (size_t i = 1; i < 4; ++i) {
+    ASSERT_EQ(seen.messages.size(), 5u);
+    EXPECT_EQ(Common::GetLe32(seen.messages[0].frame.data()), 0x300u);  // the live ones first
+    EXPECT_EQ(Common::GetLe32(seen.messages[1].frame.data()), 0x100u);
+    for (size_t i = 2; i < 5; ++i) {
         EXPECT_EQ(Common::GetLe32(seen.messages[i].frame.data() + 4), 6u);
     }
-    EXPECT_GT(seen.messages[1].seconds - seen.messages[0].seconds, 0.3);
+    EXPECT_GT(seen.messages[2].seconds - seen.messages[1].seconds, 0.3);
 }
 
 TEST_F(PmBusRecordTest, ReplayAnswersLiveRequestsWithTheRecordedAnswer) {
@@ -158,6 +165,19 @@ TEST_F(PmBusRecordTest, ReplayAnswersLiveRequestsWithTheRecordedAnswer) {
     EXPECT_TRUE(replay.WaitErr("never answered 7002")) << replay.Err();
     replay.Signal(SIGTERM);
     EXPECT_EQ(replay.WaitExit(), 0) << replay.Err();
+
+    // Played, the recorded request is the replay's own: it goes out once, and the replay does
+    // not answer it when it comes back from the broker.
+    std::string own = m_dir.File("own.bus");
+    WriteFile(own, pmbus::SessionHeader() +
+                       pmbus::FormatSessionLine(0, request.data(), request.size()) + "\n" +
+                       pmbus::FormatSessionLine(0.1, answer.data(), answer.size()) +
+                       "\n0.500 end\n");
+    pmbus::Session seen = RecordWhile([&] {
+        EXPECT_EQ(RunTool("pm-bus", {"replay", own, "--from", "10"}).status, 0);
+    });
+    ASSERT_EQ(seen.messages.size(), 1u);
+    EXPECT_EQ(seen.messages[0].frame, request);
 }
 
 TEST_F(PmBusRecordTest, MalformedSessionLinesAreRefusedWithTheirLineNumber) {
