@@ -43,11 +43,13 @@ set(ENV{PKG_CONFIG_LIBDIR}
     "${PM_ARMHF_ROOT}/usr/lib/${PM_ARMHF_TRIPLE}/pkgconfig:${PM_ARMHF_ROOT}/usr/share/pkgconfig")
 
 # The libraries' own dependencies (libsodium behind libzmq, ...) are found at link time here;
-# Debian puts some of them below /lib.
+# Debian puts some of them below /lib. The /lib folder is also a search folder: ncurses' -dev
+# link is a script naming libncursesw.so.6, which lives there.
 set(_pm_armhf_libdirs
     "${PM_ARMHF_ROOT}/usr/lib/${PM_ARMHF_TRIPLE}:${PM_ARMHF_ROOT}/lib/${PM_ARMHF_TRIPLE}")
 foreach(_kind EXE SHARED MODULE)
-  set(CMAKE_${_kind}_LINKER_FLAGS_INIT "-Wl,-rpath-link,${_pm_armhf_libdirs}")
+  set(CMAKE_${_kind}_LINKER_FLAGS_INIT
+      "-Wl,-rpath-link,${_pm_armhf_libdirs} -L${PM_ARMHF_ROOT}/lib/${PM_ARMHF_TRIPLE}")
 endforeach()
 
 # One glibc only: the toolchain's sysroot; the unpacked libraries through the guest's
