@@ -201,7 +201,8 @@ pmtest::ToolResult Regress(const std::vector<std::string>& args) {
     std::vector<std::string> all = {std::string(PM_SOURCE_DIR) + "/scripts/regress.sh", "--build",
                                     pmtest::BinDir() + "/.."};
     all.insert(all.end(), args.begin(), args.end());
-    ToolProcess script("/bin/bash", all);
+    auto process = ToolProcess::OnHost("/bin/bash", all);
+    ToolProcess& script = *process;
     pmtest::ToolResult result;
     result.status = script.WaitExit(std::chrono::seconds(90));
     result.out = script.Out();

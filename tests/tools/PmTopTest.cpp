@@ -281,7 +281,7 @@ public:
 private:
     pmtest::ToolResult Run(std::vector<std::string> args) {
         args.insert(args.begin(), {"-L", m_socket});
-        return pmtest::RunTool(TmuxPath(), args);
+        return pmtest::RunHostProgram(TmuxPath(), args);
     }
     std::string m_socket;
     std::string m_last;

@@ -33,8 +33,17 @@ std::string ReadFile(const std::string& path) {
 }
 
 ToolProcess::ToolProcess(const std::string& tool, const std::vector<std::string>& args, int outFd,
-                         int errFd, int inFd) {
-    std::vector<std::string> argv = EmulatorArgs();
+                         int errFd, int inFd)
+    : ToolProcess(tool, args, outFd, errFd, inFd, false) {}
+
+std::unique_ptr<ToolProcess> ToolProcess::OnHost(const std::string& program,
+                                                 const std::vector<std::string>& args) {
+    return std::unique_ptr<ToolProcess>(new ToolProcess(program, args, -1, -1, -1, true));
+}
+
+ToolProcess::ToolProcess(const std::string& tool, const std::vector<std::string>& args, int outFd,
+                         int errFd, int inFd, bool onHost) {
+    std::vector<std::string> argv = onHost ? std::vector<std::string>() : EmulatorArgs();
     argv.push_back(tool[0] == '/' ? tool : BinDir() + "/" + tool);
     argv.insert(argv.end(), args.begin(), args.end());
     std::vector<char*> pointers;
@@ -112,13 +121,25 @@ bool ToolProcess::WaitErr(const std::string& needle) const {
     return WaitUntil([&] { return Err().find(needle) != std::string::npos; }, kToolWait);
 }
 
-ToolResult RunTool(const std::string& tool, const std::vector<std::string>& args) {
-    ToolProcess process(tool, args);
+namespace {
+
+ToolResult Finish(ToolProcess& process) {
     ToolResult result;
     result.status = process.WaitExit();
     result.out = process.Out();
     result.err = process.Err();
     return result;
+}
+
+}  // namespace
+
+ToolResult RunTool(const std::string& tool, const std::vector<std::string>& args) {
+    ToolProcess process(tool, args);
+    return Finish(process);
+}
+
+ToolResult RunHostProgram(const std::string& program, const std::vector<std::string>& args) {
+    return Finish(*ToolProcess::OnHost(program, args));
 }
 
 }  // namespace pmtest

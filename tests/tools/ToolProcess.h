@@ -5,6 +5,7 @@
 #include <sys/types.h>
 
 #include <chrono>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -27,6 +28,10 @@ public:
     // copies.
     ToolProcess(const std::string& tool, const std::vector<std::string>& args, int outFd = -1,
                 int errFd = -1, int inFd = -1);
+    // A program of the machine running the tests (tmux, a shell): never through the emulator
+    // that runs the build's own programs in a cross build.
+    static std::unique_ptr<ToolProcess> OnHost(const std::string& program,
+                                               const std::vector<std::string>& args);
     ~ToolProcess();
     ToolProcess(const ToolProcess&) = delete;
     ToolProcess& operator=(const ToolProcess&) = delete;
@@ -41,6 +46,9 @@ public:
     bool WaitErr(const std::string& needle) const;
 
 private:
+    ToolProcess(const std::string& tool, const std::vector<std::string>& args, int outFd, int errFd,
+                int inFd, bool onHost);
+
     TempDir m_dir;
     pid_t m_pid = -1;
     std::optional<int> m_status;
@@ -52,6 +60,8 @@ struct ToolResult {
     std::string err;
 };
 ToolResult RunTool(const std::string& tool, const std::vector<std::string>& args);
+// The same for a program of the machine running the tests (see ToolProcess::OnHost).
+ToolResult RunHostProgram(const std::string& program, const std::vector<std::string>& args);
 
 }  // namespace pmtest
 
