@@ -3,7 +3,6 @@
 //   pm-top [--root DIR]                      the live view (q quits)
 //   pm-top --once [--after S] [--root DIR]   listen S seconds, print one snapshot, exit
 #include <sys/time.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -15,6 +14,7 @@
 
 #include "BusListener.h"
 #include "BusWire.h"
+#include "CommonTime.h"
 #include "ConfigNames.h"
 #include "EventNames.h"
 #include "ExtendBoxRecords.h"
@@ -31,10 +31,9 @@ using pmtools::CBusListener;
 // The module id pm-top sends its requests under.
 constexpr uint32_t kPmTopModuleId = 0x70;
 
+// The platform's monotonic clock, which counts milliseconds.
 int64_t MonotonicMs() {
-    struct timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+    return Common::Q7R_TMGetSystemMicroSecond();
 }
 
 constexpr double kDefaultListenSeconds = 2.0;
